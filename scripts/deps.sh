@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the project needs, skipping those already installed.
+# Usage: scripts/deps.sh [build|test|bench|fuzz]...   (default: build)
+set -euo pipefail
+
+build=(cmake ninja-build g++ pkg-config libicu-dev libboost-iostreams-dev libfontconfig-dev)
+test=(libgtest-dev libgmock-dev g++-multilib python3-olefile libgsf-bin pst-utils pff-tools)
+bench=(libbenchmark-dev python3-olefile pst-utils pff-tools)
+fuzz=(clang-14 libclang-rt-14-dev)
+
+wanted=("${build[@]}")
+for set in "$@"; do
+  case "$set" in
+    build) ;;
+    test) wanted+=("${test[@]}") ;;
+    bench) wanted+=("${bench[@]}") ;;
+    fuzz) wanted+=("${fuzz[@]}") ;;
+    *) echo "deps.sh: unknown set '$set'" >&2; exit 2 ;;
+  esac
+done
+
+missing=()
+for pkg in "${wanted[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$pkg")
+  fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+sudo=""
+[ "$(id -u)" -ne 0 ] && sudo="sudo"
+echo "deps.sh: installing ${missing[*]}" >&2
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

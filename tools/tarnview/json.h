@@ -1,0 +1,116 @@
+// A small streaming JSON writer for tarnview's --json output: enough for objects, arrays, strings and
+// numbers, with commas and escaping handled here rather than by each command.
+#ifndef TARN_TOOLS_TARNVIEW_JSON_H_
+#define TARN_TOOLS_TARNVIEW_JSON_H_
+
+#include <cstdint>
+#include <ostream>
+#include <string_view>
+#include <vector>
+
+namespace tarnview {
+
+class JsonWriter {
+public:
+    explicit JsonWriter(std::ostream& out) : out_(out) {}
+
+    JsonWriter& BeginObject() { return Open('{'); }
+    JsonWriter& EndObject() { return Close('}'); }
+    JsonWriter& BeginArray() { return Open('['); }
+    JsonWriter& EndArray() { return Close(']'); }
+
+    // Inside an object: the next value's key.
+    JsonWriter& Key(std::string_view key) {
+        Separate();
+        String(key);
+        out_ << ':';
+        after_key_ = true;
+        return *this;
+    }
+
+    JsonWriter& Value(std::string_view text) {
+        Separate();
+        String(text);
+        return *this;
+    }
+    JsonWriter& Value(const char* text) { return Value(std::string_view(text)); }
+    JsonWriter& Value(bool b) {
+        Separate();
+        out_ << (b ? "true" : "false");
+        return *this;
+    }
+    JsonWriter& Value(int64_t n) {
+        Separate();
+        out_ << n;
+        return *this;
+    }
+    JsonWriter& Value(uint64_t n) {
+        Separate();
+        out_ << n;
+        return *this;
+    }
+    JsonWriter& Value(int32_t n) { return Value(static_cast<int64_t>(n)); }
+    JsonWriter& Value(uint32_t n) { return Value(static_cast<uint64_t>(n)); }
+    JsonWriter& Null() {
+        Separate();
+        out_ << "null";
+        return *this;
+    }
+
+    template <typename T>
+    JsonWriter& Field(std::string_view key, const T& value) {
+        Key(key);
+        return Value(value);
+    }
+
+private:
+    JsonWriter& Open(char c) {
+        Separate();
+        out_ << c;
+        first_.push_back(true);
+        return *this;
+    }
+    JsonWriter& Close(char c) {
+        out_ << c;
+        if (!first_.empty()) first_.pop_back();
+        return *this;
+    }
+    void Separate() {
+        if (after_key_) {
+            after_key_ = false;
+            return;
+        }
+        if (!first_.empty()) {
+            if (!first_.back()) out_ << ',';
+            first_.back() = false;
+        }
+    }
+    void String(std::string_view text) {
+        out_ << '"';
+        for (unsigned char c : text) {
+            switch (c) {
+                case '"': out_ << "\\\""; break;
+                case '\\': out_ << "\\\\"; break;
+                case '\n': out_ << "\\n"; break;
+                case '\r': out_ << "\\r"; break;
+                case '\t': out_ << "\\t"; break;
+                default:
+                    if (c < 0x20) {
+                        static const char* hex = "0123456789abcdef";
+                        out_ << "\\u00" << hex[c >> 4] << hex[c & 15];
+                    } else {
+                        out_ << c;  // UTF-8 passes through
+                    }
+            }
+        }
+        out_ << '"';
+    }
+
+    std::ostream& out_;
+    std::vector<bool> first_;
+    bool after_key_ = false;
+};
+
+}  // namespace tarnview
+
+#endif  // TARN_TOOLS_TARNVIEW_JSON_H_

@@ -1,0 +1,55 @@
+// tarnview: plays the toolkit for a person. It loads sources through the filter's entry points the way
+// the toolkit would, and offers the store-level views that help when a file misbehaves.
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "tools/tarnview/commands.h"
+
+namespace {
+
+struct Command {
+    const char* name;
+    int (*run)(const tarnview::Args&);
+    const char* usage;
+};
+
+const Command kCommands[] = {
+    {"info", tarnview::RunInfo, "info FILE [--message N] [--json]   describe a source as the toolkit sees it"},
+    {"dump", tarnview::RunDump, "dump FILE [--json]                 a PST's header and every node"},
+    {"cfb", tarnview::RunCfb, "cfb FILE [PATH] [--json]           a compound file's directory, or a stream"},
+};
+
+void PrintHelp(FILE* out) {
+    std::fprintf(out, "usage: tarnview COMMAND [ARGS]\n\ncommands:\n");
+    for (const auto& c : kCommands) std::fprintf(out, "  %s\n", c.usage);
+    std::fprintf(out, "\n'tarnview COMMAND --help' for one command.\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2 || std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) {
+        PrintHelp(argc < 2 ? stderr : stdout);
+        return argc < 2 ? 2 : 0;
+    }
+    for (const auto& c : kCommands) {
+        if (std::strcmp(argv[1], c.name) != 0) continue;
+        tarnview::Args args(argv + 2, argv + argc);
+        for (const auto& a : args) {
+            if (a == "--help" || a == "-h") {
+                std::printf("usage: tarnview %s\n", c.usage);
+                return 0;
+            }
+        }
+        try {
+            return c.run(args);
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "tarnview %s: %s\n", c.name, e.what());
+            return 1;
+        }
+    }
+    std::fprintf(stderr, "tarnview: unknown command '%s' (try --help)\n", argv[1]);
+    return 2;
+}
