@@ -1,0 +1,195 @@
+#include "cfb/compound_storage.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+#include "common/little_endian.h"
+
+namespace tarn::cfb {
+
+namespace {
+
+// The format allows big blocks of 128 bytes to 1 GiB; anything else is not a layout we can address.
+constexpr uint64_t kMinSectorShift = 7;
+constexpr uint64_t kMaxSectorShift = 30;
+
+// A set of sector numbers, for walks that must not visit a sector twice.
+class SectorSet {
+public:
+    bool allocate(uint64_t count) { return bits_.allocate(static_cast<size_t>((count + 7) / 8)); }
+    // Returns false when `sector` was already in the set (or lies outside it), else adds it.
+    bool insert(uint64_t sector) {
+        if (sector / 8 >= bits_.size()) return false;
+        uint8_t mask = static_cast<uint8_t>(1u << (sector % 8));
+        if (bits_[sector / 8] & mask) return false;
+        bits_[sector / 8] |= mask;
+        return true;
+    }
+
+private:
+    KernelArray<uint8_t> bits_;
+};
+
+}  // namespace
+
+bool CompoundStorage::open() {
+    close();
+    result_ = load();
+    opened_ = result_ == OpenResult::Ok;
+    if (!opened_) {
+        OpenResult kept = result_;
+        close();
+        result_ = kept;
+    }
+    return opened_;
+}
+
+void CompoundStorage::close() {
+    opened_ = false;
+    fat_ = SectorTable();
+    mini_fat_ = SectorTable();
+    directory_ = DirectoryTree();
+    fat_sectors_.reset();
+    difat_sectors_.reset();
+    mini_stream_.reset();
+}
+
+const DirectoryEntry* CompoundStorage::find_entry(std::string_view path) const {
+    auto index = directory_.find_index(path);
+    return index ? &directory_.entry(*index) : nullptr;
+}
+
+OpenResult CompoundStorage::load() {
+    int64_t end = krnSeekFile(handle_, 0, 0, KRN_SEEK_END);
+    if (end < 0) return OpenResult::OpenFailed;
+    file_size_ = static_cast<uint64_t>(end);
+    krnSeekFile(handle_, 0, 0, KRN_SEEK_START);
+
+    KernelArray<std::byte> header_bytes;
+    if (!header_bytes.allocate(kHeaderSize)) return OpenResult::OpenFailed;
+    size_t header_read = read_at(0, header_bytes.span());
+    header_ = parse_compound_header(header_bytes.span());
+    if (!header_.signature_ok) return OpenResult::NotCompound;
+    // A file cut inside its header would have its missing fields read as zeros; none of them can be
+    // trusted, so the file is refused rather than guessed at.
+    if (header_read < kHeaderSize) return OpenResult::BadCompound;
+
+    if (header_.mini_stream_cutoff != kMiniStreamCutoff || header_.fat_sector_count == 0 ||
+        (header_.fat_sector_count < kHeaderDifatCount && header_.difat_sector_count != 0) ||
+        header_.mini_sector_shift > header_.sector_shift || header_.sector_shift < kMinSectorShift ||
+        header_.sector_shift > kMaxSectorShift)
+        return OpenResult::BadCompound;
+
+    const uint64_t block = big_block_size();
+    // Every table below is sized from a header count, so each count is first held against the number
+    // of sectors the file really has. This is also what keeps a 1 GiB sector shift in a small file
+    // from allocating anything: such a file has no sector at all.
+    const uint64_t file_sectors = file_size_ > block ? (file_size_ - block + block - 1) / block : 0;
+    if (header_.fat_sector_count > file_sectors || header_.difat_sector_count > file_sectors)
+        return OpenResult::BadCompound;
+
+    // The FAT's own sectors: up to 109 from the header, the rest from the DIFAT sectors, each of
+    // which ends with the number of the next one.
+    const uint64_t fat_count = header_.fat_sector_count;
+    if (!fat_sectors_.allocate(static_cast<size_t>(fat_count))) return OpenResult::OpenFailed;
+    size_t listed = 0;
+    for (size_t i = 0; i < std::min<uint64_t>(fat_count, kHeaderDifatCount); ++i)
+        fat_sectors_[listed++] = static_cast<uint32_t>(header_.difat[i]);
+    if (fat_count > kHeaderDifatCount && header_.difat_sector_count != 0) {
+        KernelArray<std::byte> difat_block;
+        SectorSet seen;
+        if (!difat_sectors_.allocate(static_cast<size_t>(header_.difat_sector_count)) ||
+            !difat_block.allocate(static_cast<size_t>(block)) || !seen.allocate(file_sectors))
+            return OpenResult::OpenFailed;
+        size_t difat_read = 0;
+        uint64_t sector = header_.first_difat_sector;
+        for (uint64_t k = 0; k < header_.difat_sector_count; ++k) {
+            if (k > 0) {
+                if (listed == 0) break;
+                sector = fat_sectors_[--listed];
+            }
+            // A DIFAT chain that leaves the file or comes back to a sector it has read ends here;
+            // the FAT sectors it failed to name read as free, which ends every chain through them.
+            if (!sector_in_file(sector) || !seen.insert(sector)) break;
+            difat_sectors_[difat_read++] = static_cast<uint32_t>(sector);
+            std::memset(difat_block.data(), 0xFF, difat_block.size());
+            read_at((sector + 1) * block, difat_block.span());
+            for (size_t w = 0; w + 4 <= difat_block.size() && listed < fat_count; w += 4)
+                fat_sectors_[listed++] = LoadLe32(difat_block.data() + w);
+        }
+        difat_sectors_.shrink(difat_read);
+    }
+    fat_sectors_.shrink(listed);
+
+    // The FAT buffer starts as all free entries, so that a FAT sector outside the file, or the part
+    // of one cut off by the file's end, ends chains instead of pointing anywhere.
+    {
+        KernelArray<std::byte> fat_bytes;
+        if (!fat_bytes.allocate(static_cast<size_t>(listed * block))) return OpenResult::OpenFailed;
+        std::memset(fat_bytes.data(), 0xFF, fat_bytes.size());
+        read_chain(fat_sectors_.span(), fat_bytes.span());
+        if (!fat_.load(fat_bytes.span(), block, file_sectors)) return OpenResult::OpenFailed;
+    }
+
+    // The directory. Without at least one entry there is no root, and the root's start sector is
+    // where the mini stream begins, so an empty directory is refused.
+    {
+        SectorChain chain;
+        if (!fat_.follow_chain(header_.first_directory_sector, chain)) return OpenResult::OpenFailed;
+        KernelArray<std::byte> bytes;
+        if (!bytes.allocate(static_cast<size_t>(chain.size() * block))) return OpenResult::OpenFailed;
+        read_chain(chain.span(), bytes.span());
+        if (!directory_.load(bytes.span())) return OpenResult::OpenFailed;
+        if (directory_.size() == 0) return OpenResult::BadCompound;
+    }
+
+    if (!fat_.follow_chain(directory_.entry(0).start_sector, mini_stream_)) return OpenResult::OpenFailed;
+
+    // The mini FAT; small blocks exist only as far as the mini stream's chain reaches.
+    {
+        SectorChain chain;
+        if (!fat_.follow_chain(header_.first_mini_fat_sector, chain)) return OpenResult::OpenFailed;
+        KernelArray<std::byte> bytes;
+        if (!bytes.allocate(static_cast<size_t>(chain.size() * block))) return OpenResult::OpenFailed;
+        std::memset(bytes.data(), 0xFF, bytes.size());
+        read_chain(chain.span(), bytes.span());
+        uint64_t small_blocks = mini_stream_.size() * (block / small_block_size());
+        if (!mini_fat_.load(bytes.span(), small_block_size(), small_blocks)) return OpenResult::OpenFailed;
+    }
+    return OpenResult::Ok;
+}
+
+size_t CompoundStorage::read_at(uint64_t offset, std::span<std::byte> buffer) const {
+    if (offset >= file_size_ || buffer.empty()) return 0;
+    uint64_t count = std::min<uint64_t>(buffer.size(), file_size_ - offset);
+    // The full 64-bit offset goes to the kernel, split into its two words.
+    int64_t at = krnSeekFile(handle_, static_cast<int32_t>(static_cast<uint32_t>(offset)),
+                             static_cast<int32_t>(static_cast<uint32_t>(offset >> 32)), KRN_SEEK_START);
+    if (at < 0 || static_cast<uint64_t>(at) != offset) return 0;
+    size_t done = 0;
+    while (done < count) {
+        auto chunk = static_cast<int32_t>(std::min<uint64_t>(count - done, std::numeric_limits<int32_t>::max()));
+        int32_t got = krnReadFile(handle_, buffer.data() + done, chunk);
+        if (got <= 0) break;
+        done += static_cast<size_t>(got);
+    }
+    return done;
+}
+
+void CompoundStorage::read_chain(std::span<const uint32_t> chain, std::span<std::byte> buffer) const {
+    const uint64_t block = big_block_size();
+    for (size_t i = 0; i < chain.size(); ++i) {
+        uint64_t at = i * block;
+        if (at >= buffer.size()) break;
+        if (!sector_in_file(chain[i])) continue;
+        read_at((chain[i] + 1) * block, buffer.subspan(at, std::min<uint64_t>(block, buffer.size() - at)));
+    }
+}
+
+bool CompoundStorage::sector_in_file(uint64_t sector) const {
+    // sector < 2^32 and the block below 2^31, so the product cannot wrap.
+    return sector < kDifatSectorMark && (sector + 1) * big_block_size() < file_size_;
+}
+
+}  // namespace tarn::cfb
