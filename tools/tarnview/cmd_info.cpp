@@ -1,12 +1,182 @@
-#include <cstdio>
+// tarnview info: describes a source as the toolkit sees it. It loads the filter library the toolkit
+// would load and calls fltInfo through the toolkit stand-in, so that the exported library itself is
+// what answers.
+#include <dlfcn.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <optional>
+#include <string>
+
+#include "common/status.h"
+#include "host/toolkit_host.h"
+#include "kernel/tarnkrn.h"
+#include "kernel/tarnkrn_control.h"
+#include "pst/probe.h"
 #include "tools/tarnview/commands.h"
+#include "tools/tarnview/json.h"
 
 namespace tarnview {
+namespace {
 
-int RunInfo(const Args&) {
-    std::fprintf(stderr, "tarnview info: not available yet\n");
-    return 1;
+// The kernel mode under which HTML documents stay in memory: a viewer has no use for temporary files.
+constexpr int32_t kModeInMemory = 3;
+
+const char* KindName(int32_t kind) {
+    switch (kind) {
+        case tarn::kInputPstStore: return "PST store";
+        case tarn::kInputMessageFile: return "message file";
+        case tarn::kInputMimeText: return "MIME text";
+        default: return "unknown";
+    }
+}
+
+struct Options {
+    std::string file;
+    int32_t message = 1;
+    bool json = false;
+};
+
+// Parses the arguments; prints the reason and returns nothing on a usage error.
+std::optional<Options> Parse(const Args& args) {
+    Options options;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        if (a == "--json") {
+            options.json = true;
+        } else if (a == "--message") {
+            if (i + 1 >= args.size()) {
+                std::fprintf(stderr, "tarnview info: --message needs a number\n");
+                return std::nullopt;
+            }
+            char* end = nullptr;
+            const long value = std::strtol(args[++i].c_str(), &end, 10);
+            if (end == args[i].c_str() || *end != '\0' || value < INT32_MIN || value > INT32_MAX) {
+                std::fprintf(stderr, "tarnview info: --message: '%s' is not a number\n", args[i].c_str());
+                return std::nullopt;
+            }
+            options.message = static_cast<int32_t>(value);
+        } else if (a.size() > 1 && a[0] == '-') {
+            std::fprintf(stderr, "tarnview info: unknown option '%s' (try --help)\n", a.c_str());
+            return std::nullopt;
+        } else if (options.file.empty()) {
+            options.file = a;
+        } else {
+            std::fprintf(stderr, "tarnview info: one FILE only (try --help)\n");
+            return std::nullopt;
+        }
+    }
+    if (options.file.empty()) {
+        std::fprintf(stderr, "tarnview info: FILE is missing (try --help)\n");
+        return std::nullopt;
+    }
+    return options;
+}
+
+// The library from the environment when TARNVIEW_FILTER is set, else the one built beside us.
+std::string FilterLibraryPath() {
+    const char* path = std::getenv("TARNVIEW_FILTER");
+    return path != nullptr && *path != '\0' ? path : TARN_FILTER_LIBRARY;
+}
+
+// Looks up the three entry points; the library stays loaded for the life of the process, as the
+// toolkit keeps a filter it has loaded.
+bool LoadFilter(const std::string& path, tarn::host::EntryPoints* entries, std::string* error) {
+    void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) {
+        *error = dlerror();
+        return false;
+    }
+    entries->info = reinterpret_cast<int32_t (*)(tarn::InfoRequest*)>(dlsym(library, "fltInfo"));
+    entries->load = reinterpret_cast<int32_t (*)(tarn::LoadRequest*)>(dlsym(library, "fltLoad"));
+    entries->free_data = reinterpret_cast<int32_t (*)(void*, int32_t)>(dlsym(library, "fltFreeData"));
+    if (entries->info == nullptr || entries->load == nullptr || entries->free_data == nullptr) {
+        *error = path + ": does not export fltInfo, fltLoad and fltFreeData";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int RunInfo(const Args& args) {
+    const std::optional<Options> options = Parse(args);
+    if (!options) return 2;
+
+    krnctlSetMode(kModeInMemory);
+    tarn::host::EntryPoints entries;
+    std::string error;
+    const std::string library = FilterLibraryPath();
+    if (!LoadFilter(library, &entries, &error)) {
+        std::fprintf(stderr, "tarnview info: cannot load the filter: %s\n", error.c_str());
+        return 1;
+    }
+
+    tarn::host::SourceSession session(tarn::host::WideFromUtf8(options->file));
+    const krn_handle handle = krnOpenFile(session.name().c_str(), 0, 256);
+    if (handle == KRN_NO_HANDLE) {
+        std::fprintf(stderr, "tarnview info: %s: cannot open\n", options->file.c_str());
+        return 1;
+    }
+    // What the filter will classify the source as; shown even when it cannot describe it.
+    tarn::InputKind kind = tarn::kInputUnsupported;
+    const bool probed = tarn::ProbeSource(handle, &kind) == tarn::kStatusOk;
+
+    tarn::host::Toolkit toolkit;
+    tarn::InfoRequest& request = session.BuildInfoRequest(handle, options->message);
+    const tarn::host::CallOutcome outcome = tarn::host::CallInfo(entries, &request);
+    krnCloseFile(handle);
+    const tarn::FileInfo info = session.file_info();
+    const int32_t message_index = request.message_number;
+    const tarn::host::CallOutcome released = session.ReleaseSlot(entries);
+
+    if (!outcome.returned()) {
+        std::fprintf(stderr, "tarnview info: %s: %s\n", options->file.c_str(), outcome.error.c_str());
+        return 1;
+    }
+    const bool ok = outcome.status == tarn::kStatusOk;
+    const int32_t shown_kind = ok ? info.format : (probed ? kind : 0);
+
+    if (options->json) {
+        JsonWriter json(std::cout);
+        json.BeginObject();
+        json.Field("file", options->file);
+        json.Field("kind", shown_kind).Field("kind_name", KindName(shown_kind));
+        json.Field("status", outcome.status).Field("status_text", tarn::StatusText(outcome.status));
+        if (ok) {
+            if (info.format == tarn::kInputPstStore) json.Field("message_count", info.message_count);
+            json.Field("message_index", message_index);
+            json.Field("page", info.page_number).Field("pages", info.total_pages);
+            json.Field("width", info.width).Field("height", info.height);
+            json.Field("x_resolution", info.x_resolution).Field("y_resolution", info.y_resolution);
+        }
+        json.EndObject();
+        std::cout << '\n';
+    } else {
+        std::printf("file        %s\n", options->file.c_str());
+        std::printf("kind        %d %s\n", shown_kind, KindName(shown_kind));
+        std::printf("status      %d %s\n", outcome.status, tarn::StatusText(outcome.status));
+        if (ok) {
+            if (info.format == tarn::kInputPstStore) std::printf("messages    %d\n", info.message_count);
+            std::printf("message     %d (index %d)\n", message_index + 1, message_index);
+            std::printf("pages       %d (page %d)\n", info.total_pages, info.page_number);
+            std::printf("size        %d x %d pixels at %d x %d dpi\n", info.width, info.height, info.x_resolution,
+                        info.y_resolution);
+        }
+    }
+    std::fflush(stdout);
+
+    if (!released.returned()) {
+        std::fprintf(stderr, "tarnview info: %s: %s\n", options->file.c_str(), released.error.c_str());
+        return 1;
+    }
+    if (!ok) {
+        std::fprintf(stderr, "tarnview info: %s: fltInfo returned %d (%s)\n", options->file.c_str(), outcome.status,
+                     tarn::StatusText(outcome.status));
+        return 1;
+    }
+    return 0;
 }
 
 }  // namespace tarnview

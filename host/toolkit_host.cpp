@@ -1,0 +1,343 @@
+#include "host/toolkit_host.h"
+
+#include <cstring>
+#include <exception>
+#include <fstream>
+#include <iterator>
+
+#include "common/filterdata.h"
+#include "common/status.h"
+
+namespace tarn::host {
+namespace {
+
+Toolkit* g_active = nullptr;
+
+constexpr int32_t kCallerValue1 = 0x0C;
+constexpr int32_t kCallerValue2 = 0x10;
+
+std::shared_ptr<FileInfo> CopyInfo(const FileInfo* info) {
+    return info != nullptr ? std::make_shared<FileInfo>(*info) : nullptr;
+}
+
+void CopyOptions(LoaderCall& call, const LoadOptions* options) {
+    call.had_options = options != nullptr;
+    if (options != nullptr) call.options = *options;
+}
+
+void CopyBytes(LoaderCall& call, const void* document, int32_t length) {
+    call.length = length;
+    if (document != nullptr && length > 0) {
+        const auto* bytes = static_cast<const std::byte*>(document);
+        call.document.assign(bytes, bytes + length);
+    }
+}
+
+void CopyFile(LoaderCall& call, const char16_t* path) {
+    call.path = Utf8FromWide(path);
+    std::ifstream in(call.path, std::ios::binary);
+    call.file_readable = static_cast<bool>(in);
+    if (!in) return;
+    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    call.document.resize(bytes.size());
+    if (!bytes.empty()) std::memcpy(call.document.data(), bytes.data(), bytes.size());
+}
+
+// An info call answers with the description, as the toolkit's loader would after laying the document out.
+int32_t Describe(Toolkit& toolkit, FileInfo* info) {
+    const DocumentDescription& d = toolkit.description();
+    if (d.status != kStatusOk || info == nullptr) return d.status;
+    info->width = d.width;
+    info->height = d.height;
+    info->x_resolution = d.x_resolution;
+    info->y_resolution = d.y_resolution;
+    info->page_number = 1;
+    info->total_pages = d.pages;
+    info->loader_value_1 = d.loader_value_1;
+    info->loader_value_2 = d.loader_value_2;
+    info->loader_data = d.loader_data;
+    info->loader_data_size = d.loader_data_size;
+    info->loader_data_count = d.loader_data_count;
+    return kStatusOk;
+}
+
+int32_t InfoByName(const char16_t* path, FileInfo* info, int32_t info_size, int32_t flags, LoadOptions* options) {
+    Toolkit* toolkit = Toolkit::Active();
+    if (toolkit == nullptr) return kStatusFailure;
+    LoaderCall call;
+    call.kind = LoaderKind::kInfoByName;
+    CopyFile(call, path);
+    call.info_size = info_size;
+    call.flags = flags;
+    CopyOptions(call, options);
+    call.info = CopyInfo(info);
+    toolkit->Record(std::move(call));
+    return Describe(*toolkit, info);
+}
+
+int32_t InfoInMemory(const void* document, FileInfo* info, int32_t info_size, int32_t length, int32_t flags,
+                     LoadOptions* options) {
+    Toolkit* toolkit = Toolkit::Active();
+    if (toolkit == nullptr) return kStatusFailure;
+    LoaderCall call;
+    call.kind = LoaderKind::kInfoInMemory;
+    CopyBytes(call, document, length);
+    call.info_size = info_size;
+    call.flags = flags;
+    CopyOptions(call, options);
+    call.info = CopyInfo(info);
+    toolkit->Record(std::move(call));
+    return Describe(*toolkit, info);
+}
+
+int32_t LoadByName(const char16_t* path, void* bitmap, int32_t c216, int32_t c24, int32_t c1, int32_t c32,
+                   int32_t caller_value_1, int32_t caller_value_2, LoadOptions* options, FileInfo* info) {
+    Toolkit* toolkit = Toolkit::Active();
+    if (toolkit == nullptr) return kStatusFailure;
+    LoaderCall call;
+    call.kind = LoaderKind::kLoadByName;
+    CopyFile(call, path);
+    call.bitmap = bitmap;
+    call.constants = {c216, c24, c1, c32};
+    call.caller_value_1 = caller_value_1;
+    call.caller_value_2 = caller_value_2;
+    CopyOptions(call, options);
+    call.info = CopyInfo(info);
+    toolkit->Record(std::move(call));
+    return toolkit->description().status;
+}
+
+int32_t LoadInMemory(const void* document, void* bitmap, int32_t c216, int32_t c24, int32_t c1, int32_t c32,
+                     int32_t caller_value_1, int32_t caller_value_2, int32_t length, LoadOptions* options,
+                     FileInfo* info) {
+    Toolkit* toolkit = Toolkit::Active();
+    if (toolkit == nullptr) return kStatusFailure;
+    LoaderCall call;
+    call.kind = LoaderKind::kLoadInMemory;
+    CopyBytes(call, document, length);
+    call.bitmap = bitmap;
+    call.constants = {c216, c24, c1, c32};
+    call.caller_value_1 = caller_value_1;
+    call.caller_value_2 = caller_value_2;
+    CopyOptions(call, options);
+    call.info = CopyInfo(info);
+    toolkit->Record(std::move(call));
+    return toolkit->description().status;
+}
+
+int32_t AltLoadByName(const char16_t* path, int32_t alternative_value, LoadOptions* options, FileInfo* info) {
+    Toolkit* toolkit = Toolkit::Active();
+    if (toolkit == nullptr) return kStatusFailure;
+    LoaderCall call;
+    call.kind = LoaderKind::kAltLoadByName;
+    CopyFile(call, path);
+    call.alternative_value = alternative_value;
+    CopyOptions(call, options);
+    call.info = CopyInfo(info);
+    toolkit->Record(std::move(call));
+    return toolkit->description().status;
+}
+
+int32_t AltLoadInMemory(const void* document, int32_t alternative_value, int32_t length, LoadOptions* options,
+                        FileInfo* info) {
+    Toolkit* toolkit = Toolkit::Active();
+    if (toolkit == nullptr) return kStatusFailure;
+    LoaderCall call;
+    call.kind = LoaderKind::kAltLoadInMemory;
+    CopyBytes(call, document, length);
+    call.alternative_value = alternative_value;
+    CopyOptions(call, options);
+    call.info = CopyInfo(info);
+    toolkit->Record(std::move(call));
+    return toolkit->description().status;
+}
+
+// Runs `call` and turns anything that escapes the filter into one line: a bad source must never end
+// the host.
+template <typename Call>
+CallOutcome Guarded(const char* entry_name, Call&& call) {
+    CallOutcome outcome;
+    try {
+        outcome.status = call();
+    } catch (const std::exception& e) {
+        outcome.error = std::string(entry_name) + ": uncaught exception: " + e.what();
+    } catch (...) {
+        outcome.error = std::string(entry_name) + ": uncaught exception of unknown type";
+    }
+    return outcome;
+}
+
+}  // namespace
+
+const char* LoaderKindName(LoaderKind kind) {
+    switch (kind) {
+        case LoaderKind::kInfoByName: return "info by name";
+        case LoaderKind::kInfoInMemory: return "info in memory";
+        case LoaderKind::kLoadByName: return "load by name";
+        case LoaderKind::kLoadInMemory: return "load in memory";
+        case LoaderKind::kAltLoadByName: return "alternative load by name";
+        case LoaderKind::kAltLoadInMemory: return "alternative load in memory";
+    }
+    return "unknown loader";
+}
+
+Toolkit::Toolkit() : previous_(g_active) { g_active = this; }
+
+Toolkit::~Toolkit() {
+    if (g_active == this) g_active = previous_;
+}
+
+Toolkit* Toolkit::Active() { return g_active; }
+
+InfoByNameFn InfoByNameLoader() { return InfoByName; }
+InfoInMemoryFn InfoInMemoryLoader() { return InfoInMemory; }
+LoadByNameFn LoadByNameLoader() { return LoadByName; }
+LoadInMemoryFn LoadInMemoryLoader() { return LoadInMemory; }
+AltLoadByNameFn AltLoadByNameLoader() { return AltLoadByName; }
+AltLoadInMemoryFn AltLoadInMemoryLoader() { return AltLoadInMemory; }
+
+void ReleaseSlotList(FilterDataSlot& slot) {
+    if (slot.data != nullptr && slot.count == kSlotHoldsList) {
+        const auto* list = static_cast<const FilterDataList*>(slot.data);
+        if (list->tag == kFilterDataListTag) krnFree(slot.data, __FILE__, __LINE__);
+    }
+    slot.data = nullptr;
+    slot.size = 0;
+    slot.count = 0;
+}
+
+CallOutcome CallInfo(const EntryPoints& entries, InfoRequest* request) {
+    return Guarded("fltInfo", [&] { return entries.info(request); });
+}
+
+CallOutcome CallLoad(const EntryPoints& entries, LoadRequest* request) {
+    return Guarded("fltLoad", [&] { return entries.load(request); });
+}
+
+CallOutcome CallFreeData(const EntryPoints& entries, void* record, int32_t keep) {
+    return Guarded("fltFreeData", [&] { return entries.free_data(record, keep); });
+}
+
+SourceSession::SourceSession(std::u16string name)
+    : name_(std::move(name)),
+      info_request_(std::make_unique<InfoRequest>()),
+      load_request_(std::make_unique<LoadRequest>()),
+      file_info_(std::make_unique<FileInfo>()),
+      load_options_(std::make_unique<LoadOptions>()),
+      slot_(std::make_unique<FilterDataSlot>()) {}
+
+SourceSession::~SourceSession() = default;
+
+InfoRequest& SourceSession::BuildInfoRequest(krn_handle handle, int32_t message_number, bool plain_text,
+                                             bool with_slot, int32_t page) {
+    *info_request_ = InfoRequest{};
+    *file_info_ = FileInfo{};
+    file_info_->size = kFileInfoSize;
+    *load_options_ = LoadOptions{};
+    load_options_->size = kLoadOptionsSize;
+    load_options_->page_number = page;
+
+    InfoRequest& r = *info_request_;
+    r.file_name = name_.c_str();
+    r.handle = handle;
+    r.file_info = file_info_.get();
+    r.slot = with_slot ? slot_.get() : nullptr;
+    r.load_options = load_options_.get();
+    r.info_by_name = InfoByName;
+    r.info_in_memory = InfoInMemory;
+    r.message_number = message_number;
+    r.plain_text = plain_text ? 1 : 0;
+    return r;
+}
+
+LoadRequest& SourceSession::BuildLoadRequest(int32_t message_number, bool plain_text, bool with_slot, int32_t page) {
+    *load_request_ = LoadRequest{};
+    file_info_->size = kFileInfoSize;
+    load_options_->size = kLoadOptionsSize;
+    load_options_->page_number = page;
+
+    LoadRequest& r = *load_request_;
+    r.file_name = name_.c_str();
+    r.bitmap = bitmap_.data();
+    r.caller_value_1 = kCallerValue1;
+    r.caller_value_2 = kCallerValue2;
+    r.file_info = file_info_.get();
+    r.slot = with_slot ? slot_.get() : nullptr;
+    r.load_options = load_options_.get();
+    r.secondary_status = kStatusOk;
+    r.message_number = message_number;
+    r.plain_text = plain_text ? 1 : 0;
+    r.toolkit_object = &toolkit_object_;
+    r.load_by_name = LoadByName;
+    r.load_in_memory = LoadInMemory;
+    r.alt_load_by_name = AltLoadByName;
+    r.alt_load_in_memory = AltLoadInMemory;
+    return r;
+}
+
+CallOutcome SourceSession::ReleaseSlot(const EntryPoints& entries) {
+    FilterDataSlot& slot = *slot_;
+    void* datum = slot.data;
+    if (datum != nullptr && slot.count == kSlotHoldsList) {
+        const auto* list = static_cast<const FilterDataList*>(datum);
+        datum = list->tag == kFilterDataListTag && list->entry_count > 0 ? ListEntries(list)[0].data : nullptr;
+    }
+    CallOutcome outcome{kStatusOk, {}};
+    if (datum != nullptr) outcome = CallFreeData(entries, datum, 0);
+    ReleaseSlotList(slot);
+    return outcome;
+}
+
+std::u16string WideFromUtf8(const std::string& text) {
+    std::u16string out;
+    size_t i = 0;
+    while (i < text.size()) {
+        const auto b0 = static_cast<unsigned char>(text[i]);
+        char32_t c = 0xFFFD;
+        size_t extra = 0;
+        if (b0 < 0x80) {
+            c = b0;
+        } else if ((b0 & 0xE0) == 0xC0) {
+            c = b0 & 0x1F, extra = 1;
+        } else if ((b0 & 0xF0) == 0xE0) {
+            c = b0 & 0x0F, extra = 2;
+        } else if ((b0 & 0xF8) == 0xF0) {
+            c = b0 & 0x07, extra = 3;
+        }
+        size_t used = 1;
+        bool valid = b0 < 0x80 || extra > 0;
+        for (size_t k = 0; valid && k < extra; ++k) {
+            if (i + 1 + k >= text.size() || (static_cast<unsigned char>(text[i + 1 + k]) & 0xC0) != 0x80) {
+                valid = false;
+                break;
+            }
+            c = (c << 6) | (static_cast<unsigned char>(text[i + 1 + k]) & 0x3F);
+            ++used;
+        }
+        if (!valid || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) {
+            c = 0xFFFD;
+            used = 1;
+        }
+        if (c >= 0x10000) {
+            out += static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10));
+            out += static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF));
+        } else {
+            out += static_cast<char16_t>(c);
+        }
+        i += used;
+    }
+    return out;
+}
+
+std::string Utf8FromWide(const char16_t* text) {
+    if (text == nullptr) return {};
+    int32_t units = 0;
+    while (text[units] != 0) ++units;
+    if (units == 0) return {};
+    std::string out(static_cast<size_t>(units) * 3, '\0');
+    const int32_t written = krnUtf16ToUtf8(text, units, out.data(), static_cast<int32_t>(out.size()));
+    out.resize(static_cast<size_t>(written > 0 ? written : 0));
+    return out;
+}
+
+}  // namespace tarn::host

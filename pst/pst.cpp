@@ -1,0 +1,156 @@
+#include "pst/pst.h"
+
+#include <cstring>
+#include <limits>
+
+#include "common/apiutils.h"
+#include "common/filterdata.h"
+#include "common/status.h"
+#include "kernel/tarnkrn.h"
+#include "pst/filter_data.h"
+#include "pst/probe.h"
+#include "pst/produce.h"
+
+namespace tarn {
+namespace {
+
+// The kernel mode that asks for HTML documents in memory rather than as a temporary file.
+constexpr int32_t kModeInMemory = 3;
+constexpr int32_t kBitsPerPixel = 24;
+
+int32_t TempFileModeFromKernel() { return krnModeQuery() == kModeInMemory ? 0 : 1; }
+
+// The toolkit counts messages from 1; a number of INT32_MIN has no predecessor and stays as low as can be.
+int32_t IndexFromMessageNumber(int32_t number) {
+    return number == std::numeric_limits<int32_t>::min() ? number : number - 1;
+}
+
+// One axis of the size report: `caller_size` and `caller_resolution` are the caller's fields, `requested`
+// the resolution asked for in the rendering options. Returns the size to report.
+int32_t ScaleAxis(int32_t& record_size, int32_t& record_resolution, uint32_t requested, int32_t& caller_resolution) {
+    if (requested == 0 || requested == static_cast<uint32_t>(record_resolution) || record_resolution == 0) {
+        // A record without a resolution cannot be rescaled; it reports its own.
+        caller_resolution = record_resolution;
+        return record_size;
+    }
+    // Rounded to nearest, in 64 bits without sign so that a large size times a large resolution fits.
+    const uint64_t own = static_cast<uint32_t>(record_resolution);
+    const uint64_t scaled = (static_cast<uint64_t>(static_cast<uint32_t>(record_size)) * requested + own / 2) / own;
+    record_size = static_cast<int32_t>(static_cast<uint32_t>(scaled));
+    record_resolution = static_cast<int32_t>(requested);
+    // The caller's resolution field keeps what the caller put there.
+    return record_size;
+}
+
+// Inches (or whatever unit the resolution counts per) from the caller's size field as it stands on
+// entry, by integer division. Deliberately the caller's field and not the record's: callers rely on the
+// figure they passed in.
+double UnitsFrom(int32_t caller_size, int32_t resolution) {
+    if (resolution == 0) return 0.0;
+    return static_cast<double>(static_cast<uint32_t>(caller_size) / static_cast<uint32_t>(resolution));
+}
+
+// Reports the record's description in the caller's file-info record.
+void FillCallerInfo(InfoRequest* request, PstFilterData* record, int32_t message_index) {
+    FileInfo* out = request->file_info;
+    request->message_number = message_index;
+    out->format = record->reported_kind;
+    out->marker_2188 = 1;
+    out->marker_2208 = 1;
+    out->width_units = UnitsFrom(out->width, record->x_resolution);
+    out->height_units = UnitsFrom(out->height, record->y_resolution);
+
+    int32_t page = request->load_options != nullptr ? request->load_options->page_number : 0;
+    if (page < 1) page = 1;
+    if (page > record->total_pages) page = record->total_pages;
+    out->page_number = page;
+    out->total_pages = record->total_pages;
+    if (record->reported_kind == kInputPstStore) out->message_count = record->message_count;
+    out->marker_1104 = 1;
+    out->bits_per_pixel = kBitsPerPixel;
+
+    out->width = ScaleAxis(record->width, record->x_resolution, request->render_options[kRenderOptionXResolution],
+                           out->x_resolution);
+    out->height = ScaleAxis(record->height, record->y_resolution, request->render_options[kRenderOptionYResolution],
+                            out->y_resolution);
+    out->loader_value_1 = record->loader_value_1;
+    out->loader_value_2 = record->loader_value_2;
+}
+
+}  // namespace
+}  // namespace tarn
+
+using namespace tarn;
+
+extern "C" int32_t fltInfo(InfoRequest* request) {
+    if (request == nullptr || request->file_info == nullptr) return kStatusBadArgument;
+
+    InputKind kind = kInputUnsupported;
+    if (int32_t status = ProbeSource(request->handle, &kind); status != kStatusOk) return status;
+    int32_t message_index = IndexFromMessageNumber(request->message_number);
+    const bool plain_text = request->plain_text == 1;
+
+    void* found = nullptr;
+    PstFilterData* record = nullptr;
+    if (FindSlotData(request->slot, &found) == kStatusOk) {
+        record = static_cast<PstFilterData*>(found);
+        if (record->produced_kind == kInputUnsupported || record->produced_kind != kind) return kStatusUnsupported;
+        // The cached description stands while the caller asks for the same rendering.
+        if (std::memcmp(record->render_options, request->render_options, sizeof record->render_options) == 0) {
+            FillCallerInfo(request, record, message_index);
+            return kStatusOk;
+        }
+        // New rendering options need the toolkit's loader to describe the document again, which
+        // arrives with the document hand-off.
+        return kStatusUnsupported;
+    }
+
+    FilterDataHolder fresh(NewFilterData());
+    if (fresh.get() == nullptr) return kStatusFailure;
+    fresh.get()->temp_file_mode = TempFileModeFromKernel();
+    int32_t body_format = kBodyNone;
+    const int32_t status = ProduceDocument(request->file_name, fresh.get(), &kind, &message_index, &body_format,
+                                           plain_text, request->handle);
+    if (status != kStatusOk) return status;
+    fresh.get()->document_format = ChooseDocumentFormat(body_format, plain_text);
+    fresh.get()->reported_kind = kind;
+    // Describing the document and caching the record need the hand-off to the toolkit's loader, which
+    // arrives with it; no kind produces a document before then.
+    return kStatusUnsupported;
+}
+
+extern "C" int32_t fltLoad(LoadRequest* request) {
+    if (request == nullptr) return kStatusBadArgument;
+
+    void* found = nullptr;
+    if (FindSlotData(request->slot, &found) == kStatusOk) {
+        // A cached record serves whatever message this request names; loading it needs the hand-off.
+        return kStatusUnsupported;
+    }
+
+    KernelFileHandle source(krnOpenFile(request->file_name, 0, 256));
+    if (!source.valid()) return kStatusCannotOpen;
+    InputKind kind = kInputUnsupported;
+    if (int32_t status = ProbeSource(source.get(), &kind); status != kStatusOk) return status;
+
+    FilterDataHolder fresh(NewFilterData());
+    if (fresh.get() == nullptr) return kStatusFailure;
+    fresh.get()->temp_file_mode = TempFileModeFromKernel();
+    int32_t message_index = IndexFromMessageNumber(request->message_number);
+    int32_t body_format = kBodyNone;
+    const bool plain_text = request->plain_text == 1;
+    const int32_t status = ProduceDocument(request->file_name, fresh.get(), &kind, &message_index, &body_format,
+                                           plain_text, source.get());
+    if (status != kStatusOk) return status;
+    fresh.get()->document_format = ChooseDocumentFormat(body_format, plain_text);
+    // Handing the document to the toolkit's loader arrives with the hand-off; no kind produces a
+    // document before then.
+    return kStatusUnsupported;
+}
+
+extern "C" int32_t fltFreeData(void* record, int32_t keep) {
+    if (record == nullptr) return kStatusBadArgument;
+    if (keep != 0) return kStatusOk;
+    ReleaseFilterData(record);
+    return kStatusOk;
+}

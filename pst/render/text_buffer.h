@@ -1,0 +1,114 @@
+// The growable byte buffer that every part of document assembly writes into, and the counted byte
+// string that message fields are edited as. Both hold memory from the kernel allocator.
+//
+// A GrowBuffer's status is sticky: writers append without checking each step and, when an append
+// fails, return the buffer's status (-1 unless the kernel reported something more specific).
+#ifndef TARN_PST_RENDER_TEXT_BUFFER_H_
+#define TARN_PST_RENDER_TEXT_BUFFER_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "common/status.h"
+
+namespace tarn {
+
+class CountedString;
+
+// Buffers at or above this many bytes are registered with the kernel's memory-usage accounting, which
+// may refuse them.
+constexpr size_t kAccountThreshold = 8'000'000;
+// The toolkit measures lengths in signed 32 bits; no buffer grows beyond that.
+constexpr size_t kMaxBufferBytes = 0x7FFFFFFF;
+// Every this many reallocations the growth step doubles, so that long documents grow in fewer steps.
+constexpr uint32_t kReallocationsPerDoubling = 21;
+
+class GrowBuffer {
+public:
+    GrowBuffer() = default;
+    ~GrowBuffer() { Release(); }
+    GrowBuffer(const GrowBuffer&) = delete;
+    GrowBuffer& operator=(const GrowBuffer&) = delete;
+
+    // Empties the buffer (releasing what it held) and sets its growth step (bytes added beyond the need
+    // at each reallocation) and whether new space is cleared; reserves `initial_size` when it is not 0.
+    // 1, or the status of the failed reserve.
+    int32_t Init(size_t initial_size, size_t growth_step, bool zero_fill = false);
+    // True when the capacity is at least `needed` afterwards.
+    bool Reserve(size_t needed);
+    // 1 on success (count 0 too); -814 for a null source; the buffer's status when it cannot grow.
+    int32_t Append(const void* bytes, size_t count);
+    int32_t Append(std::string_view text) { return Append(text.data(), text.size()); }
+    int32_t AppendByte(uint8_t byte);
+    // Replaces the contents.
+    int32_t Assign(const void* bytes, size_t count);
+    // Appends one NUL unless the last byte already is one (an empty buffer gets one).
+    int32_t Terminate();
+    // Frees the data and gives any accounted size back to the kernel. The growth step stays.
+    void Release();
+    // `target` takes over the data and length (its own data is freed); the buffer is left empty.
+    void MoveInto(CountedString& target);
+    // Shortens the contents to `length` bytes; a longer value is ignored.
+    void Truncate(size_t length);
+
+    std::byte* data() { return data_; }
+    const std::byte* data() const { return data_; }
+    size_t length() const { return length_; }
+    size_t capacity() const { return capacity_; }
+    size_t growth_step() const { return growth_step_; }
+    int32_t status() const { return status_; }
+    std::string_view view() const { return {reinterpret_cast<const char*>(data_), length_}; }
+
+private:
+    std::byte* data_ = nullptr;
+    size_t length_ = 0;
+    size_t capacity_ = 0;
+    size_t growth_step_ = 0;
+    bool zero_fill_ = false;
+    int32_t status_ = kStatusFailure;
+    int64_t accounted_ = 0;     // bytes registered with the kernel's accounting
+    bool accounting_ = false;   // registering has started
+    uint32_t reallocations_ = 0;  // since the step last doubled
+};
+
+// A byte string in kernel memory whose size may include one terminating NUL.
+class CountedString {
+public:
+    CountedString() = default;
+    ~CountedString() { Release(); }
+    CountedString(CountedString&& other) noexcept;
+    CountedString& operator=(CountedString&& other) noexcept;
+    CountedString(const CountedString&) = delete;
+    CountedString& operator=(const CountedString&) = delete;
+
+    const std::byte* data() const { return data_; }
+    size_t size() const { return size_; }
+    // The size without a terminating NUL.
+    size_t TextLength() const;
+    std::string_view text() const { return {reinterpret_cast<const char*>(data_), TextLength()}; }
+    void Release();
+
+private:
+    friend class GrowBuffer;
+    friend int32_t InsertAt(CountedString* string, size_t offset, const void* bytes, size_t count);
+
+    std::byte* data_ = nullptr;
+    size_t size_ = 0;
+};
+
+// Grows the string to max(size, offset) + count (a gap beyond the old end is zero-filled), moves the
+// tail from `offset` up and copies the bytes in. 1; -814 for a null string or source; -1 when memory
+// runs out.
+int32_t InsertAt(CountedString* string, size_t offset, const void* bytes, size_t count);
+
+// The count that AppendCounted reads as "up to the first NUL".
+constexpr int32_t kUpToNul = -1;
+
+// Appends before the string's terminating NUL and keeps it terminated. Same statuses as InsertAt, and
+// -13 for a negative count other than kUpToNul.
+int32_t AppendCounted(CountedString* string, const void* bytes, int32_t count);
+
+}  // namespace tarn
+
+#endif  // TARN_PST_RENDER_TEXT_BUFFER_H_
