@@ -5,6 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/deps.sh build test
+scripts/oracles.sh
 
 # The toolkit's records must sit at their byte offsets in a 32-bit build; this compiles the static
 # checks with -m32 (nothing is linked or run).
