@@ -127,7 +127,7 @@ OpenResult CompoundStorage::load() {
     {
         KernelArray<std::byte> fat_bytes;
         if (!fat_bytes.allocate(static_cast<size_t>(listed * block))) return OpenResult::OpenFailed;
-        std::memset(fat_bytes.data(), 0xFF, fat_bytes.size());
+        if (!fat_bytes.empty()) std::memset(fat_bytes.data(), 0xFF, fat_bytes.size());
         read_chain(fat_sectors_.span(), fat_bytes.span());
         if (!fat_.load(fat_bytes.span(), block, file_sectors)) return OpenResult::OpenFailed;
     }
@@ -152,7 +152,7 @@ OpenResult CompoundStorage::load() {
         if (!fat_.follow_chain(header_.first_mini_fat_sector, chain)) return OpenResult::OpenFailed;
         KernelArray<std::byte> bytes;
         if (!bytes.allocate(static_cast<size_t>(chain.size() * block))) return OpenResult::OpenFailed;
-        std::memset(bytes.data(), 0xFF, bytes.size());
+        if (!bytes.empty()) std::memset(bytes.data(), 0xFF, bytes.size());
         read_chain(chain.span(), bytes.span());
         uint64_t small_blocks = mini_stream_.size() * (block / small_block_size());
         if (!mini_fat_.load(bytes.span(), small_block_size(), small_blocks)) return OpenResult::OpenFailed;
