@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <source_location>
 #include <span>
 #include <type_traits>
 #include <utility>
@@ -43,10 +42,11 @@ public:
 
     // Replaces the contents by `count` zeroed elements. Returns false (and holds nothing) when the
     // kernel refuses the memory or the registration. A count of 0 holds nothing and succeeds.
-    bool allocate(size_t count, std::source_location where = std::source_location::current()) {
+    // The default `line` is the caller's (std::source_location is not available to every compiler
+    // we build with).
+    bool allocate(size_t count, int32_t line = __builtin_LINE()) {
         reset();
         if (count == 0) return true;
-        auto line = static_cast<int32_t>(where.line());
         void* block = krnAllocZeroed(count, sizeof(T), kKernelSourceName, line);
         if (block == nullptr) return false;
         if (krnRegisterObject(KRN_OBJECT_ARRAY, block, line, kKernelSourceName) != 1) {

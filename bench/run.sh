@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# Builds the release configuration and runs the benchmarks, each with the tools it is compared with,
+# in one run so that the figures share the machine's state.
+#
+# Usage: bench/run.sh [NAME...]       NAME is a benchmark below (default: all of them).
+# Environment: BUILD_DIR (default build/release), JOBS (build parallelism, default 2).
+#
+# To add a benchmark: write a function bench_NAME that builds its target with `build_target` and runs
+# it and its comparisons, and add NAME to `all`.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/deps.sh build bench
+
+build="${BUILD_DIR:-build/release}"
+jobs="${JOBS:-2}"
+shared="$(cd .. && pwd)/shared"
+# System Python: the Debian oracles (python3-olefile) are installed for it, not for any other python3.
+python=/usr/bin/python3
+
+# The same settings as the "release" preset, in a build directory of the caller's choosing; the tests
+# are not needed to benchmark.
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DTARN_BUILD_BENCH=ON -DTARN_BUILD_TESTS=OFF >/dev/null
+
+build_target() { cmake --build "$build" -j "$jobs" --target "$@" >/dev/null; }
+
+largest() { ls -S "$1"/*."$2" | head -n 1; }
+
+bench_cfb() {
+  build_target cfb_bench
+  local file
+  file="$(largest "$shared/corpus/msg" msg)"
+  echo "== cfb: open and read every stream of $(basename "$file") ($(stat -c %s "$file") bytes)"
+  "$build/bench/cfb_bench" --benchmark_min_time=3
+  "$python" bench/cfb_olefile.py "$file" 3
+}
+
+all=(cfb)
+for name in "${@:-${all[@]}}"; do
+  "bench_$name"
+done
