@@ -1,0 +1,160 @@
+// The growable buffer's growth policy, sticky status and memory accounting, and edits of counted
+// strings.
+#include "pst/render/text_buffer.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "common/status.h"
+#include "kernel/tarnkrn_control.h"
+
+namespace tarn {
+namespace {
+
+TEST(GrowBuffer, GrowsByItsStepAndDoublesItEvery21Reallocations) {
+    GrowBuffer buffer;
+    ASSERT_EQ(buffer.Init(0, 10), kStatusOk);
+    EXPECT_EQ(buffer.capacity(), 0u);
+    EXPECT_EQ(buffer.status(), kStatusFailure);  // the sticky status starts as a failure to report
+
+    // Append one byte at a time and note the capacity at each reallocation.
+    std::vector<size_t> capacities;
+    std::vector<size_t> steps;
+    for (int i = 0; i < 2000; ++i) {
+        const size_t before = buffer.capacity();
+        ASSERT_EQ(buffer.AppendByte(static_cast<uint8_t>(i)), kStatusOk);
+        if (buffer.capacity() != before) {
+            capacities.push_back(buffer.capacity());
+            steps.push_back(buffer.growth_step());
+        }
+    }
+    ASSERT_GE(capacities.size(), 43u);
+    // Each reallocation asks for the byte needed plus the step in force; the step doubles after the
+    // 21st and the 42nd.
+    EXPECT_EQ(capacities[0], 1u + 10);
+    EXPECT_EQ(capacities[1], capacities[0] + 1 + 10);
+    EXPECT_EQ(steps[19], 10u);
+    EXPECT_EQ(steps[20], 20u);
+    EXPECT_EQ(capacities[21], capacities[20] + 1 + 20);
+    EXPECT_EQ(steps[40], 20u);
+    EXPECT_EQ(steps[41], 40u);
+    EXPECT_EQ(capacities[42], capacities[41] + 1 + 40);
+    for (size_t i = 0; i < buffer.length(); ++i) ASSERT_EQ(buffer.data()[i], std::byte(static_cast<uint8_t>(i)));
+
+    // Init empties the buffer and starts the doubling count afresh.
+    ASSERT_EQ(buffer.Init(100, 7), kStatusOk);
+    EXPECT_EQ(buffer.length(), 0u);
+    EXPECT_EQ(buffer.capacity(), 107u);
+    EXPECT_EQ(buffer.growth_step(), 7u);
+}
+
+TEST(GrowBuffer, AppendsAssignsAndTerminates) {
+    GrowBuffer buffer;
+    buffer.Init(0, 4, /*zero_fill=*/true);
+    EXPECT_EQ(buffer.Append(nullptr, 0), kStatusOk);
+    EXPECT_EQ(buffer.Append(nullptr, 3), kStatusNullPointer);
+    EXPECT_EQ(buffer.Terminate(), kStatusOk);  // an empty buffer gets its NUL
+    EXPECT_EQ(buffer.view(), std::string_view("\0", 1));
+    EXPECT_EQ(buffer.Assign("abc", 3), kStatusOk);
+    EXPECT_EQ(buffer.view(), "abc");
+    // Zero fill: the spare room behind the contents is clear.
+    for (size_t i = buffer.length(); i < buffer.capacity(); ++i) EXPECT_EQ(buffer.data()[i], std::byte{0});
+    EXPECT_EQ(buffer.Terminate(), kStatusOk);
+    EXPECT_EQ(buffer.Terminate(), kStatusOk);  // already terminated: unchanged
+    EXPECT_EQ(buffer.view(), std::string_view("abc\0", 4));
+    buffer.Truncate(2);
+    buffer.Truncate(50);
+    EXPECT_EQ(buffer.view(), "ab");
+
+    // A failed growth leaves the contents and reports the sticky status.
+    krnctlFailAllocation(1);
+    EXPECT_EQ(buffer.Append(std::string(100, 'x')), kStatusFailure);
+    EXPECT_EQ(buffer.status(), kStatusFailure);
+    EXPECT_EQ(buffer.view(), "ab");
+    EXPECT_EQ(buffer.Append("cd"), kStatusOk);
+    EXPECT_EQ(buffer.view(), "abcd");
+}
+
+TEST(GrowBuffer, LargeBuffersAreAccountedAndMayBeRefused) {
+    krnctlSetAccountCeiling(9'000'000);
+    {
+        GrowBuffer buffer;
+        buffer.Init(0, 0);
+        ASSERT_TRUE(buffer.Reserve(kAccountThreshold - 1));
+        EXPECT_EQ(krnctlAccountedBytes(), 0);  // below the threshold nothing is registered
+        ASSERT_TRUE(buffer.Reserve(kAccountThreshold));
+        EXPECT_EQ(krnctlAccountedBytes(), static_cast<int64_t>(kAccountThreshold));
+        ASSERT_TRUE(buffer.Reserve(8'500'000));  // only the difference is added
+        EXPECT_EQ(krnctlAccountedBytes(), 8'500'000);
+
+        // Past the ceiling: refused, the data let go, the account back where it was before the buffer.
+        EXPECT_FALSE(buffer.Reserve(9'500'000));
+        EXPECT_EQ(buffer.status(), kStatusFailure);
+        EXPECT_EQ(buffer.data(), nullptr);
+        EXPECT_EQ(buffer.capacity(), 0u);
+        EXPECT_EQ(krnctlAccountedBytes(), 0);
+        EXPECT_EQ(buffer.Append("x"), kStatusOk);  // a refusal is not the end of the buffer
+    }
+    {
+        // Release and MoveInto both give the registered size back.
+        GrowBuffer buffer;
+        buffer.Init(kAccountThreshold, 0);
+        EXPECT_EQ(krnctlAccountedBytes(), static_cast<int64_t>(kAccountThreshold));
+        buffer.Release();
+        EXPECT_EQ(krnctlAccountedBytes(), 0);
+        buffer.Init(kAccountThreshold, 0);
+        CountedString moved;
+        buffer.MoveInto(moved);
+        EXPECT_EQ(krnctlAccountedBytes(), 0);
+        EXPECT_EQ(buffer.data(), nullptr);
+    }
+    EXPECT_EQ(krnctlAccountedBytes(), 0);
+}
+
+TEST(CountedString, TakesOverABufferAndIsEditedInPlace) {
+    GrowBuffer buffer;
+    buffer.Init(0, 32);
+    buffer.Append("Subject");
+    buffer.Terminate();
+    CountedString text;
+    buffer.MoveInto(text);
+    EXPECT_EQ(buffer.length(), 0u);
+    EXPECT_EQ(buffer.data(), nullptr);
+    EXPECT_EQ(text.size(), 8u);
+    EXPECT_EQ(text.TextLength(), 7u);
+    EXPECT_EQ(text.text(), "Subject");
+
+    // Appending goes in front of the NUL and keeps one.
+    ASSERT_EQ(AppendCounted(&text, ": hi", kUpToNul), kStatusOk);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(text.data()), text.size()), std::string("Subject: hi\0", 12));
+    ASSERT_EQ(AppendCounted(&text, "!!!", 1), kStatusOk);
+    EXPECT_EQ(text.text(), "Subject: hi!");
+    EXPECT_EQ(text.size(), 13u);
+
+    // Inserting inside, at the end and beyond it (the gap is zeros).
+    ASSERT_EQ(InsertAt(&text, 0, "Re: ", 4), kStatusOk);
+    EXPECT_EQ(text.text(), "Re: Subject: hi!");
+    CountedString raw;
+    ASSERT_EQ(InsertAt(&raw, 2, "ab", 2), kStatusOk);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(raw.data()), raw.size()), std::string("\0\0ab", 4));
+    EXPECT_EQ(raw.TextLength(), 4u);
+    // An unterminated string gets its NUL from AppendCounted.
+    ASSERT_EQ(AppendCounted(&raw, "c", kUpToNul), kStatusOk);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(raw.data()), raw.size()), std::string("\0\0abc\0", 6));
+
+    EXPECT_EQ(InsertAt(nullptr, 0, "x", 1), kStatusNullPointer);
+    EXPECT_EQ(InsertAt(&raw, 0, nullptr, 1), kStatusNullPointer);
+    EXPECT_EQ(AppendCounted(&raw, "x", -2), kStatusBadArgument);
+    krnctlFailAllocation(1);
+    EXPECT_EQ(InsertAt(&text, 3, "xyz", 3), kStatusFailure);
+    EXPECT_EQ(text.text(), "Re: Subject: hi!");
+
+    CountedString taken(std::move(text));
+    EXPECT_EQ(text.data(), nullptr);
+    EXPECT_EQ(taken.text(), "Re: Subject: hi!");
+}
+
+}  // namespace
+}  // namespace tarn
