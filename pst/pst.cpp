@@ -77,12 +77,7 @@ void FillCallerInfo(InfoRequest* request, PstFilterData* record, int32_t message
     out->loader_value_2 = record->loader_value_2;
 }
 
-}  // namespace
-}  // namespace tarn
-
-using namespace tarn;
-
-extern "C" int32_t fltInfo(InfoRequest* request) {
+int32_t Info(InfoRequest* request) {
     if (request == nullptr || request->file_info == nullptr) return kStatusBadArgument;
 
     InputKind kind = kInputUnsupported;
@@ -119,7 +114,7 @@ extern "C" int32_t fltInfo(InfoRequest* request) {
     return kStatusUnsupported;
 }
 
-extern "C" int32_t fltLoad(LoadRequest* request) {
+int32_t Load(LoadRequest* request) {
     if (request == nullptr) return kStatusBadArgument;
 
     void* found = nullptr;
@@ -148,9 +143,18 @@ extern "C" int32_t fltLoad(LoadRequest* request) {
     return kStatusUnsupported;
 }
 
-extern "C" int32_t fltFreeData(void* record, int32_t keep) {
+int32_t FreeData(void* record, int32_t keep) {
     if (record == nullptr) return kStatusBadArgument;
     if (keep != 0) return kStatusOk;
     ReleaseFilterData(record);
     return kStatusOk;
 }
+
+}  // namespace
+}  // namespace tarn
+
+// Nothing is caught here: what the store layers throw while a store is opened or counted leaves the
+// entry point, and the toolkit decides what to make of it.
+extern "C" int32_t fltInfo(tarn::InfoRequest* request) { return tarn::Info(request); }
+extern "C" int32_t fltLoad(tarn::LoadRequest* request) { return tarn::Load(request); }
+extern "C" int32_t fltFreeData(void* record, int32_t keep) { return tarn::FreeData(record, keep); }
