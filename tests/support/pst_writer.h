@@ -19,6 +19,10 @@
 //     TempPstFile file(image.bytes);         // a file on disk the store can open
 //     auto db = tarn::ndb::open_database(file.path());
 //
+// Descriptions are meant for designated initializers ({.id = 0x21, .data = ...}); GCC's
+// -Wmissing-field-initializers flags every field left at its default, so targets using the writer turn
+// it off.
+//
 // Layers above the node database (heap-on-node, BTH, property and table contexts, whole message
 // stores) extend this by building node data bytes and subnode lists and handing them to WritePst:
 // the writer takes node data as opaque bytes and lays it out.
@@ -82,7 +86,8 @@ struct PstDescription {
     // 31 NBT, Unicode 20 / 15). Small values make deep trees from few nodes.
     size_t nbt_fanout = 0;
     size_t bbt_fanout = 0;
-    // Entries per SLBLOCK and SIBLOCK (0 = as many as a block holds).
+    // Entries per SLBLOCK (0 = as many as a block holds: ANSI 681, Unicode 340). More subnodes than
+    // that go into several SLBLOCKs under one SIBLOCK.
     size_t subnode_fanout = 0;
     // Data bytes per leaf data block and child ids per XBLOCK (0 = the store's limits, 8176/8180 and
     // 1021/1019). The store computes offsets from its limits, so other values make trees it reads
