@@ -49,6 +49,7 @@ size_t CompoundStream::read(uint64_t position, void* buffer, size_t max_length) 
     uint64_t copied = 0;
     while (copied < length && index < chain_.size()) {
         uint64_t n = std::min(block - offset, length - copied);
+        uint64_t run = 1;
         size_t got = 0;
         if (small_) {
             // A small block never straddles two big blocks: both sizes are powers of two and the
@@ -60,6 +61,13 @@ size_t CompoundStream::read(uint64_t position, void* buffer, size_t max_length) 
             uint64_t at = (uint64_t{mini[big_index]} + 1) * big + within;
             got = read_cached(at, out + copied, static_cast<size_t>(n), big - within);
         } else {
+            // Writers mostly lay a stream's sectors out one after another; such a run is read with one
+            // kernel call instead of one per sector.
+            while (index + run < chain_.size() && chain_[index + run] == chain_[index + run - 1] + 1u &&
+                   n < length - copied) {
+                n = std::min(n + block, length - copied);
+                ++run;
+            }
             uint64_t at = (uint64_t{chain_[index]} + 1) * big + offset;
             got = storage_->read_at(at, {out + copied, static_cast<size_t>(n)});
         }
@@ -68,7 +76,7 @@ size_t CompoundStream::read(uint64_t position, void* buffer, size_t max_length) 
         // on from the ones returned.
         if (got < n) break;
         offset = 0;
-        ++index;
+        index += run;
     }
     position_ = position + copied;
     return static_cast<size_t>(copied);
