@@ -26,7 +26,7 @@ using KernelPtr = std::unique_ptr<T, KernelFree>;
 
 // Closes a kernel file handle from krnOpenFile when it goes out of scope, unless released.
 class KernelFileHandle {
-public:
+  public:
     explicit KernelFileHandle(krn_handle handle = KRN_NO_HANDLE) : handle_(handle) {}
     ~KernelFileHandle() { Close(); }
     KernelFileHandle(const KernelFileHandle&) = delete;
@@ -41,7 +41,7 @@ public:
         return h;
     }
 
-private:
+  private:
     krn_handle handle_;
 };
 

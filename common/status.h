@@ -28,23 +28,40 @@ constexpr int32_t kStatusSlotOccupied = -1935;        // a slot entry already ho
 // not know read "toolkit status".
 inline const char* StatusText(int32_t status) {
     switch (status) {
-        case kStatusOk: return "success";
-        case kStatusNotPresent: return "not present";
-        case kStatusFailure: return "out of memory or general failure";
-        case kStatusNoPosition: return "file position could not be told";
-        case kStatusShortRead: return "short read";
-        case kStatusUnsupported: return "unsupported or malformed source, no document";
-        case kStatusCannotOpen: return "source cannot be opened";
-        case kStatusBadArgument: return "null argument or record, or nothing to show";
-        case kStatusMessageFileOpen: return "message file cannot be opened";
-        case kStatusFormatFailure: return "formatting failure or list does not fit";
-        case kStatusNullPointer: return "null pointer";
-        case kStatusFileTooLarge: return "file larger than 2 GiB";
-        case kStatusConversionFailed: return "text conversion failed";
-        case kStatusIndexOutOfRange: return "slot entry index out of range";
-        case kStatusInfoCallbackFailed: return "toolkit info callback failed";
-        case kStatusSlotOccupied: return "slot entry already holds other data";
-        default: return "toolkit status";
+        case kStatusOk:
+            return "success";
+        case kStatusNotPresent:
+            return "not present";
+        case kStatusFailure:
+            return "out of memory or general failure";
+        case kStatusNoPosition:
+            return "file position could not be told";
+        case kStatusShortRead:
+            return "short read";
+        case kStatusUnsupported:
+            return "unsupported or malformed source, no document";
+        case kStatusCannotOpen:
+            return "source cannot be opened";
+        case kStatusBadArgument:
+            return "null argument or record, or nothing to show";
+        case kStatusMessageFileOpen:
+            return "message file cannot be opened";
+        case kStatusFormatFailure:
+            return "formatting failure or list does not fit";
+        case kStatusNullPointer:
+            return "null pointer";
+        case kStatusFileTooLarge:
+            return "file larger than 2 GiB";
+        case kStatusConversionFailed:
+            return "text conversion failed";
+        case kStatusIndexOutOfRange:
+            return "slot entry index out of range";
+        case kStatusInfoCallbackFailed:
+            return "toolkit info callback failed";
+        case kStatusSlotOccupied:
+            return "slot entry already holds other data";
+        default:
+            return "toolkit status";
     }
 }
 

@@ -33,8 +33,8 @@ using LoadByNameFn = int32_t (*)(const char16_t* path, void* bitmap, int32_t c21
                                  int32_t c32, int32_t caller_value_1, int32_t caller_value_2,
                                  LoadOptions* options, FileInfo* info);
 using LoadInMemoryFn = int32_t (*)(const void* document, void* bitmap, int32_t c216, int32_t c24, int32_t c1,
-                                   int32_t c32, int32_t caller_value_1, int32_t caller_value_2, int32_t length,
-                                   LoadOptions* options, FileInfo* info);
+                                   int32_t c32, int32_t caller_value_1, int32_t caller_value_2,
+                                   int32_t length, LoadOptions* options, FileInfo* info);
 using AltLoadByNameFn = int32_t (*)(const char16_t* path, int32_t alternative_value, LoadOptions* options,
                                     FileInfo* info);
 using AltLoadInMemoryFn = int32_t (*)(const void* document, int32_t alternative_value, int32_t length,
@@ -45,13 +45,13 @@ using AltLoadInMemoryFn = int32_t (*)(const void* document, int32_t alternative_
 // hold their places in the virtual table. Not deleted through this interface, hence no virtual
 // destructor (which would take table slots of its own).
 class ToolkitObject {
-public:
+  public:
     virtual int32_t Operation1() = 0;
     virtual int32_t Operation2() = 0;
     virtual int32_t Operation3() = 0;
     virtual int32_t LoadMode() = 0;
 
-protected:
+  protected:
     ~ToolkitObject() = default;
 };
 
@@ -89,8 +89,8 @@ struct FilterDataEntry {
 constexpr uint32_t kFilterDataListTag = 0x544C4D4C;  // "LMLT" in file order
 
 // Where the entries start: straight after the head on ILP32, after alignment padding elsewhere.
-constexpr size_t kListEntriesOffset =
-    (sizeof(FilterDataList) + alignof(FilterDataEntry) - 1) / alignof(FilterDataEntry) * alignof(FilterDataEntry);
+constexpr size_t kListEntriesOffset = (sizeof(FilterDataList) + alignof(FilterDataEntry) - 1) /
+                                      alignof(FilterDataEntry) * alignof(FilterDataEntry);
 
 // Bytes of a list of `entries` entries.
 constexpr size_t ListBytes(size_t entries) { return kListEntriesOffset + entries * sizeof(FilterDataEntry); }
@@ -99,7 +99,8 @@ inline FilterDataEntry* ListEntries(FilterDataList* list) {
     return reinterpret_cast<FilterDataEntry*>(reinterpret_cast<std::byte*>(list) + kListEntriesOffset);
 }
 inline const FilterDataEntry* ListEntries(const FilterDataList* list) {
-    return reinterpret_cast<const FilterDataEntry*>(reinterpret_cast<const std::byte*>(list) + kListEntriesOffset);
+    return reinterpret_cast<const FilterDataEntry*>(reinterpret_cast<const std::byte*>(list) +
+                                                    kListEntriesOffset);
 }
 
 // Load options: 72 bytes, the first word its size.
@@ -137,9 +138,9 @@ struct FileInfo {
     int32_t y_resolution;
     uint32_t flags;  // kInfoFlagForInfoCall, kInfoFlagClearedForLoad
     uint8_t reserved_1128[1060];
-    int32_t marker_2188;   // set to 1
-    double width_units;    // width / horizontal resolution
-    double height_units;   // height / vertical resolution
+    int32_t marker_2188;  // set to 1
+    double width_units;   // width / horizontal resolution
+    double height_units;  // height / vertical resolution
     int32_t marker_2208;  // set to 1
     uint8_t reserved_2212[68];
     int32_t message_count;  // written only when the format is the PST kind
@@ -198,7 +199,7 @@ struct LoadRequest {
     uint8_t reserved_1964[236];
     int32_t message_number;  // from 1
     int32_t plain_text;
-    int32_t alternative_value;  // passed to the alternative loaders
+    int32_t alternative_value;      // passed to the alternative loaders
     ToolkitObject* toolkit_object;  // may be null
     uint8_t reserved_2216[8];
     LoadByNameFn load_by_name;

@@ -61,7 +61,8 @@ int32_t Describe(Toolkit& toolkit, FileInfo* info) {
     return kStatusOk;
 }
 
-int32_t InfoByName(const char16_t* path, FileInfo* info, int32_t info_size, int32_t flags, LoadOptions* options) {
+int32_t InfoByName(const char16_t* path, FileInfo* info, int32_t info_size, int32_t flags,
+                   LoadOptions* options) {
     Toolkit* toolkit = Toolkit::Active();
     if (toolkit == nullptr) return kStatusFailure;
     LoaderCall call;
@@ -171,12 +172,18 @@ CallOutcome Guarded(const char* entry_name, Call&& call) {
 
 const char* LoaderKindName(LoaderKind kind) {
     switch (kind) {
-        case LoaderKind::kInfoByName: return "info by name";
-        case LoaderKind::kInfoInMemory: return "info in memory";
-        case LoaderKind::kLoadByName: return "load by name";
-        case LoaderKind::kLoadInMemory: return "load in memory";
-        case LoaderKind::kAltLoadByName: return "alternative load by name";
-        case LoaderKind::kAltLoadInMemory: return "alternative load in memory";
+        case LoaderKind::kInfoByName:
+            return "info by name";
+        case LoaderKind::kInfoInMemory:
+            return "info in memory";
+        case LoaderKind::kLoadByName:
+            return "load by name";
+        case LoaderKind::kLoadInMemory:
+            return "load in memory";
+        case LoaderKind::kAltLoadByName:
+            return "alternative load by name";
+        case LoaderKind::kAltLoadInMemory:
+            return "alternative load in memory";
     }
     return "unknown loader";
 }
@@ -250,7 +257,8 @@ InfoRequest& SourceSession::BuildInfoRequest(krn_handle handle, int32_t message_
     return r;
 }
 
-LoadRequest& SourceSession::BuildLoadRequest(int32_t message_number, bool plain_text, bool with_slot, int32_t page) {
+LoadRequest& SourceSession::BuildLoadRequest(int32_t message_number, bool plain_text, bool with_slot,
+                                             int32_t page) {
     *load_request_ = LoadRequest{};
     file_info_->size = kFileInfoSize;
     load_options_->size = kLoadOptionsSize;
@@ -280,7 +288,8 @@ CallOutcome SourceSession::ReleaseSlot(const EntryPoints& entries) {
     void* datum = slot.data;
     if (datum != nullptr && slot.count == kSlotHoldsList) {
         const auto* list = static_cast<const FilterDataList*>(datum);
-        datum = list->tag == kFilterDataListTag && list->entry_count > 0 ? ListEntries(list)[0].data : nullptr;
+        datum =
+            list->tag == kFilterDataListTag && list->entry_count > 0 ? ListEntries(list)[0].data : nullptr;
     }
     CallOutcome outcome{kStatusOk, {}};
     if (datum != nullptr) outcome = CallFreeData(entries, datum, 0);

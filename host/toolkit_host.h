@@ -33,18 +33,25 @@ struct DocumentDescription {
     int32_t loader_data_count = 0;
 };
 
-enum class LoaderKind { kInfoByName, kInfoInMemory, kLoadByName, kLoadInMemory, kAltLoadByName, kAltLoadInMemory };
+enum class LoaderKind {
+    kInfoByName,
+    kInfoInMemory,
+    kLoadByName,
+    kLoadInMemory,
+    kAltLoadByName,
+    kAltLoadInMemory
+};
 const char* LoaderKindName(LoaderKind kind);
 
 // One call of a loader callback, with copies of what it was handed.
 struct LoaderCall {
     LoaderKind kind = LoaderKind::kInfoInMemory;
-    std::string path;                 // the by-name kinds: the path, as UTF-8
-    std::vector<std::byte> document;  // the bytes handed over, or the file's contents when by name
-    bool file_readable = false;       // by name: whether the file could be read
-    int32_t info_size = 0;            // info calls: the record size passed
-    int32_t length = 0;               // in-memory kinds: the length passed
-    int32_t flags = 0;                // info calls
+    std::string path;                    // the by-name kinds: the path, as UTF-8
+    std::vector<std::byte> document;     // the bytes handed over, or the file's contents when by name
+    bool file_readable = false;          // by name: whether the file could be read
+    int32_t info_size = 0;               // info calls: the record size passed
+    int32_t length = 0;                  // in-memory kinds: the length passed
+    int32_t flags = 0;                   // info calls
     std::array<int32_t, 4> constants{};  // standard loads: the four constants in order
     int32_t caller_value_1 = 0;
     int32_t caller_value_2 = 0;
@@ -57,7 +64,7 @@ struct LoaderCall {
 
 // The toolkit object of a load request: its fourth operation answers `mode`.
 class ModeObject final : public ToolkitObject {
-public:
+  public:
     int32_t Operation1() override { return 0; }
     int32_t Operation2() override { return 0; }
     int32_t Operation3() override { return 0; }
@@ -73,7 +80,7 @@ public:
 // The loaders are plain function pointers, so they report to the one Toolkit that is active: the most
 // recently constructed that still exists. Not for use from several threads at once.
 class Toolkit {
-public:
+  public:
     Toolkit();
     ~Toolkit();
     Toolkit(const Toolkit&) = delete;
@@ -86,7 +93,7 @@ public:
     void ClearCalls() { calls_.clear(); }
     void Record(LoaderCall call) { calls_.push_back(std::move(call)); }
 
-private:
+  private:
     DocumentDescription description_;
     std::vector<LoaderCall> calls_;
     Toolkit* previous_;
@@ -125,7 +132,7 @@ CallOutcome CallFreeData(const EntryPoints& entries, void* record, int32_t keep)
 // One source as the toolkit keeps it between calls: its name, its slot and the records its requests
 // point to. Every record lives at a stable address for the session's lifetime.
 class SourceSession {
-public:
+  public:
     explicit SourceSession(std::u16string name);
     ~SourceSession();
     SourceSession(const SourceSession&) = delete;
@@ -153,7 +160,7 @@ public:
     FilterDataSlot& slot() { return *slot_; }
     ModeObject& toolkit_object() { return toolkit_object_; }
 
-private:
+  private:
     std::u16string name_;
     std::unique_ptr<InfoRequest> info_request_;
     std::unique_ptr<LoadRequest> load_request_;

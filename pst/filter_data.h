@@ -69,7 +69,7 @@ void ReleaseFilterData(void* record);
 
 // Releases a record when it goes out of scope, unless it was handed on.
 class FilterDataHolder {
-public:
+  public:
     explicit FilterDataHolder(PstFilterData* record) : record_(record) {}
     ~FilterDataHolder() { ReleaseFilterData(record_); }
     FilterDataHolder(const FilterDataHolder&) = delete;
@@ -82,7 +82,7 @@ public:
         return r;
     }
 
-private:
+  private:
     PstFilterData* record_;
 };
 

@@ -27,7 +27,8 @@ int32_t IndexFromMessageNumber(int32_t number) {
 
 // One axis of the size report: `caller_size` and `caller_resolution` are the caller's fields, `requested`
 // the resolution asked for in the rendering options. Returns the size to report.
-int32_t ScaleAxis(int32_t& record_size, int32_t& record_resolution, uint32_t requested, int32_t& caller_resolution) {
+int32_t ScaleAxis(int32_t& record_size, int32_t& record_resolution, uint32_t requested,
+                  int32_t& caller_resolution) {
     if (requested == 0 || requested == static_cast<uint32_t>(record_resolution) || record_resolution == 0) {
         // A record without a resolution cannot be rescaled; it reports its own.
         caller_resolution = record_resolution;
@@ -35,7 +36,8 @@ int32_t ScaleAxis(int32_t& record_size, int32_t& record_resolution, uint32_t req
     }
     // Rounded to nearest, in 64 bits without sign so that a large size times a large resolution fits.
     const uint64_t own = static_cast<uint32_t>(record_resolution);
-    const uint64_t scaled = (static_cast<uint64_t>(static_cast<uint32_t>(record_size)) * requested + own / 2) / own;
+    const uint64_t scaled =
+        (static_cast<uint64_t>(static_cast<uint32_t>(record_size)) * requested + own / 2) / own;
     record_size = static_cast<int32_t>(static_cast<uint32_t>(scaled));
     record_resolution = static_cast<int32_t>(requested);
     // The caller's resolution field keeps what the caller put there.
@@ -69,10 +71,10 @@ void FillCallerInfo(InfoRequest* request, PstFilterData* record, int32_t message
     out->marker_1104 = 1;
     out->bits_per_pixel = kBitsPerPixel;
 
-    out->width = ScaleAxis(record->width, record->x_resolution, request->render_options[kRenderOptionXResolution],
-                           out->x_resolution);
-    out->height = ScaleAxis(record->height, record->y_resolution, request->render_options[kRenderOptionYResolution],
-                            out->y_resolution);
+    out->width = ScaleAxis(record->width, record->x_resolution,
+                           request->render_options[kRenderOptionXResolution], out->x_resolution);
+    out->height = ScaleAxis(record->height, record->y_resolution,
+                            request->render_options[kRenderOptionYResolution], out->y_resolution);
     out->loader_value_1 = record->loader_value_1;
     out->loader_value_2 = record->loader_value_2;
 }
@@ -89,9 +91,11 @@ int32_t Info(InfoRequest* request) {
     PstFilterData* record = nullptr;
     if (FindSlotData(request->slot, &found) == kStatusOk) {
         record = static_cast<PstFilterData*>(found);
-        if (record->produced_kind == kInputUnsupported || record->produced_kind != kind) return kStatusUnsupported;
+        if (record->produced_kind == kInputUnsupported || record->produced_kind != kind)
+            return kStatusUnsupported;
         // The cached description stands while the caller asks for the same rendering.
-        if (std::memcmp(record->render_options, request->render_options, sizeof record->render_options) == 0) {
+        if (std::memcmp(record->render_options, request->render_options, sizeof record->render_options) ==
+            0) {
             FillCallerInfo(request, record, message_index);
             return kStatusOk;
         }
@@ -104,8 +108,8 @@ int32_t Info(InfoRequest* request) {
     if (fresh.get() == nullptr) return kStatusFailure;
     fresh.get()->temp_file_mode = TempFileModeFromKernel();
     int32_t body_format = kBodyNone;
-    const int32_t status = ProduceDocument(request->file_name, fresh.get(), &kind, &message_index, &body_format,
-                                           plain_text, request->handle);
+    const int32_t status = ProduceDocument(request->file_name, fresh.get(), &kind, &message_index,
+                                           &body_format, plain_text, request->handle);
     if (status != kStatusOk) return status;
     fresh.get()->document_format = ChooseDocumentFormat(body_format, plain_text);
     fresh.get()->reported_kind = kind;
@@ -134,8 +138,8 @@ int32_t Load(LoadRequest* request) {
     int32_t message_index = IndexFromMessageNumber(request->message_number);
     int32_t body_format = kBodyNone;
     const bool plain_text = request->plain_text == 1;
-    const int32_t status = ProduceDocument(request->file_name, fresh.get(), &kind, &message_index, &body_format,
-                                           plain_text, source.get());
+    const int32_t status = ProduceDocument(request->file_name, fresh.get(), &kind, &message_index,
+                                           &body_format, plain_text, source.get());
     if (status != kStatusOk) return status;
     fresh.get()->document_format = ChooseDocumentFormat(body_format, plain_text);
     // Handing the document to the toolkit's loader arrives with the hand-off; no kind produces a

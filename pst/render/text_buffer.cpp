@@ -150,10 +150,12 @@ int32_t InsertAt(CountedString* string, size_t offset, const void* bytes, size_t
 int32_t AppendCounted(CountedString* string, const void* bytes, int32_t count) {
     if (string == nullptr || bytes == nullptr) return kStatusNullPointer;
     if (count < 0 && count != kUpToNul) return kStatusBadArgument;
-    const size_t length = count == kUpToNul ? std::strlen(static_cast<const char*>(bytes)) : static_cast<size_t>(count);
+    const size_t length =
+        count == kUpToNul ? std::strlen(static_cast<const char*>(bytes)) : static_cast<size_t>(count);
 
     const bool terminated = string->size() != string->TextLength();
-    if (int32_t status = InsertAt(string, string->TextLength(), bytes, length); status != kStatusOk) return status;
+    if (int32_t status = InsertAt(string, string->TextLength(), bytes, length); status != kStatusOk)
+        return status;
     if (terminated) return kStatusOk;
     const char nul = 0;
     return InsertAt(string, string->size(), &nul, 1);

@@ -25,7 +25,7 @@ constexpr size_t kMaxBufferBytes = 0x7FFFFFFF;
 constexpr uint32_t kReallocationsPerDoubling = 21;
 
 class GrowBuffer {
-public:
+  public:
     GrowBuffer() = default;
     ~GrowBuffer() { Release(); }
     GrowBuffer(const GrowBuffer&) = delete;
@@ -60,21 +60,21 @@ public:
     int32_t status() const { return status_; }
     std::string_view view() const { return {reinterpret_cast<const char*>(data_), length_}; }
 
-private:
+  private:
     std::byte* data_ = nullptr;
     size_t length_ = 0;
     size_t capacity_ = 0;
     size_t growth_step_ = 0;
     bool zero_fill_ = false;
     int32_t status_ = kStatusFailure;
-    int64_t accounted_ = 0;     // bytes registered with the kernel's accounting
-    bool accounting_ = false;   // registering has started
+    int64_t accounted_ = 0;       // bytes registered with the kernel's accounting
+    bool accounting_ = false;     // registering has started
     uint32_t reallocations_ = 0;  // since the step last doubled
 };
 
 // A byte string in kernel memory whose size may include one terminating NUL.
 class CountedString {
-public:
+  public:
     CountedString() = default;
     ~CountedString() { Release(); }
     CountedString(CountedString&& other) noexcept;
@@ -89,7 +89,7 @@ public:
     std::string_view text() const { return {reinterpret_cast<const char*>(data_), TextLength()}; }
     void Release();
 
-private:
+  private:
     friend class GrowBuffer;
     friend int32_t InsertAt(CountedString* string, size_t offset, const void* bytes, size_t count);
 

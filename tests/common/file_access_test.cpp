@@ -34,7 +34,8 @@ TEST(StoreFile, ReadsWholeBuffersOrThrowsWithTheFixedMessages) {
     ScratchDir dir;
     const auto path = dir.Write("store.bin", std::string("0123456789"));
 
-    EXPECT_EQ(Failure([&] { StoreFile missing(Wide(dir.path() / "missing.pst")); }), "runtime_error: fopen failed");
+    EXPECT_EQ(Failure([&] { StoreFile missing(Wide(dir.path() / "missing.pst")); }),
+              "runtime_error: fopen failed");
 
     StoreFile file(Wide(path));
     std::array<std::byte, 4> buffer{};

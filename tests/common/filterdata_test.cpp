@@ -24,10 +24,12 @@ struct Foreign {
 
 // A list the test owns, laid out as the toolkit would lay it out.
 struct TestList {
-    explicit TestList(int32_t entries, int32_t total_size = -1) : bytes(ListBytes(static_cast<size_t>(entries)) + 64) {
+    explicit TestList(int32_t entries, int32_t total_size = -1)
+        : bytes(ListBytes(static_cast<size_t>(entries)) + 64) {
         head()->tag = kFilterDataListTag;
         head()->entry_count = entries;
-        head()->total_size = total_size >= 0 ? total_size : static_cast<int32_t>(ListBytes(static_cast<size_t>(entries)));
+        head()->total_size =
+            total_size >= 0 ? total_size : static_cast<int32_t>(ListBytes(static_cast<size_t>(entries)));
     }
     FilterDataList* head() { return reinterpret_cast<FilterDataList*>(bytes.data()); }
     FilterDataEntry& entry(int i) { return ListEntries(head())[i]; }

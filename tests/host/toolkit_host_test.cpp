@@ -43,8 +43,8 @@ TEST(ToolkitHost, LoadersRecordWhatTheyAreHandedAndDescribeIt) {
     ASSERT_EQ(request.info_by_name(path.c_str(), &info, kFileInfoSize, 1, nullptr), kStatusOk);
 
     LoadRequest& load = session.BuildLoadRequest(1);
-    ASSERT_EQ(load.load_in_memory(html, load.bitmap, 216, 24, 1, 32, load.caller_value_1, load.caller_value_2, 15,
-                                  load.load_options, load.file_info),
+    ASSERT_EQ(load.load_in_memory(html, load.bitmap, 216, 24, 1, 32, load.caller_value_1, load.caller_value_2,
+                                  15, load.load_options, load.file_info),
               kStatusOk);
     ASSERT_EQ(load.alt_load_by_name(path.c_str(), 77, load.load_options, load.file_info), kStatusOk);
 
@@ -155,7 +155,9 @@ TEST(ToolkitHost, NamesRoundTripBetweenUtf8AndUtf16) {
     const std::u16string wide = WideFromUtf8(name);
     EXPECT_EQ(wide, u"caf\u00E9 \U0001F4E7.eml");
     EXPECT_EQ(Utf8FromWide(wide.c_str()), name);
-    EXPECT_EQ(WideFromUtf8("a\xFF" "b\xE2\x82"), u"a\uFFFDb\uFFFD\uFFFD");
+    EXPECT_EQ(WideFromUtf8("a\xFF"
+                           "b\xE2\x82"),
+              u"a\uFFFDb\uFFFD\uFFFD");
     EXPECT_EQ(Utf8FromWide(nullptr), "");
 }
 

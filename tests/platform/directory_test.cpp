@@ -40,9 +40,11 @@ TEST(Directory, NamesAreUtf16) {
     EXPECT_FALSE(CreateDirectoryW(nullptr));
     EXPECT_FALSE(CreateDirectoryW(u""));
     EXPECT_FALSE(RemoveDirectoryW(nullptr));
-    const std::u16string unpaired = testing::Wide(dir.path()) + u"/bad-" + std::u16string(1, char16_t(0xD800));
+    const std::u16string unpaired =
+        testing::Wide(dir.path()) + u"/bad-" + std::u16string(1, char16_t(0xD800));
     EXPECT_FALSE(CreateDirectoryW(unpaired.c_str()));
-    const std::u16string lone_low = testing::Wide(dir.path()) + u"/bad-" + std::u16string(1, char16_t(0xDC00)) + u"x";
+    const std::u16string lone_low =
+        testing::Wide(dir.path()) + u"/bad-" + std::u16string(1, char16_t(0xDC00)) + u"x";
     EXPECT_FALSE(CreateDirectoryW(lone_low.c_str()));
 }
 

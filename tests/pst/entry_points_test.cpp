@@ -1,7 +1,5 @@
 // The exported entry points on sources that reach them before any reader produces a document: the
 // statuses of the probe, of opening and of memory, the record cached in a slot, and its release.
-#include "pst/pst.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,6 +15,7 @@
 #include "kernel/tarnkrn_control.h"
 #include "platform/directory.h"
 #include "pst/filter_data.h"
+#include "pst/pst.h"
 #include "tests/support/scratch_file.h"
 
 namespace tarn {
@@ -221,7 +220,8 @@ PstFilterData* RecordWithTempFiles(const ScratchDir& dir, int32_t temp_file_mode
     EXPECT_EQ(krnTempFileName(nullptr, record->temp_path, kTempPathUnits, 1, u"pst", u"html"), kStatusOk);
     files->push_back(host::Utf8FromWide(record->temp_path));
     for (int i = 0; i < 2; ++i) {
-        auto* name = static_cast<char16_t*>(krnAllocZeroed(kTempPathUnits, sizeof(char16_t), __FILE__, __LINE__));
+        auto* name =
+            static_cast<char16_t*>(krnAllocZeroed(kTempPathUnits, sizeof(char16_t), __FILE__, __LINE__));
         EXPECT_EQ(krnTempFileName(image_dir.c_str(), name, kTempPathUnits, 1, u"img", u"png"), kStatusOk);
         files->push_back(host::Utf8FromWide(name));
         record->temp_names.Append(&name, sizeof name);

@@ -27,10 +27,13 @@ TEST(ProbeHeader, ClassifiesByTheLeadingWords) {
         InputKind expected;
     };
     const Case cases[] = {
-        {"PST magic, rest ignored", Header({'!', 'B', 'D', 'N', 0xFF, 0xFF, 0xFF, 0xFF, 1, 2, 3, 4}), kInputPstStore},
+        {"PST magic, rest ignored", Header({'!', 'B', 'D', 'N', 0xFF, 0xFF, 0xFF, 0xFF, 1, 2, 3, 4}),
+         kInputPstStore},
         {"PST magic, zeros after", Header({'!', 'B', 'D', 'N'}), kInputPstStore},
-        {"compound file", Header({0xD0, 0xCF, 0x11, 0xE0, 0xA1, 0xB1, 0x1A, 0xE1, 9, 9, 9, 9}), kInputMessageFile},
-        {"compound file, second word differs", Header({0xD0, 0xCF, 0x11, 0xE0, 0xA1, 0xB1, 0x1A, 0xE0}), kInputMimeText},
+        {"compound file", Header({0xD0, 0xCF, 0x11, 0xE0, 0xA1, 0xB1, 0x1A, 0xE1, 9, 9, 9, 9}),
+         kInputMessageFile},
+        {"compound file, second word differs", Header({0xD0, 0xCF, 0x11, 0xE0, 0xA1, 0xB1, 0x1A, 0xE0}),
+         kInputMimeText},
         {"second compound word alone", Header({0, 0, 0, 0, 0xA1, 0xB1, 0x1A, 0xE1}), kInputMimeText},
         {"PST magic byte-swapped", Header({'N', 'D', 'B', '!'}), kInputMimeText},
         {"PST magic one word late", Header({'F', 'r', 'o', 'm', '!', 'B', 'D', 'N'}), kInputMimeText},

@@ -16,7 +16,7 @@
 namespace tarn::testing {
 
 class ScratchDir {
-public:
+  public:
     ScratchDir() {
         std::string pattern = (std::filesystem::temp_directory_path() / "tarn-test-XXXXXX").string();
         if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
@@ -43,7 +43,7 @@ public:
         return Write(name, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
     }
 
-private:
+  private:
     std::filesystem::path path_;
 };
 

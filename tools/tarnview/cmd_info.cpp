@@ -25,10 +25,14 @@ constexpr int32_t kModeInMemory = 3;
 
 const char* KindName(int32_t kind) {
     switch (kind) {
-        case tarn::kInputPstStore: return "PST store";
-        case tarn::kInputMessageFile: return "message file";
-        case tarn::kInputMimeText: return "MIME text";
-        default: return "unknown";
+        case tarn::kInputPstStore:
+            return "PST store";
+        case tarn::kInputMessageFile:
+            return "message file";
+        case tarn::kInputMimeText:
+            return "MIME text";
+        default:
+            return "unknown";
     }
 }
 
@@ -161,8 +165,8 @@ int RunInfo(const Args& args) {
             if (info.format == tarn::kInputPstStore) std::printf("messages    %d\n", info.message_count);
             std::printf("message     %d (index %d)\n", message_index + 1, message_index);
             std::printf("pages       %d (page %d)\n", info.total_pages, info.page_number);
-            std::printf("size        %d x %d pixels at %d x %d dpi\n", info.width, info.height, info.x_resolution,
-                        info.y_resolution);
+            std::printf("size        %d x %d pixels at %d x %d dpi\n", info.width, info.height,
+                        info.x_resolution, info.y_resolution);
         }
     }
     std::fflush(stdout);
@@ -172,8 +176,8 @@ int RunInfo(const Args& args) {
         return 1;
     }
     if (!ok) {
-        std::fprintf(stderr, "tarnview info: %s: fltInfo returned %d (%s)\n", options->file.c_str(), outcome.status,
-                     tarn::StatusText(outcome.status));
+        std::fprintf(stderr, "tarnview info: %s: fltInfo returned %d (%s)\n", options->file.c_str(),
+                     outcome.status, tarn::StatusText(outcome.status));
         return 1;
     }
     return 0;

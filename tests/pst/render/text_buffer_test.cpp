@@ -41,7 +41,8 @@ TEST(GrowBuffer, GrowsByItsStepAndDoublesItEvery21Reallocations) {
     EXPECT_EQ(steps[40], 20u);
     EXPECT_EQ(steps[41], 40u);
     EXPECT_EQ(capacities[42], capacities[41] + 1 + 40);
-    for (size_t i = 0; i < buffer.length(); ++i) ASSERT_EQ(buffer.data()[i], std::byte(static_cast<uint8_t>(i)));
+    for (size_t i = 0; i < buffer.length(); ++i)
+        ASSERT_EQ(buffer.data()[i], std::byte(static_cast<uint8_t>(i)));
 
     // Init empties the buffer and starts the doubling count afresh.
     ASSERT_EQ(buffer.Init(100, 7), kStatusOk);
@@ -128,7 +129,8 @@ TEST(CountedString, TakesOverABufferAndIsEditedInPlace) {
 
     // Appending goes in front of the NUL and keeps one.
     ASSERT_EQ(AppendCounted(&text, ": hi", kUpToNul), kStatusOk);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(text.data()), text.size()), std::string("Subject: hi\0", 12));
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(text.data()), text.size()),
+              std::string("Subject: hi\0", 12));
     ASSERT_EQ(AppendCounted(&text, "!!!", 1), kStatusOk);
     EXPECT_EQ(text.text(), "Subject: hi!");
     EXPECT_EQ(text.size(), 13u);
@@ -142,7 +144,8 @@ TEST(CountedString, TakesOverABufferAndIsEditedInPlace) {
     EXPECT_EQ(raw.TextLength(), 4u);
     // An unterminated string gets its NUL from AppendCounted.
     ASSERT_EQ(AppendCounted(&raw, "c", kUpToNul), kStatusOk);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(raw.data()), raw.size()), std::string("\0\0abc\0", 6));
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(raw.data()), raw.size()),
+              std::string("\0\0abc\0", 6));
 
     EXPECT_EQ(InsertAt(nullptr, 0, "x", 1), kStatusNullPointer);
     EXPECT_EQ(InsertAt(&raw, 0, nullptr, 1), kStatusNullPointer);
