@@ -22,7 +22,7 @@ echo "\$ tarnview info $sample"
 # tarnview exits 1 both when the filter declines the source and when it cannot do its own work; only
 # the first prints a report with the filter's status, and only that one is an honest demo result.
 status=0
-report="$("$build/tools/tarnview" info "$sample")" || status=$?
+report="$("$build/tools/tarnview" info "$sample" 2>&1)" || status=$?
 printf '%s\n' "$report"
 if [ "$status" -eq 1 ] && grep -q '^status ' <<<"$report"; then
   echo "(the filter produced no document for this source yet; the status line says why)"
