@@ -44,19 +44,21 @@ void BM_OpenAndReadEveryStream(benchmark::State& state) {
                 return;
             }
             bytes = streams = 0;
-            storage.directory().walk([&](std::string_view path, const tarn::cfb::DirectoryEntry& e, size_t, size_t) {
-                if (e.is_directory) return;
-                auto stream = tarn::cfb::CompoundStream::open(storage, path);
-                if (!stream) return;
-                uint64_t at = 0;
-                while (size_t got = stream->read(at, buffer.data(), buffer.size())) at += got;
-                bytes += at;
-                ++streams;
-            });
+            storage.directory().walk(
+                [&](std::string_view path, const tarn::cfb::DirectoryEntry& e, size_t, size_t) {
+                    if (e.is_directory) return;
+                    auto stream = tarn::cfb::CompoundStream::open(storage, path);
+                    if (!stream) return;
+                    uint64_t at = 0;
+                    while (size_t got = stream->read(at, buffer.data(), buffer.size())) at += got;
+                    bytes += at;
+                    ++streams;
+                });
         }
         krnCloseFile(handle);
     }
-    state.SetLabel(std::filesystem::path(file).filename().string() + ", " + std::to_string(streams) + " streams");
+    state.SetLabel(std::filesystem::path(file).filename().string() + ", " + std::to_string(streams) +
+                   " streams");
     state.SetBytesProcessed(static_cast<int64_t>(bytes * state.iterations()));
 }
 BENCHMARK(BM_OpenAndReadEveryStream)->Unit(benchmark::kMillisecond);

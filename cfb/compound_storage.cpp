@@ -16,7 +16,7 @@ constexpr uint64_t kMaxSectorShift = 30;
 
 // A set of sector numbers, for walks that must not visit a sector twice.
 class SectorSet {
-public:
+  public:
     bool allocate(uint64_t count) { return bits_.allocate(static_cast<size_t>((count + 7) / 8)); }
     // Returns false when `sector` was already in the set (or lies outside it), else adds it.
     bool insert(uint64_t sector) {
@@ -27,7 +27,7 @@ public:
         return true;
     }
 
-private:
+  private:
     KernelArray<uint8_t> bits_;
 };
 
@@ -169,7 +169,8 @@ size_t CompoundStorage::read_at(uint64_t offset, std::span<std::byte> buffer) co
     if (at < 0 || static_cast<uint64_t>(at) != offset) return 0;
     size_t done = 0;
     while (done < count) {
-        auto chunk = static_cast<int32_t>(std::min<uint64_t>(count - done, std::numeric_limits<int32_t>::max()));
+        auto chunk =
+            static_cast<int32_t>(std::min<uint64_t>(count - done, std::numeric_limits<int32_t>::max()));
         int32_t got = krnReadFile(handle_, buffer.data() + done, chunk);
         if (got <= 0) break;
         done += static_cast<size_t>(got);

@@ -21,7 +21,7 @@ enum class OpenResult : int32_t { Ok = 0, OpenFailed = 1, NotCompound = 2, BadCo
 class CompoundStream;
 
 class CompoundStorage {
-public:
+  public:
     // The handle stays the caller's: it must outlive the storage and is never closed here.
     explicit CompoundStorage(krn_handle handle) : handle_(handle) {}
     CompoundStorage(const CompoundStorage&) = delete;
@@ -49,7 +49,7 @@ public:
     // The entry at "/"-separated `path`, or null. Valid until the storage is closed.
     const DirectoryEntry* find_entry(std::string_view path) const;
 
-private:
+  private:
     friend class CompoundStream;
 
     OpenResult load();

@@ -14,7 +14,7 @@
 namespace tarn::cfb {
 
 class CompoundStream {
-public:
+  public:
     // The stream at `path`, or none when the storage is not open, the path does not resolve or
     // memory runs out. A storage's path opens too (its size is normally 0). The storage must stay
     // open for as long as the stream is used.
@@ -36,7 +36,7 @@ public:
     // read into a null buffer.
     size_t read(uint64_t position, void* buffer, size_t max_length);
 
-private:
+  private:
     CompoundStream(const CompoundStorage& storage, size_t index) : storage_(&storage), index_(index) {}
 
     // Copies `length` bytes at file offset `offset` through the cache; returns the bytes copied.

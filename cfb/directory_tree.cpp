@@ -65,7 +65,8 @@ bool DirectoryTree::load(std::span<const std::byte> bytes) {
         return false;
     }
     for (size_t i = 0; i < count; ++i)
-        entries_[i] = parse_directory_entry(bytes.subspan(i * kDirectoryEntrySize).first<kDirectoryEntrySize>());
+        entries_[i] =
+            parse_directory_entry(bytes.subspan(i * kDirectoryEntrySize).first<kDirectoryEntrySize>());
     loaded_ = true;
     return true;
 }

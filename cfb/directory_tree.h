@@ -48,7 +48,7 @@ DirectoryEntry parse_directory_entry(std::span<const std::byte, kDirectoryEntryS
 int compare_entry_names(std::string_view a, std::string_view b);
 
 class DirectoryTree {
-public:
+  public:
     // Holds the single valid root entry "Root Entry" until `load` replaces it. Needs no memory: an
     // allocation failure leaves an empty tree.
     DirectoryTree();
@@ -72,15 +72,15 @@ public:
     // before its contents and siblings in tree order, with the entry's "/"-joined path and its depth
     // (1 for the root's children). Each entry is visited once even when links loop or are shared;
     // storages nested deeper than kMaxWalkDepth are listed but not entered. False when memory runs out.
-    using Visitor = std::function<void(std::string_view path, const DirectoryEntry& entry, size_t index,
-                                       size_t depth)>;
+    using Visitor =
+        std::function<void(std::string_view path, const DirectoryEntry& entry, size_t index, size_t depth)>;
     bool walk(const Visitor& visit) const;
 
     // Real messages nest a few storages per embedded message; this is far beyond any of them and
     // bounds the path buffer of a walk.
     static constexpr size_t kMaxWalkDepth = 256;
 
-private:
+  private:
     KernelArray<DirectoryEntry> entries_;
     DirectoryEntry unloaded_root_;
     bool loaded_ = false;

@@ -23,12 +23,14 @@ class KernelArray {
     static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_destructible_v<T>,
                   "the kernel hands out raw bytes: only plain values may live in them");
 
-public:
+  public:
     KernelArray() = default;
     KernelArray(const KernelArray&) = delete;
     KernelArray& operator=(const KernelArray&) = delete;
     KernelArray(KernelArray&& other) noexcept
-        : data_(std::exchange(other.data_, nullptr)), size_(std::exchange(other.size_, 0)), line_(other.line_) {}
+        : data_(std::exchange(other.data_, nullptr)),
+          size_(std::exchange(other.size_, 0)),
+          line_(other.line_) {}
     KernelArray& operator=(KernelArray&& other) noexcept {
         if (this != &other) {
             reset();
@@ -82,7 +84,7 @@ public:
     std::span<T> span() { return {data_, size_}; }
     std::span<const T> span() const { return {data_, size_}; }
 
-private:
+  private:
     T* data_ = nullptr;
     size_t size_ = 0;
     int32_t line_ = 0;

@@ -15,7 +15,7 @@ namespace tarn::cfb {
 using SectorChain = KernelArray<uint32_t>;
 
 class SectorTable {
-public:
+  public:
     SectorTable() = default;
 
     // Loads one entry per little-endian 32-bit word of `bytes` (a trailing partial word is ignored).
@@ -32,7 +32,7 @@ public:
     size_t entry_count() const { return entries_.size(); }
     uint64_t entry(size_t i) const { return entries_[i]; }
 
-private:
+  private:
     // The special numbers (0xFFFFFFFC and up) are refused by value as well, for a table so large that
     // they would otherwise count as sectors.
     bool in_range(uint64_t sector) const {

@@ -51,8 +51,8 @@ std::vector<uint8_t> ReadAll(const CompoundStorage& storage, const std::string& 
 
 std::map<std::string, size_t> WalkPaths(const CompoundStorage& storage) {
     std::map<std::string, size_t> paths;
-    EXPECT_TRUE(storage.directory().walk(
-        [&](std::string_view path, const DirectoryEntry&, size_t index, size_t) { paths[std::string(path)] = index; }));
+    EXPECT_TRUE(storage.directory().walk([&](std::string_view path, const DirectoryEntry&, size_t index,
+                                             size_t) { paths[std::string(path)] = index; }));
     return paths;
 }
 
@@ -63,12 +63,14 @@ CfbNode SampleTree() {
         {CfbNode::Stream(u"empty", {}), CfbNode::Stream(u"one", PatternBytes(1, 1)),
          CfbNode::Stream(u"mini63", PatternBytes(63, 2)), CfbNode::Stream(u"mini64", PatternBytes(64, 3)),
          CfbNode::Stream(u"mini65", PatternBytes(65, 4)), CfbNode::Stream(u"mini4095", PatternBytes(4095, 5)),
-         CfbNode::Stream(u"big4096", PatternBytes(4096, 6)), CfbNode::Stream(u"big4097", PatternBytes(4097, 7)),
+         CfbNode::Stream(u"big4096", PatternBytes(4096, 6)),
+         CfbNode::Stream(u"big4097", PatternBytes(4097, 7)),
          CfbNode::Stream(u"big10000", PatternBytes(10000, 8)),
-         CfbNode::Storage(u"outer", {CfbNode::Stream(u"a", PatternBytes(100, 9)),
-                                     CfbNode::Storage(u"inner", {CfbNode::Stream(u"b", PatternBytes(5000, 10)),
-                                                                 CfbNode::Stream(u"c", PatternBytes(70, 11))}),
-                                     CfbNode::Storage(u"hollow", {})})});
+         CfbNode::Storage(u"outer",
+                          {CfbNode::Stream(u"a", PatternBytes(100, 9)),
+                           CfbNode::Storage(u"inner", {CfbNode::Stream(u"b", PatternBytes(5000, 10)),
+                                                       CfbNode::Stream(u"c", PatternBytes(70, 11))}),
+                           CfbNode::Storage(u"hollow", {})})});
 }
 
 struct Expected {
@@ -111,13 +113,21 @@ TEST(CompoundStorage, ReadsEveryStreamOfBothSectorSizes) {
             EXPECT_EQ(ReadAll(storage, e.path), e.data);
             EXPECT_EQ(ReadAll(storage, e.path, nullptr, 7), e.data);  // reads that straddle blocks
         }
-        EXPECT_EQ(WalkPaths(storage),
-                  (std::map<std::string, size_t>{{"empty", 1},       {"one", 2},        {"mini63", 3},
-                                                 {"mini64", 4},      {"mini65", 5},     {"mini4095", 6},
-                                                 {"big4096", 7},     {"big4097", 8},    {"big10000", 9},
-                                                 {"outer", 10},      {"outer/a", 11},   {"outer/inner", 12},
-                                                 {"outer/inner/b", 13}, {"outer/inner/c", 14},
-                                                 {"outer/hollow", 15}}));
+        EXPECT_EQ(WalkPaths(storage), (std::map<std::string, size_t>{{"empty", 1},
+                                                                     {"one", 2},
+                                                                     {"mini63", 3},
+                                                                     {"mini64", 4},
+                                                                     {"mini65", 5},
+                                                                     {"mini4095", 6},
+                                                                     {"big4096", 7},
+                                                                     {"big4097", 8},
+                                                                     {"big10000", 9},
+                                                                     {"outer", 10},
+                                                                     {"outer/a", 11},
+                                                                     {"outer/inner", 12},
+                                                                     {"outer/inner/b", 13},
+                                                                     {"outer/inner/c", 14},
+                                                                     {"outer/hollow", 15}}));
     }
 }
 
@@ -134,9 +144,15 @@ TEST(CompoundStream, ReadsAreCutAtTheEndAndNeverPastIt) {
         size_t max_length;
         size_t expected;
     } cases[] = {
-        {"big10000", 10000 - 10, 100, 10},   {"big10000", 9999, 1, 1},  {"big10000", 10000, 5, 0},
-        {"big10000", ~uint64_t{0} - 3, 100, 0}, {"big10000", 511, 2, 2}, {"mini65", 55, 100, 10},
-        {"mini65", 63, 2, 2},                {"mini65", 65, 1, 0},      {"mini65", 0, 0, 0},
+        {"big10000", 10000 - 10, 100, 10},
+        {"big10000", 9999, 1, 1},
+        {"big10000", 10000, 5, 0},
+        {"big10000", ~uint64_t{0} - 3, 100, 0},
+        {"big10000", 511, 2, 2},
+        {"mini65", 55, 100, 10},
+        {"mini65", 63, 2, 2},
+        {"mini65", 65, 1, 0},
+        {"mini65", 0, 0, 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.path) + " at " + std::to_string(c.position));
@@ -156,13 +172,18 @@ TEST(CompoundStream, ReadsAreCutAtTheEndAndNeverPastIt) {
 TEST(CompoundStorage, NamesAndLookupsKeepTheirDeliberateRules) {
     CfbNode root = CfbNode::Storage(
         u"Root Entry",
-        {CfbNode::Stream(u"\x01" u"CompObj", PatternBytes(10, 1)),
-         CfbNode::Stream(u"\x05" u"SummaryInformation", PatternBytes(20, 2)),
+        {CfbNode::Stream(u"\x01"
+                         u"CompObj",
+                         PatternBytes(10, 1)),
+         CfbNode::Stream(u"\x05"
+                         u"SummaryInformation",
+                         PatternBytes(20, 2)),
          CfbNode::Stream(u"__substg1.0_0037001F", PatternBytes(30, 3)),
          CfbNode::Stream(u"__substg1.0_1000001F", PatternBytes(40, 4)),
          CfbNode::Stream(u"A\u0142B", PatternBytes(50, 5)),  // U+0142: low byte 0x42 'B'
          CfbNode::Stream(u"X\u0100Y", PatternBytes(60, 6)),  // U+0100: low byte 0, the name ends there
-         CfbNode::Storage(u"__attach_version1.0_#00000000", {CfbNode::Stream(u"__substg1.0_37010102", PatternBytes(70, 7))})});
+         CfbNode::Storage(u"__attach_version1.0_#00000000",
+                          {CfbNode::Stream(u"__substg1.0_37010102", PatternBytes(70, 7))})});
     CfbImage image = BuildCfb(root);
     KernelTempFile file(image.bytes);
     CompoundStorage storage(file.handle());
@@ -172,7 +193,9 @@ TEST(CompoundStorage, NamesAndLookupsKeepTheirDeliberateRules) {
         int size;  // -1: not found
     } cases[] = {
         {"CompObj", 10},
-        {"\x01" "CompObj", -1},
+        {"\x01"
+         "CompObj",
+         -1},
         {"SummaryInformation", 20},
         {"__substg1.0_0037001F", 30},
         {"__SUBSTG1.0_0037001F", -1},  // case-sensitive
@@ -182,8 +205,8 @@ TEST(CompoundStorage, NamesAndLookupsKeepTheirDeliberateRules) {
         {"__attach_version1.0_#00000000/__substg1.0_37010102", 70},
         {"/__attach_version1.0_#00000000/__substg1.0_37010102", 70},
         {"//__attach_version1.0_#00000000/__substg1.0_37010102", -1},  // only one leading slash goes
-        {"__attach_version1.0_#00000000/", -1},                         // the empty piece is looked up
-        {"__substg1.0_1000001F/anything", -1},                          // a stream has no children
+        {"__attach_version1.0_#00000000/", -1},                        // the empty piece is looked up
+        {"__substg1.0_1000001F/anything", -1},                         // a stream has no children
         {"__attach_version1.0_#00000001/__substg1.0_37010102", -1},
     };
     for (const auto& c : cases) {
@@ -205,7 +228,8 @@ TEST(CompoundStorage, NamesAndLookupsKeepTheirDeliberateRules) {
 
     // Siblings ordered by upper-cased names, as other writers do: '_' sorts after 'A' there but
     // before 'a' here, so the search for "ab" turns the wrong way and misses it. Kept as it stands.
-    CfbNode mixed = CfbNode::Storage(u"Root Entry", {CfbNode::Stream(u"ab", {1}), CfbNode::Stream(u"_b", {2})});
+    CfbNode mixed =
+        CfbNode::Storage(u"Root Entry", {CfbNode::Stream(u"ab", {1}), CfbNode::Stream(u"_b", {2})});
     for (auto order : {test::CfbSiblingOrder::kReader, test::CfbSiblingOrder::kUpperCase}) {
         CfbOptions options;
         options.order = order;
@@ -222,7 +246,7 @@ TEST(CompoundStorage, StreamSizeIsTheLowHalfAndPicksTheChain) {
                                                     CfbNode::Stream(u"m", PatternBytes(200, 2))});
     CfbImage image = BuildCfb(root);
     const auto& s = image.Find({u"s"});
-    ASSERT_EQ(s.start, 0u);  // big data comes first, so "s" starts at sector 0 ...
+    ASSERT_EQ(s.start, 0u);                   // big data comes first, so "s" starts at sector 0 ...
     ASSERT_EQ(image.Find({u"m"}).start, 0u);  // ... and "m" at small block 0
     // A high half of 1 is ignored: the stream keeps its 5000 bytes from big blocks.
     image.Put32(image.EntryOffset(s.index) + 124, 1);
@@ -271,15 +295,19 @@ TEST(CompoundStorage, HeaderChecksGiveTheirResults) {
         {"cutoff 2048", &base, test::kCfbCutoffOffset, 4, 2048, OpenResult::BadCompound},
         {"sector shift 6", &base, test::kCfbSectorShiftOffset, 2, 6, OpenResult::BadCompound},
         {"sector shift 31", &base, test::kCfbSectorShiftOffset, 2, 31, OpenResult::BadCompound},
-        {"sector shift 30 in a small file", &base, test::kCfbSectorShiftOffset, 2, 30, OpenResult::BadCompound},
+        {"sector shift 30 in a small file", &base, test::kCfbSectorShiftOffset, 2, 30,
+         OpenResult::BadCompound},
         {"mini shift above shift", &base, test::kCfbMiniSectorShiftOffset, 2, 10, OpenResult::BadCompound},
         {"no FAT sectors", &base, test::kCfbFatCountOffset, 4, 0, OpenResult::BadCompound},
-        {"more FAT sectors than the file", &base, test::kCfbFatCountOffset, 4, 100000, OpenResult::BadCompound},
-        {"DIFAT count with few FAT sectors", &base, test::kCfbDifatCountOffset, 4, 1, OpenResult::BadCompound},
+        {"more FAT sectors than the file", &base, test::kCfbFatCountOffset, 4, 100000,
+         OpenResult::BadCompound},
+        {"DIFAT count with few FAT sectors", &base, test::kCfbDifatCountOffset, 4, 1,
+         OpenResult::BadCompound},
         {"empty directory", &base, test::kCfbFirstDirectoryOffset, 4, 0xFFFFFFFE, OpenResult::BadCompound},
         {"directory past the end", &base, test::kCfbFirstDirectoryOffset, 4, 5000, OpenResult::BadCompound},
         {"109 FAT sectors and a DIFAT count", &with109, 0, 1, 0xD0, OpenResult::Ok},
-        {"108 FAT sectors and a DIFAT count", &with109, test::kCfbFatCountOffset, 4, 108, OpenResult::BadCompound},
+        {"108 FAT sectors and a DIFAT count", &with109, test::kCfbFatCountOffset, 4, 108,
+         OpenResult::BadCompound},
         {"more DIFAT sectors than the file", &with109, test::kCfbDifatCountOffset, 4, 0x00FFFFFF,
          OpenResult::BadCompound},
     };
@@ -287,10 +315,18 @@ TEST(CompoundStorage, HeaderChecksGiveTheirResults) {
         SCOPED_TRACE(c.what);
         CfbImage image = *c.image;
         switch (c.width) {
-            case 0: image.Truncate(c.offset); break;
-            case 1: image.bytes[c.offset] = static_cast<uint8_t>(c.value); break;
-            case 2: image.Put16(c.offset, static_cast<uint16_t>(c.value)); break;
-            case 4: image.Put32(c.offset, c.value); break;
+            case 0:
+                image.Truncate(c.offset);
+                break;
+            case 1:
+                image.bytes[c.offset] = static_cast<uint8_t>(c.value);
+                break;
+            case 2:
+                image.Put16(c.offset, static_cast<uint16_t>(c.value));
+                break;
+            case 4:
+                image.Put32(c.offset, c.value);
+                break;
         }
         uint64_t allocations = krnctlAllocationCount();
         EXPECT_EQ(OpenBytes(image.bytes), c.expected);
@@ -336,10 +372,24 @@ TEST(CompoundStorage, DifatChainListsEveryFatSector) {
     }
 }
 
+TEST(CompoundStorage, ExactlyHeaderFatSectorsNeverReadTheDifat) {
+    CfbOptions options;
+    options.min_fat_sectors = 109;
+    CfbImage image = BuildCfb(SampleTree(), options);
+    image.Put32(test::kCfbDifatCountOffset, 1);
+    image.Put32(test::kCfbFirstDifatOffset, image.fat_sectors.front());  // would corrupt the list if read
+    KernelTempFile file(image.bytes);
+    CompoundStorage storage(file.handle());
+    ASSERT_TRUE(storage.open());
+    EXPECT_TRUE(storage.difat_sectors().empty());
+    EXPECT_EQ(std::vector<uint32_t>(storage.fat_sectors().begin(), storage.fat_sectors().end()),
+              image.fat_sectors);
+}
+
 TEST(CompoundStorage, DamagedChainsAreCut) {
     const CfbImage base = BuildCfb(SampleTree());
-    const auto& big = base.Find({u"big10000"});       // 20 sectors of 512
-    const auto& small = base.Find({u"mini4095"});     // 64 small blocks
+    const auto& big = base.Find({u"big10000"});    // 20 sectors of 512
+    const auto& small = base.Find({u"mini4095"});  // 64 small blocks
     ASSERT_GE(big.chain.size(), 5u);
     ASSERT_GE(small.chain.size(), 5u);
     struct Case {
@@ -389,7 +439,8 @@ TEST(CompoundStorage, DamagedChainsAreCut) {
         std::vector<uint8_t> expected(full.begin(), full.begin() + 3 * 512);
         expected.insert(expected.end(), full.begin() + 4 * 512, full.end());
         expected.resize(19 * 512, 0);  // one sector short of the size; the last sector's padding shows
-        for (size_t chunk : {size_t{100}, size_t{1} << 16}) EXPECT_EQ(ReadAll(storage, "big10000", nullptr, chunk), expected);
+        for (size_t chunk : {size_t{100}, size_t{1} << 16})
+            EXPECT_EQ(ReadAll(storage, "big10000", nullptr, chunk), expected);
     }
 
     // Start sectors that the file does not hold: the stream reads as empty. The root's start is the
@@ -432,10 +483,11 @@ TEST(CompoundStorage, DirectoryLoopsEndWalksAndLookups) {
         ASSERT_TRUE(storage.open());
         size_t visits = 0;
         std::map<size_t, int> seen;
-        ASSERT_TRUE(storage.directory().walk([&](std::string_view, const DirectoryEntry&, size_t index, size_t) {
-            ++visits;
-            ++seen[index];
-        }));
+        ASSERT_TRUE(
+            storage.directory().walk([&](std::string_view, const DirectoryEntry&, size_t index, size_t) {
+                ++visits;
+                ++seen[index];
+            }));
         EXPECT_LE(visits, storage.directory().size());
         for (const auto& [index, times] : seen) EXPECT_EQ(times, 1) << index;
         for (const char* path : {"outer/inner/zz", "outer/inner/c/d", "outer/inner/inner/inner/x", "zz"})
@@ -446,8 +498,9 @@ TEST(CompoundStorage, DirectoryLoopsEndWalksAndLookups) {
 // Every prefix of a file opens or is refused cleanly, and what it reads is what the whole file holds.
 TEST(CompoundStorage, TruncationAtEveryLengthEndsCleanly) {
     CfbNode root = CfbNode::Storage(
-        u"Root Entry", {CfbNode::Stream(u"small", PatternBytes(300, 1)), CfbNode::Stream(u"big", PatternBytes(4500, 2)),
-                        CfbNode::Storage(u"dir", {CfbNode::Stream(u"x", PatternBytes(64, 3))})});
+        u"Root Entry",
+        {CfbNode::Stream(u"small", PatternBytes(300, 1)), CfbNode::Stream(u"big", PatternBytes(4500, 2)),
+         CfbNode::Storage(u"dir", {CfbNode::Stream(u"x", PatternBytes(64, 3))})});
     CfbImage image = BuildCfb(root);
     const std::map<std::string, std::vector<uint8_t>> model = {
         {"small", PatternBytes(300, 1)}, {"big", PatternBytes(4500, 2)}, {"dir/x", PatternBytes(64, 3)}};
@@ -533,8 +586,8 @@ std::vector<std::string> CorpusMessages() {
 
 // olefile's streams as (path, size), its names mapped the way our directory keeps them.
 std::map<std::string, uint64_t> OlefileStreams(const std::string& file, bool* ran) {
-    std::string command = "/usr/bin/python3 " + std::string(TARN_SOURCE_DIR) + "/tests/cfb/olefile_list.py '" +
-                          file + "'";
+    std::string command =
+        "/usr/bin/python3 " + std::string(TARN_SOURCE_DIR) + "/tests/cfb/olefile_list.py '" + file + "'";
     std::map<std::string, uint64_t> out;
     FILE* pipe = popen(command.c_str(), "r");
     if (!pipe) return out;
@@ -577,19 +630,19 @@ TEST(CompoundStorageCorpus, EveryMessageOpensAndMatchesOlefile) {
             CompoundStorage storage(handle);
             ASSERT_TRUE(storage.open());
             ASSERT_EQ(storage.result(), OpenResult::Ok);
-            ASSERT_TRUE(storage.directory().walk([&](std::string_view p, const DirectoryEntry& e, size_t index,
-                                                     size_t) {
-                ++entries;
-                // Every listed entry is found again by its path, so the case-sensitive search agrees
-                // with the order these writers used.
-                auto found = storage.directory().find_index(p);
-                if (!found || *found != index) ++unreachable;
-                if (e.is_directory) return;
-                std::string name(p);
-                auto data = ReadAll(storage, name);
-                EXPECT_EQ(data.size(), e.size) << name;
-                ours[name] = e.size;
-            }));
+            ASSERT_TRUE(storage.directory().walk(
+                [&](std::string_view p, const DirectoryEntry& e, size_t index, size_t) {
+                    ++entries;
+                    // Every listed entry is found again by its path, so the case-sensitive search agrees
+                    // with the order these writers used.
+                    auto found = storage.directory().find_index(p);
+                    if (!found || *found != index) ++unreachable;
+                    if (e.is_directory) return;
+                    std::string name(p);
+                    auto data = ReadAll(storage, name);
+                    EXPECT_EQ(data.size(), e.size) << name;
+                    ours[name] = e.size;
+                }));
         }
         krnCloseFile(handle);
         EXPECT_GT(entries, 0u);

@@ -26,11 +26,14 @@ CfbNode Message() {
         {CfbNode::Stream(u"__substg1.0_0037001F", PatternBytes(40, 1)),
          CfbNode::Stream(u"__substg1.0_10090102", PatternBytes(4200, 2)),
          CfbNode::Stream(u"__properties_version1.0", PatternBytes(96, 3)),
-         CfbNode::Stream(u"\x01" u"CompObj", PatternBytes(20, 4)),
-         CfbNode::Storage(u"__attach_version1.0_#00000000",
-                          {CfbNode::Stream(u"__substg1.0_37010102", PatternBytes(300, 5)),
-                           CfbNode::Storage(u"__substg1.0_3701000D",
-                                            {CfbNode::Stream(u"__substg1.0_0037001F", PatternBytes(10, 6))})})});
+         CfbNode::Stream(u"\x01"
+                         u"CompObj",
+                         PatternBytes(20, 4)),
+         CfbNode::Storage(
+             u"__attach_version1.0_#00000000",
+             {CfbNode::Stream(u"__substg1.0_37010102", PatternBytes(300, 5)),
+              CfbNode::Storage(u"__substg1.0_3701000D",
+                               {CfbNode::Stream(u"__substg1.0_0037001F", PatternBytes(10, 6))})})});
 }
 
 }  // namespace
@@ -48,7 +51,8 @@ int main(int argc, char** argv) {
     CfbOptions difat;
     difat.min_fat_sectors = 110;
     Write(dir, "difat-110-fat-sectors",
-          BuildCfb(CfbNode::Storage(u"Root Entry", {CfbNode::Stream(u"a", PatternBytes(100, 7))}), difat).bytes);
+          BuildCfb(CfbNode::Storage(u"Root Entry", {CfbNode::Stream(u"a", PatternBytes(100, 7))}), difat)
+              .bytes);
     Write(dir, "empty-root", BuildCfb(CfbNode::Storage(u"Root Entry", {})).bytes);
     return 0;
 }

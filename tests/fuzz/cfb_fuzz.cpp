@@ -37,13 +37,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         tarn::cfb::CompoundStorage storage(handle);
         if (storage.open()) {
             static unsigned char buffer[1500];  // an odd size, so reads straddle blocks
-            storage.directory().walk([&](std::string_view entry_path, const tarn::cfb::DirectoryEntry&, size_t,
-                                         size_t) {
-                auto stream = tarn::cfb::CompoundStream::open(storage, entry_path);
-                if (!stream) return;
-                uint64_t at = 0;
-                while (size_t got = stream->read(at, buffer, sizeof buffer)) at += got;
-            });
+            storage.directory().walk(
+                [&](std::string_view entry_path, const tarn::cfb::DirectoryEntry&, size_t, size_t) {
+                    auto stream = tarn::cfb::CompoundStream::open(storage, entry_path);
+                    if (!stream) return;
+                    uint64_t at = 0;
+                    while (size_t got = stream->read(at, buffer, sizeof buffer)) at += got;
+                });
             storage.find_entry("__substg1.0_0037001F");
             storage.find_entry("/__attach_version1.0_#00000000/__substg1.0_37010102");
         }

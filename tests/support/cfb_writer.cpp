@@ -121,8 +121,9 @@ CfbImage BuildCfb(const CfbNode& root, const CfbOptions& options) {
     std::vector<Flat> flat;
     Flatten(root, -1, flat);
     for (auto& f : flat) {
-        std::sort(f.kids.begin(), f.kids.end(),
-                  [&](uint32_t a, uint32_t b) { return Less(flat[a].node->name, flat[b].node->name, options.order); });
+        std::sort(f.kids.begin(), f.kids.end(), [&](uint32_t a, uint32_t b) {
+            return Less(flat[a].node->name, flat[b].node->name, options.order);
+        });
         f.child = Balance(flat, f.kids, 0, f.kids.size());
     }
 

@@ -31,9 +31,9 @@ enum class CfbSiblingOrder {
 };
 
 struct CfbOptions {
-    uint16_t sector_shift = 9;        // 9 and 12 are the real ones; any from 9 to 16 is written
+    uint16_t sector_shift = 9;  // 9 and 12 are the real ones; any from 9 to 16 is written
     uint16_t mini_sector_shift = 6;
-    uint32_t min_fat_sectors = 0;     // pads the FAT (more than 109 forces DIFAT sectors)
+    uint32_t min_fat_sectors = 0;  // pads the FAT (more than 109 forces DIFAT sectors)
     CfbSiblingOrder order = CfbSiblingOrder::kReader;
 };
 
@@ -42,7 +42,7 @@ struct CfbEntryInfo {
     uint32_t index = 0;
     int32_t parent = -1;  // index of the storage that holds it; -1 for the root
     bool storage = false;
-    uint32_t start = 0;   // first sector (small block for a stream in the mini stream)
+    uint32_t start = 0;  // first sector (small block for a stream in the mini stream)
     uint64_t size = 0;
     bool in_mini_stream = false;
     std::vector<uint32_t> chain;  // the sectors or small blocks of its data, in order
@@ -91,7 +91,7 @@ CfbImage BuildCfb(const CfbNode& root, const CfbOptions& options = {});
 
 // A file on disk holding some bytes, opened through the kernel; closed and removed when it goes.
 class KernelTempFile {
-public:
+  public:
     explicit KernelTempFile(const std::vector<uint8_t>& bytes);
     ~KernelTempFile();
     KernelTempFile(const KernelTempFile&) = delete;
@@ -99,7 +99,7 @@ public:
     krn_handle handle() const { return handle_; }
     const std::string& path() const { return path_; }
 
-private:
+  private:
     std::string path_;
     krn_handle handle_ = KRN_NO_HANDLE;
 };

@@ -73,29 +73,41 @@ std::string Printable(std::string_view name) {
 
 const char* TypeName(const DirectoryEntry& e) {
     switch (e.type) {
-        case EntryType::Root: return "root";
-        case EntryType::Storage: return "storage";
-        case EntryType::Stream: return "stream";
-        default: return "invalid";
+        case EntryType::Root:
+            return "root";
+        case EntryType::Storage:
+            return "storage";
+        case EntryType::Stream:
+            return "stream";
+        default:
+            return "invalid";
     }
 }
 
 const char* Reason(OpenResult result) {
     switch (result) {
-        case OpenResult::NotCompound: return "not a compound file (signature mismatch)";
-        case OpenResult::BadCompound: return "damaged compound file (header or layout refused)";
-        default: return "cannot be read";
+        case OpenResult::NotCompound:
+            return "not a compound file (signature mismatch)";
+        case OpenResult::BadCompound:
+            return "damaged compound file (header or layout refused)";
+        default:
+            return "cannot be read";
     }
 }
 
 // Start sectors in the table: the special numbers by name, so that an empty stream reads "end".
 std::string StartText(uint64_t sector) {
     switch (sector) {
-        case tarn::cfb::kEndOfChain: return "end";
-        case tarn::cfb::kFreeSector: return "free";
-        case tarn::cfb::kFatSectorMark: return "fat";
-        case tarn::cfb::kDifatSectorMark: return "difat";
-        default: return std::to_string(sector);
+        case tarn::cfb::kEndOfChain:
+            return "end";
+        case tarn::cfb::kFreeSector:
+            return "free";
+        case tarn::cfb::kFatSectorMark:
+            return "fat";
+        case tarn::cfb::kDifatSectorMark:
+            return "difat";
+        default:
+            return std::to_string(sector);
     }
 }
 
@@ -104,14 +116,15 @@ int ListDirectory(const CompoundStorage& storage, bool json) {
     if (json) {
         JsonWriter w(std::cout);
         w.BeginArray();
-        bool ok = storage.directory().walk([&](std::string_view path, const DirectoryEntry& e, size_t, size_t) {
-            w.BeginObject();
-            w.Field("path", Printable(path));
-            w.Field("type", TypeName(e));
-            w.Field("size", e.size);
-            w.Field("start", e.start_sector);
-            w.EndObject();
-        });
+        bool ok =
+            storage.directory().walk([&](std::string_view path, const DirectoryEntry& e, size_t, size_t) {
+                w.BeginObject();
+                w.Field("path", Printable(path));
+                w.Field("type", TypeName(e));
+                w.Field("size", e.size);
+                w.Field("start", e.start_sector);
+                w.EndObject();
+            });
         w.EndArray();
         std::cout << '\n';
         return ok ? 0 : 1;
@@ -122,9 +135,11 @@ int ListDirectory(const CompoundStorage& storage, bool json) {
     return storage.directory().walk([&](std::string_view, const DirectoryEntry& e, size_t, size_t depth) {
         std::string label = std::string(2 * depth, ' ') + Printable(e.name());
         if (e.is_directory) label += '/';
-        std::printf("%-40s %-8s %10llu %10s\n", label.c_str(), TypeName(e), static_cast<unsigned long long>(e.size),
-                    StartText(e.start_sector).c_str());
-    }) ? 0 : 1;
+        std::printf("%-40s %-8s %10llu %10s\n", label.c_str(), TypeName(e),
+                    static_cast<unsigned long long>(e.size), StartText(e.start_sector).c_str());
+    })
+               ? 0
+               : 1;
 }
 
 int WriteStream(const CompoundStorage& storage, const Options& options) {
@@ -151,8 +166,8 @@ int WriteStream(const CompoundStorage& storage, const Options& options) {
         at += got;
     }
     if (at < stream->size()) {
-        std::fprintf(stderr, "tarnview cfb: %s: '%s': short stream, %llu of %llu bytes\n", options.file.c_str(),
-                     path.c_str(), static_cast<unsigned long long>(at),
+        std::fprintf(stderr, "tarnview cfb: %s: '%s': short stream, %llu of %llu bytes\n",
+                     options.file.c_str(), path.c_str(), static_cast<unsigned long long>(at),
                      static_cast<unsigned long long>(stream->size()));
         return 1;
     }
