@@ -129,6 +129,8 @@ OpenResult CompoundStorage::load() {
         if (!fat_bytes.allocate(static_cast<size_t>(listed * block))) return OpenResult::OpenFailed;
         if (!fat_bytes.empty()) std::memset(fat_bytes.data(), 0xFF, fat_bytes.size());
         read_chain(fat_sectors_.span(), fat_bytes.span());
+        // Chains stop at the first sector that starts past the end of the file: it has no bytes to
+        // give, and stopping there keeps every chain no longer than the file.
         if (!fat_.load(fat_bytes.span(), block, file_sectors)) return OpenResult::OpenFailed;
     }
 
