@@ -35,7 +35,15 @@ bench_cfb() {
   "$python" bench/cfb_olefile.py "$file" 3
 }
 
-all=(cfb)
+bench_ndb() {
+  build_target ndb_bench
+  local file
+  file="$(largest "$shared/corpus/pst" pst)"
+  echo "== ndb: open, walk the node B-tree, read every node of $(basename "$file") ($(stat -c %s "$file") bytes)"
+  "$build/bench/ndb_bench" --benchmark_min_time=3
+}
+
+all=(cfb ndb)
 for name in "${@:-${all[@]}}"; do
   "bench_$name"
 done
