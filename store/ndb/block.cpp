@@ -112,7 +112,8 @@ size_t extended_block::write_raw(const std::byte* source, size_t size, size_t of
         const size_t index = offset / child_max_total_;
         const size_t inner = offset % child_max_total_;
         std::shared_ptr<data_block> updated;
-        const size_t put = target->get_child_block(index)->write_raw(source + done, size - done, inner, updated);
+        const size_t put =
+            target->get_child_block(index)->write_raw(source + done, size - done, inner, updated);
         target->m_child_blocks[index] = std::move(updated);
         if (put == 0) throw database_corrupt("extended block child holds less data than its share");
         done += put;
@@ -154,7 +155,8 @@ size_t extended_block::resize(size_t size, std::shared_ptr<data_block>& result) 
         result = target;
         return size;
     }
-    target->total_size_ = static_cast<uint32_t>(std::min<size_t>(max_size, std::numeric_limits<uint32_t>::max()));
+    target->total_size_ =
+        static_cast<uint32_t>(std::min<size_t>(max_size, std::numeric_limits<uint32_t>::max()));
     // The total is 32 bits wide, so a level-2 tree also stops at 4 GiB.
     if (level_ != 1) throw can_not_resize("size > max_size");
     auto db = get_db_ptr();

@@ -33,7 +33,7 @@ class external_block;
 inline constexpr unsigned kMaxExtendedDepth = 2;
 
 class block {
-public:
+  public:
     block(const std::shared_ptr<db_context>& db, const block_info& info)
         : size_(info.size), id_(info.id), address_(info.address), db_(db) {}
     virtual ~block() = default;
@@ -47,7 +47,7 @@ public:
     block_id get_id() const { return id_; }
     uint64_t get_address() const { return address_; }
 
-protected:
+  protected:
     // The database for the length of one operation. Throws std::bad_weak_ptr when it is gone.
     std::shared_ptr<db_context> get_db_ptr() const { return std::shared_ptr<db_context>(db_); }
 
@@ -59,7 +59,7 @@ protected:
 };
 
 class data_block : public block {
-public:
+  public:
     data_block(const std::shared_ptr<db_context>& db, const block_info& info, uint32_t total_size)
         : block(db, info), total_size_(total_size) {}
 
@@ -90,11 +90,12 @@ public:
         if (offset >= total_size_) throw std::out_of_range("offset >= size()");
         if (sizeof(T) > total_size_ - offset) throw std::out_of_range("sizeof(T) + offset >= size()");
         std::byte bytes[sizeof(T)];
-        if (read_raw(bytes, sizeof(T), offset) != sizeof(T)) throw std::out_of_range("sizeof(T) + offset >= size()");
+        if (read_raw(bytes, sizeof(T), offset) != sizeof(T))
+            throw std::out_of_range("sizeof(T) + offset >= size()");
         return static_cast<T>(LoadLe<std::make_unsigned_t<T>>(bytes));
     }
 
-protected:
+  protected:
     // Copy-on-write: the block to change, this one or a copy when someone else also holds it.
     template <typename B>
     static std::shared_ptr<B> writable(B& self) {
@@ -110,14 +111,15 @@ protected:
 
 // A leaf data block: decoded bytes of one block.
 class external_block : public data_block, public std::enable_shared_from_this<external_block> {
-public:
+  public:
     external_block(const std::shared_ptr<db_context>& db, const block_info& info, size_t max_size,
                    uint32_t total_size, std::vector<std::byte> data)
         : data_block(db, info, total_size), max_size_(max_size), buffer_(std::move(data)) {}
 
     bool is_internal() const override { return false; }
     size_t read_raw(std::byte* destination, size_t size, size_t offset) const override;
-    size_t write_raw(const std::byte* source, size_t size, size_t offset, std::shared_ptr<data_block>& result) override;
+    size_t write_raw(const std::byte* source, size_t size, size_t offset,
+                     std::shared_ptr<data_block>& result) override;
     size_t get_page_count() const override { return 1; }
     std::shared_ptr<external_block> get_page(size_t index) const override;
     size_t resize(size_t size, std::shared_ptr<data_block>& result) override;
@@ -127,7 +129,7 @@ public:
     // zeros, so a hole in a data tree (child id 0) reads as zeros rather than outside a buffer.
     std::span<const std::byte> data() const { return buffer_; }
 
-private:
+  private:
     friend class data_block;
     size_t max_size_;
     std::vector<std::byte> buffer_;
@@ -135,11 +137,11 @@ private:
 
 // An XBLOCK (level 1) or XXBLOCK (level 2): the ids of its children and the children loaded so far.
 class extended_block : public data_block, public std::enable_shared_from_this<extended_block> {
-public:
+  public:
     // `child_max_total`: most bytes under one child; `child_max_pages`: leaf blocks under one child;
     // `depth`: extended blocks from the top of the tree down to this one (1 for the top).
-    extended_block(const std::shared_ptr<db_context>& db, const block_info& info, uint8_t level, uint32_t total_size,
-                   size_t child_max_total, size_t child_max_pages, size_t max_children,
+    extended_block(const std::shared_ptr<db_context>& db, const block_info& info, uint8_t level,
+                   uint32_t total_size, size_t child_max_total, size_t child_max_pages, size_t max_children,
                    std::vector<block_id> child_ids, unsigned depth = 1)
         : data_block(db, info, total_size),
           child_max_total_(child_max_total),
@@ -152,7 +154,8 @@ public:
 
     bool is_internal() const override { return true; }
     size_t read_raw(std::byte* destination, size_t size, size_t offset) const override;
-    size_t write_raw(const std::byte* source, size_t size, size_t offset, std::shared_ptr<data_block>& result) override;
+    size_t write_raw(const std::byte* source, size_t size, size_t offset,
+                     std::shared_ptr<data_block>& result) override;
     size_t get_page_count() const override;
     std::shared_ptr<external_block> get_page(size_t index) const override;
     size_t resize(size_t size, std::shared_ptr<data_block>& result) override;
@@ -167,7 +170,7 @@ public:
     // Puts an in-memory block in place of child `index` (the database's create operations use it).
     void adopt_child(size_t index, std::shared_ptr<data_block> child);
 
-private:
+  private:
     friend class data_block;
     size_t child_max_total_;
     size_t child_max_pages_;
@@ -187,14 +190,14 @@ struct block_registry {
 };
 
 class subnode_block : public block, public virtual btree_node<node_id, subnode_info> {
-public:
+  public:
     subnode_block(const std::shared_ptr<db_context>& db, const block_info& info)
         : block(db, info), registry_(std::make_shared<block_registry>()) {
         registry_->ids.insert(info.id);
     }
     bool is_internal() const override { return true; }
 
-private:
+  private:
     friend class subnode_nonleaf_block;
     std::shared_ptr<block_registry> registry_;
 };
@@ -202,7 +205,7 @@ private:
 class subnode_leaf_block : public subnode_block,
                            public btree_node_leaf<node_id, subnode_info>,
                            public std::enable_shared_from_this<subnode_leaf_block> {
-public:
+  public:
     subnode_leaf_block(const std::shared_ptr<db_context>& db, const block_info& info,
                        std::vector<std::pair<node_id, subnode_info>> entries)
         : subnode_block(db, info), entries_(std::move(entries)) {}
@@ -211,14 +214,14 @@ public:
     const subnode_info& get_value(size_t position) const override { return entries_.at(position).second; }
     size_t num_values() const override { return entries_.size(); }
 
-private:
+  private:
     std::vector<std::pair<node_id, subnode_info>> entries_;
 };
 
 class subnode_nonleaf_block : public subnode_block,
                               public btree_node_nonleaf<node_id, subnode_info>,
                               public std::enable_shared_from_this<subnode_nonleaf_block> {
-public:
+  public:
     subnode_nonleaf_block(const std::shared_ptr<db_context>& db, const block_info& info,
                           std::vector<std::pair<node_id, block_id>> entries)
         : subnode_block(db, info), entries_(std::move(entries)), child_blocks_(entries_.size()) {}
@@ -229,14 +232,15 @@ public:
     // Reads the child by id on first use; its own level decides what it is.
     const btree_node<node_id, subnode_info>* get_child(size_t position) const override;
 
-private:
+  private:
     std::vector<std::pair<node_id, block_id>> entries_;
     mutable std::vector<std::shared_ptr<subnode_block>> child_blocks_;
 };
 
 // Every subnode of a tree in id order.
 inline btree_range<node_id, subnode_info> subnode_range(std::shared_ptr<subnode_block> root) {
-    return btree_range<node_id, subnode_info>(std::shared_ptr<const btree_node<node_id, subnode_info>>(std::move(root)));
+    return btree_range<node_id, subnode_info>(
+        std::shared_ptr<const btree_node<node_id, subnode_info>>(std::move(root)));
 }
 
 }  // namespace tarn::ndb

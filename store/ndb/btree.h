@@ -36,7 +36,7 @@ struct btree_iter_state {
 
 template <typename K, typename V>
 class btree_node {
-public:
+  public:
     virtual ~btree_node() = default;
 
     // The value stored for `key`. Throws key_not_found<K> when the tree has none.
@@ -72,12 +72,13 @@ public:
 
 template <typename K, typename V>
 class btree_node_leaf : public virtual btree_node<K, V> {
-public:
+  public:
     virtual const V& get_value(size_t position) const = 0;
 
     const V& lookup(const K& key) const override {
         const int position = this->binary_search(key);
-        if (position < 0 || !(this->get_key(static_cast<size_t>(position)) == key)) throw key_not_found<K>(key);
+        if (position < 0 || !(this->get_key(static_cast<size_t>(position)) == key))
+            throw key_not_found<K>(key);
         return get_value(static_cast<size_t>(position));
     }
 
@@ -96,7 +97,8 @@ public:
         ++state.position;
         while (state.position >= state.leaf->num_values()) {
             size_t level = state.path.size();
-            while (level > 0 && state.path[level - 1].second + 1 >= state.path[level - 1].first->num_values()) --level;
+            while (level > 0 && state.path[level - 1].second + 1 >= state.path[level - 1].first->num_values())
+                --level;
             if (level == 0) {
                 state.position = state.leaf->num_values();
                 return;
@@ -126,7 +128,7 @@ public:
 
 template <typename K, typename V>
 class btree_node_nonleaf : public virtual btree_node<K, V> {
-public:
+  public:
     // The child at `position`, loaded on first use and kept by this node. Valid as long as this node.
     virtual const btree_node<K, V>* get_child(size_t position) const = 0;
 
@@ -163,9 +165,10 @@ public:
         get_child(position)->last(state);
     }
 
-private:
+  private:
     void enter(btree_iter_state<K, V>& state, size_t position) const {
-        if (state.path.size() >= kMaxBtreeDepth) throw database_corrupt("b-tree nests deeper than any store can");
+        if (state.path.size() >= kMaxBtreeDepth)
+            throw database_corrupt("b-tree nests deeper than any store can");
         if (this->num_values() == 0) throw database_corrupt("b-tree intermediate node has no entries");
         state.path.emplace_back(this, position);
     }
@@ -175,7 +178,7 @@ private:
 // parent. Two iterators are equal when they stand on the same leaf at the same position.
 template <typename K, typename V>
 class btree_iterator {
-public:
+  public:
     btree_iterator() = default;
 
     static btree_iterator begin(std::shared_ptr<const btree_node<K, V>> root) {
@@ -207,7 +210,7 @@ public:
         return state_.leaf == other.state_.leaf && state_.position == other.state_.position;
     }
 
-private:
+  private:
     explicit btree_iterator(std::shared_ptr<const btree_node<K, V>> root) : root_(std::move(root)) {}
 
     std::shared_ptr<const btree_node<K, V>> root_;
@@ -217,12 +220,12 @@ private:
 // For range-for over a whole tree: `for (const node_info& info : btree_range(root))`.
 template <typename K, typename V>
 class btree_range {
-public:
+  public:
     explicit btree_range(std::shared_ptr<const btree_node<K, V>> root) : root_(std::move(root)) {}
     btree_iterator<K, V> begin() const { return btree_iterator<K, V>::begin(root_); }
     btree_iterator<K, V> end() const { return btree_iterator<K, V>::end(root_); }
 
-private:
+  private:
     std::shared_ptr<const btree_node<K, V>> root_;
 };
 

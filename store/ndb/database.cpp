@@ -36,7 +36,9 @@ uint64_t load_id(const std::vector<std::byte>& bytes, size_t offset) {
     return LoadLe<T>(bytes.data() + offset);
 }
 
-uint8_t byte_at(const std::vector<std::byte>& bytes, size_t offset) { return std::to_integer<uint8_t>(bytes[offset]); }
+uint8_t byte_at(const std::vector<std::byte>& bytes, size_t offset) {
+    return std::to_integer<uint8_t>(bytes[offset]);
+}
 
 // True when [address, address + span) does not lie within `eof` (and, for the ANSI layout, within
 // 32-bit addresses). Written so that it cannot overflow.
@@ -65,7 +67,8 @@ database_impl<T>::database_impl(const std::u16string& path) : file_(path), heade
     const std::span<const std::byte> bytes(header_);
     const uint32_t partial = compute_crc(bytes.subspan(format::kCrcPartialStart, format::kCrcPartialLength));
     const uint32_t stored_partial = LoadLe32(header_.data() + format::kCrcPartialOffset);
-    if (partial != stored_partial) throw crc_fail("header dwCRCPartial failure", 0, 0, partial, stored_partial);
+    if (partial != stored_partial)
+        throw crc_fail("header dwCRCPartial failure", 0, 0, partial, stored_partial);
     if constexpr (L::header.crc_full != 0) {
         const uint32_t full = compute_crc(bytes.subspan(format::kCrcPartialStart, L::header.crc_full_length));
         const uint32_t stored_full = LoadLe32(header_.data() + L::header.crc_full);
@@ -116,7 +119,8 @@ std::vector<std::byte> database_impl<T>::read_page_data(const page_info& pi) {
     constexpr const auto& page = layout<T>::page;
     if (past_eof<T>(pi.address, format::kPageSize, file_eof()))
         throw unexpected_page("nonsensical page location; past eof");
-    if (pi.address % format::kPageSize != 0) throw unexpected_page("nonsensical page location; not sector aligned");
+    if (pi.address % format::kPageSize != 0)
+        throw unexpected_page("nonsensical page location; not sector aligned");
 
     std::vector<std::byte> bytes(format::kPageSize);
     file_.read_at(bytes, pi.address);
@@ -134,15 +138,18 @@ std::vector<std::byte> database_impl<T>::read_page_data(const page_info& pi) {
 
 template <typename T>
 template <typename K, typename V>
-std::shared_ptr<bt_page<K, V>> database_impl<T>::build_page(const page_info& pi, const std::vector<std::byte>& bytes) {
+std::shared_ptr<bt_page<K, V>> database_impl<T>::build_page(const page_info& pi,
+                                                            const std::vector<std::byte>& bytes) {
     constexpr const auto& page = layout<T>::page;
     constexpr size_t w = sizeof(T);
     constexpr bool nbt = std::is_same_v<K, node_id>;
     const uint8_t level = byte_at(bytes, page.c_level);
     const size_t count = byte_at(bytes, page.c_ent);
-    const size_t entry_size = level != 0 ? page.nonleaf_entry : (nbt ? page.nbt_leaf_entry : page.bbt_leaf_entry);
+    const size_t entry_size =
+        level != 0 ? page.nonleaf_entry : (nbt ? page.nbt_leaf_entry : page.bbt_leaf_entry);
     // cEnt is a byte, so up to 255 entries could be claimed; the page has room for far fewer.
-    if (count > page.entries_size / entry_size) throw database_corrupt("b-tree page entry count exceeds the page");
+    if (count > page.entries_size / entry_size)
+        throw database_corrupt("b-tree page entry count exceeds the page");
 
     auto db = this->shared_from_this();
     if (level != 0) {
@@ -165,8 +172,8 @@ std::shared_ptr<bt_page<K, V>> database_impl<T>::build_page(const page_info& pi,
                            load_id<T>(bytes, at + 2 * w), LoadLe32(bytes.data() + at + 3 * w)};
             entries.emplace_back(info.id, info);
         } else {
-            block_info info{load_id<T>(bytes, at), load_id<T>(bytes, at + w), LoadLe16(bytes.data() + at + 2 * w),
-                            LoadLe16(bytes.data() + at + 2 * w + 2)};
+            block_info info{load_id<T>(bytes, at), load_id<T>(bytes, at + w),
+                            LoadLe16(bytes.data() + at + 2 * w), LoadLe16(bytes.data() + at + 2 * w + 2)};
             entries.emplace_back(info.id, info);
         }
     }
@@ -183,7 +190,8 @@ std::shared_ptr<bt_page<K, V>> database_impl<T>::read_typed_page(const page_info
     const uint8_t level = byte_at(bytes, layout<T>::page.c_level);
     const bool type_ok = ptype == (nbt ? format::kPageTypeNbt : format::kPageTypeBbt);
     const bool level_ok = want_level == 2 || (want_level == 0) == (level == 0);
-    if (!type_ok || !level_ok) throw unexpected_page(nbt ? "page_type != page_type_nbt" : "page_type != page_type_bbt");
+    if (!type_ok || !level_ok)
+        throw unexpected_page(nbt ? "page_type != page_type_nbt" : "page_type != page_type_bbt");
     return build_page<K, V>(pi, bytes);
 }
 
@@ -243,14 +251,16 @@ std::vector<std::byte> database_impl<T>::read_block_data(const block_info& bi) {
     const size_t span = (static_cast<size_t>(bi.size) + block.trailer_size + format::kBlockAlignment - 1) &
                         ~(format::kBlockAlignment - 1);
     if (span > format::kMaxBlockSpan) throw unexpected_block("nonsensical block size");
-    if (past_eof<T>(bi.address, span, file_eof())) throw unexpected_block("nonsensical block location; past eof");
+    if (past_eof<T>(bi.address, span, file_eof()))
+        throw unexpected_block("nonsensical block location; past eof");
 
     std::vector<std::byte> bytes(span);
     file_.read_at(bytes, bi.address);
 
     const size_t trailer = span - block.trailer_size;
     if (load_id<T>(bytes, trailer + block.trailer_id) != bi.id) throw unexpected_block("wrong block id");
-    if (LoadLe16(bytes.data() + trailer + block.trailer_cb) != bi.size) throw unexpected_block("wrong block size");
+    if (LoadLe16(bytes.data() + trailer + block.trailer_cb) != bi.size)
+        throw unexpected_block("wrong block size");
     const uint16_t stored = LoadLe16(bytes.data() + trailer + block.trailer_signature);
     const uint16_t computed = compute_signature(bi.address, bi.id);
     if (stored != computed) throw sig_mismatch("block sig mismatch", bi.address, bi.id, computed, stored);
@@ -280,7 +290,8 @@ std::shared_ptr<data_block> database_impl<T>::read_data_block(const db_ptr& db, 
 }
 
 template <typename T>
-std::shared_ptr<extended_block> database_impl<T>::read_extended_block(const db_ptr& db, const block_info& bi) {
+std::shared_ptr<extended_block> database_impl<T>::read_extended_block(const db_ptr& db,
+                                                                      const block_info& bi) {
     constexpr const auto& block = layout<T>::block;
     if (!is_internal_bid(bi.id)) throw unexpected_block("internal bid expected");
     const auto bytes = read_block_data(bi);
@@ -293,19 +304,22 @@ std::shared_ptr<extended_block> database_impl<T>::read_extended_block(const db_p
         throw database_corrupt("extended block entry count exceeds the block");
     std::vector<block_id> ids;
     ids.reserve(count);
-    for (size_t i = 0; i < count; ++i) ids.push_back(load_id<T>(bytes, block.extended_header + i * sizeof(T)));
+    for (size_t i = 0; i < count; ++i)
+        ids.push_back(load_id<T>(bytes, block.extended_header + i * sizeof(T)));
 
     // Level 1 lists leaves; any other level is taken as level 2 (its value is not checked further).
     const size_t child_total = level == 1 ? block.max_data : block.max_level2_child;
     const size_t child_pages = level == 1 ? 1 : block.max_children;
-    return std::make_shared<extended_block>(db, bi, level, total, child_total, child_pages, block.max_children,
-                                            std::move(ids));
+    return std::make_shared<extended_block>(db, bi, level, total, child_total, child_pages,
+                                            block.max_children, std::move(ids));
 }
 
 template <typename T>
-std::shared_ptr<external_block> database_impl<T>::read_external_block(const db_ptr& db, const block_info& bi) {
+std::shared_ptr<external_block> database_impl<T>::read_external_block(const db_ptr& db,
+                                                                      const block_info& bi) {
     constexpr const auto& block = layout<T>::block;
-    if (bi.id == 0) return std::make_shared<external_block>(db, bi, block.max_data, bi.size, std::vector<std::byte>{});
+    if (bi.id == 0)
+        return std::make_shared<external_block>(db, bi, block.max_data, bi.size, std::vector<std::byte>{});
     if (is_internal_bid(bi.id)) throw unexpected_block("External BID expected");
     auto bytes = read_block_data(bi);
     bytes.resize(bi.size);
@@ -347,13 +361,15 @@ std::shared_ptr<subnode_block> database_impl<T>::build_subnode_block(const db_pt
 
 template <typename T>
 std::shared_ptr<subnode_block> database_impl<T>::read_subnode_block(const db_ptr& db, const block_info& bi) {
-    if (bi.id == 0) return std::make_shared<subnode_leaf_block>(db, bi, std::vector<std::pair<node_id, subnode_info>>{});
+    if (bi.id == 0)
+        return std::make_shared<subnode_leaf_block>(db, bi, std::vector<std::pair<node_id, subnode_info>>{});
     // Neither btype nor the internal bit of the id is checked: the level alone decides.
     return build_subnode_block(db, bi, read_block_data(bi));
 }
 
 template <typename T>
-std::shared_ptr<subnode_leaf_block> database_impl<T>::read_subnode_leaf_block(const db_ptr& db, const block_info& bi) {
+std::shared_ptr<subnode_leaf_block> database_impl<T>::read_subnode_leaf_block(const db_ptr& db,
+                                                                              const block_info& bi) {
     const auto bytes = read_block_data(bi);
     if (byte_at(bytes, 1) != 0) throw unexpected_block("psub->level != 0");
     return std::dynamic_pointer_cast<subnode_leaf_block>(build_subnode_block(db, bi, bytes));
@@ -361,7 +377,7 @@ std::shared_ptr<subnode_leaf_block> database_impl<T>::read_subnode_leaf_block(co
 
 template <typename T>
 std::shared_ptr<subnode_nonleaf_block> database_impl<T>::read_subnode_nonleaf_block(const db_ptr& db,
-                                                                                   const block_info& bi) {
+                                                                                    const block_info& bi) {
     const auto bytes = read_block_data(bi);
     // The message names the test the other way round; it is kept as it is.
     if (byte_at(bytes, 1) == 0) throw unexpected_block("psub->level == 1");
@@ -390,11 +406,13 @@ std::shared_ptr<subnode_block> database_impl<T>::read_subnode_block(const db_ptr
     return read_subnode_block(db, lookup_block_info(bid));
 }
 template <typename T>
-std::shared_ptr<subnode_leaf_block> database_impl<T>::read_subnode_leaf_block(const db_ptr& db, block_id bid) {
+std::shared_ptr<subnode_leaf_block> database_impl<T>::read_subnode_leaf_block(const db_ptr& db,
+                                                                              block_id bid) {
     return read_subnode_leaf_block(db, lookup_block_info(bid));
 }
 template <typename T>
-std::shared_ptr<subnode_nonleaf_block> database_impl<T>::read_subnode_nonleaf_block(const db_ptr& db, block_id bid) {
+std::shared_ptr<subnode_nonleaf_block> database_impl<T>::read_subnode_nonleaf_block(const db_ptr& db,
+                                                                                    block_id bid) {
     return read_subnode_nonleaf_block(db, lookup_block_info(bid));
 }
 
@@ -421,23 +439,23 @@ std::shared_ptr<extended_block> database_impl<T>::create_extended_block(const db
 }
 
 template <typename T>
-std::shared_ptr<extended_block> database_impl<T>::create_extended_block(const db_ptr& db,
-                                                                        const std::shared_ptr<extended_block>& child) {
+std::shared_ptr<extended_block> database_impl<T>::create_extended_block(
+    const db_ptr& db, const std::shared_ptr<extended_block>& child) {
     constexpr const auto& block = layout<T>::block;
-    auto parent = std::make_shared<extended_block>(db, block_info{}, 2, static_cast<uint32_t>(child->get_total_size()),
-                                                   block.max_level2_child, block.max_children, block.max_children,
-                                                   std::vector<block_id>{child->get_id()});
+    auto parent = std::make_shared<extended_block>(
+        db, block_info{}, 2, static_cast<uint32_t>(child->get_total_size()), block.max_level2_child,
+        block.max_children, block.max_children, std::vector<block_id>{child->get_id()});
     parent->adopt_child(0, child);
     return parent;
 }
 
 template <typename T>
-std::shared_ptr<extended_block> database_impl<T>::create_extended_block(const db_ptr& db,
-                                                                        const std::shared_ptr<external_block>& child) {
+std::shared_ptr<extended_block> database_impl<T>::create_extended_block(
+    const db_ptr& db, const std::shared_ptr<external_block>& child) {
     constexpr const auto& block = layout<T>::block;
-    auto parent = std::make_shared<extended_block>(db, block_info{}, 1, static_cast<uint32_t>(child->get_total_size()),
-                                                   block.max_data, 1, block.max_children,
-                                                   std::vector<block_id>{child->get_id()});
+    auto parent = std::make_shared<extended_block>(
+        db, block_info{}, 1, static_cast<uint32_t>(child->get_total_size()), block.max_data, 1,
+        block.max_children, std::vector<block_id>{child->get_id()});
     parent->adopt_child(0, child);
     return parent;
 }

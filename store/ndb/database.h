@@ -23,7 +23,7 @@ using db_ptr = std::shared_ptr<db_context>;
 // database the new block keeps a weak reference to; the by-id forms look the block up in the block
 // B-tree and pass the record to their by-record twin.
 class db_context : public std::enable_shared_from_this<db_context> {
-public:
+  public:
     virtual ~db_context() = default;
 
     virtual node lookup_node(node_id nid) = 0;
@@ -53,19 +53,21 @@ public:
     virtual std::shared_ptr<external_block> read_external_block(const db_ptr& db, block_id bid) = 0;
     virtual std::shared_ptr<subnode_block> read_subnode_block(const db_ptr& db, const block_info& bi) = 0;
     virtual std::shared_ptr<subnode_block> read_subnode_block(const db_ptr& db, block_id bid) = 0;
-    virtual std::shared_ptr<subnode_leaf_block> read_subnode_leaf_block(const db_ptr& db, const block_info& bi) = 0;
+    virtual std::shared_ptr<subnode_leaf_block> read_subnode_leaf_block(const db_ptr& db,
+                                                                        const block_info& bi) = 0;
     virtual std::shared_ptr<subnode_leaf_block> read_subnode_leaf_block(const db_ptr& db, block_id bid) = 0;
     virtual std::shared_ptr<subnode_nonleaf_block> read_subnode_nonleaf_block(const db_ptr& db,
                                                                               const block_info& bi) = 0;
-    virtual std::shared_ptr<subnode_nonleaf_block> read_subnode_nonleaf_block(const db_ptr& db, block_id bid) = 0;
+    virtual std::shared_ptr<subnode_nonleaf_block> read_subnode_nonleaf_block(const db_ptr& db,
+                                                                              block_id bid) = 0;
 
     // In-memory blocks (never written to the file).
     virtual std::shared_ptr<external_block> create_external_block(const db_ptr& db, size_t size) = 0;
     virtual std::shared_ptr<extended_block> create_extended_block(const db_ptr& db, size_t size) = 0;
-    virtual std::shared_ptr<extended_block> create_extended_block(const db_ptr& db,
-                                                                  const std::shared_ptr<extended_block>& child) = 0;
-    virtual std::shared_ptr<extended_block> create_extended_block(const db_ptr& db,
-                                                                  const std::shared_ptr<external_block>& child) = 0;
+    virtual std::shared_ptr<extended_block> create_extended_block(
+        const db_ptr& db, const std::shared_ptr<extended_block>& child) = 0;
+    virtual std::shared_ptr<extended_block> create_extended_block(
+        const db_ptr& db, const std::shared_ptr<external_block>& child) = 0;
 
     // The next block id from the header's bidNextB, advanced in memory only. With `internal` the
     // old value is masked with 2 (see database.cpp).

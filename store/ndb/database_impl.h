@@ -18,7 +18,7 @@ template <typename T>
 class database_impl : public db_context {
     static_assert(std::is_same_v<T, uint32_t> || std::is_same_v<T, uint64_t>);
 
-public:
+  public:
     // Opens the file and checks the header for this layout: invalid_format when the version does
     // not fit, crc_fail when a header CRC differs.
     explicit database_impl(const std::u16string& path);
@@ -47,21 +47,24 @@ public:
     std::shared_ptr<external_block> read_external_block(const db_ptr& db, block_id bid) override;
     std::shared_ptr<subnode_block> read_subnode_block(const db_ptr& db, const block_info& bi) override;
     std::shared_ptr<subnode_block> read_subnode_block(const db_ptr& db, block_id bid) override;
-    std::shared_ptr<subnode_leaf_block> read_subnode_leaf_block(const db_ptr& db, const block_info& bi) override;
+    std::shared_ptr<subnode_leaf_block> read_subnode_leaf_block(const db_ptr& db,
+                                                                const block_info& bi) override;
     std::shared_ptr<subnode_leaf_block> read_subnode_leaf_block(const db_ptr& db, block_id bid) override;
-    std::shared_ptr<subnode_nonleaf_block> read_subnode_nonleaf_block(const db_ptr& db, const block_info& bi) override;
-    std::shared_ptr<subnode_nonleaf_block> read_subnode_nonleaf_block(const db_ptr& db, block_id bid) override;
+    std::shared_ptr<subnode_nonleaf_block> read_subnode_nonleaf_block(const db_ptr& db,
+                                                                      const block_info& bi) override;
+    std::shared_ptr<subnode_nonleaf_block> read_subnode_nonleaf_block(const db_ptr& db,
+                                                                      block_id bid) override;
 
     std::shared_ptr<external_block> create_external_block(const db_ptr& db, size_t size) override;
     std::shared_ptr<extended_block> create_extended_block(const db_ptr& db, size_t size) override;
-    std::shared_ptr<extended_block> create_extended_block(const db_ptr& db,
-                                                          const std::shared_ptr<extended_block>& child) override;
-    std::shared_ptr<extended_block> create_extended_block(const db_ptr& db,
-                                                          const std::shared_ptr<external_block>& child) override;
+    std::shared_ptr<extended_block> create_extended_block(
+        const db_ptr& db, const std::shared_ptr<extended_block>& child) override;
+    std::shared_ptr<extended_block> create_extended_block(
+        const db_ptr& db, const std::shared_ptr<external_block>& child) override;
 
     block_id alloc_bid(bool internal) override;
 
-private:
+  private:
     std::vector<std::byte> read_page_data(const page_info& pi);
     std::vector<std::byte> read_block_data(const block_info& bi);
     template <typename K, typename V>

@@ -13,20 +13,20 @@ namespace tarn::ndb {
 
 // The file is not a store we can read, or a structure in it is damaged.
 class database_corrupt : public std::runtime_error {
-public:
+  public:
     explicit database_corrupt(const std::string& message) : std::runtime_error(message) {}
 };
 
 // The header's version does not fit the layout being tried. open_database catches exactly this one
 // to retry with the other layout.
 class invalid_format : public database_corrupt {
-public:
+  public:
     invalid_format() : database_corrupt("Unexpected Database Format") {}
 };
 
 // A header CRC differs. Location and id are 0 for the header.
 class crc_fail : public database_corrupt {
-public:
+  public:
     crc_fail(const std::string& message, uint64_t location, uint64_t id, uint32_t computed, uint32_t stored)
         : database_corrupt(message), location_(location), id_(id), computed_(computed), stored_(stored) {}
     uint64_t location() const { return location_; }
@@ -34,7 +34,7 @@ public:
     uint32_t computed() const { return computed_; }
     uint32_t stored() const { return stored_; }
 
-private:
+  private:
     uint64_t location_;
     uint64_t id_;
     uint32_t computed_;
@@ -42,27 +42,28 @@ private:
 };
 
 class unexpected_page : public database_corrupt {
-public:
+  public:
     explicit unexpected_page(const std::string& message) : database_corrupt(message) {}
 };
 
 class unexpected_block : public database_corrupt {
-public:
+  public:
     explicit unexpected_block(const std::string& message) : database_corrupt(message) {}
 };
 
 // A page or block signature differs (the layers above use it for their own signature bytes too:
 // location 0, the node id, the value found and the value expected).
 class sig_mismatch : public database_corrupt {
-public:
-    sig_mismatch(const std::string& message, uint64_t location, uint64_t id, uint32_t computed, uint32_t stored)
+  public:
+    sig_mismatch(const std::string& message, uint64_t location, uint64_t id, uint32_t computed,
+                 uint32_t stored)
         : database_corrupt(message), location_(location), id_(id), computed_(computed), stored_(stored) {}
     uint64_t location() const { return location_; }
     uint64_t id() const { return id_; }
     uint32_t computed() const { return computed_; }
     uint32_t stored() const { return stored_; }
 
-private:
+  private:
     uint64_t location_;
     uint64_t id_;
     uint32_t computed_;
@@ -73,22 +74,22 @@ private:
 // "is it there?" and catch it apart from damage.
 template <typename K>
 class key_not_found : public std::exception {
-public:
+  public:
     explicit key_not_found(const K& key) : key_(key) {}
     const char* what() const noexcept override { return "key not found"; }
     const K& which() const { return key_; }
 
-private:
+  private:
     K key_;
 };
 
 class can_not_resize : public std::runtime_error {
-public:
+  public:
     explicit can_not_resize(const std::string& message) : std::runtime_error(message) {}
 };
 
 class not_implemented : public std::logic_error {
-public:
+  public:
     explicit not_implemented(const std::string& message) : std::logic_error(message) {}
 };
 

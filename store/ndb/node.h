@@ -20,7 +20,7 @@ class db_context;
 // The shared state behind a node handle. Reads its data and subnode blocks on first use and keeps
 // them; keeps its container (for a subnode) and the database alive.
 class node_impl : public std::enable_shared_from_this<node_impl> {
-public:
+  public:
     node_impl(const std::shared_ptr<db_context>& db, const node_info& info)
         : id_(info.id),
           original_data_id_(info.data_bid),
@@ -62,7 +62,9 @@ public:
     size_t get_page_count() const { return ensure_data_block()->get_page_count(); }
     size_t get_page_size(size_t page) const { return ensure_data_block()->get_page(page)->get_total_size(); }
 
-    size_t read(std::span<std::byte> buffer, size_t offset) const { return ensure_data_block()->read(buffer, offset); }
+    size_t read(std::span<std::byte> buffer, size_t offset) const {
+        return ensure_data_block()->read(buffer, offset);
+    }
     size_t read(std::span<std::byte> buffer, size_t page, size_t offset) const;
     template <typename T>
     T read(size_t offset) const {
@@ -82,7 +84,7 @@ public:
     // by a shared pointer (std::bad_weak_ptr otherwise). Throws key_not_found<node_id>.
     std::shared_ptr<node_impl> lookup(node_id id) const;
 
-private:
+  private:
     const std::shared_ptr<data_block>& ensure_data_block() const;
     const std::shared_ptr<subnode_block>& ensure_sub_block() const;
 
@@ -99,7 +101,7 @@ private:
 
 // A handle to a node_impl. Copying a node copies the implementation record (see node_impl's copy).
 class node {
-public:
+  public:
     explicit node(std::shared_ptr<node_impl> impl) : impl_(std::move(impl)) {}
     node(const std::shared_ptr<db_context>& db, const node_info& info)
         : impl_(std::make_shared<node_impl>(db, info)) {}
@@ -121,7 +123,9 @@ public:
     size_t get_page_count() const { return impl_->get_page_count(); }
     size_t get_page_size(size_t page) const { return impl_->get_page_size(page); }
     size_t read(std::span<std::byte> buffer, size_t offset) const { return impl_->read(buffer, offset); }
-    size_t read(std::span<std::byte> buffer, size_t page, size_t offset) const { return impl_->read(buffer, page, offset); }
+    size_t read(std::span<std::byte> buffer, size_t page, size_t offset) const {
+        return impl_->read(buffer, page, offset);
+    }
     template <typename T>
     T read(size_t offset) const {
         return impl_->template read<T>(offset);
@@ -142,7 +146,7 @@ public:
 
     const std::shared_ptr<node_impl>& get_impl() const { return impl_; }
 
-private:
+  private:
     std::shared_ptr<node_impl> impl_;
 };
 

@@ -4,7 +4,8 @@
 
 namespace tarn::ndb {
 
-std::shared_ptr<bt_page<node_id, node_info>> read_child_page(db_context& db, const page_info& info, const node_id*) {
+std::shared_ptr<bt_page<node_id, node_info>> read_child_page(db_context& db, const page_info& info,
+                                                             const node_id*) {
     return db.read_nbt_page(info);
 }
 

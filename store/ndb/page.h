@@ -27,7 +27,7 @@ struct page_registry {
 };
 
 class page {
-public:
+  public:
     page(const std::shared_ptr<db_context>& db, const page_info& info) : db_(db), info_(info) {}
     virtual ~page() = default;
 
@@ -35,11 +35,11 @@ public:
     uint64_t get_address() const { return info_.address; }
     const page_info& get_page_info() const { return info_; }
 
-protected:
+  protected:
     // The database for the length of one operation. Throws std::bad_weak_ptr when it is gone.
     std::shared_ptr<db_context> get_db_ptr() const { return std::shared_ptr<db_context>(db_); }
 
-private:
+  private:
     std::weak_ptr<db_context> db_;
     page_info info_;
 };
@@ -49,13 +49,13 @@ class bt_nonleaf_page;
 
 template <typename K, typename V>
 class bt_page : public page, public virtual btree_node<K, V> {
-public:
+  public:
     bt_page(const std::shared_ptr<db_context>& db, const page_info& info)
         : page(db, info), registry_(std::make_shared<page_registry>()) {
         registry_->addresses.insert(info.address);
     }
 
-private:
+  private:
     friend class bt_nonleaf_page<K, V>;
     std::shared_ptr<page_registry> registry_;
 };
@@ -64,30 +64,36 @@ template <typename K, typename V>
 class bt_leaf_page : public bt_page<K, V>,
                      public btree_node_leaf<K, V>,
                      public std::enable_shared_from_this<bt_leaf_page<K, V>> {
-public:
-    bt_leaf_page(const std::shared_ptr<db_context>& db, const page_info& info, std::vector<std::pair<K, V>> entries)
+  public:
+    bt_leaf_page(const std::shared_ptr<db_context>& db, const page_info& info,
+                 std::vector<std::pair<K, V>> entries)
         : bt_page<K, V>(db, info), page_data_(std::move(entries)) {}
 
     const K& get_key(size_t position) const override { return page_data_.at(position).first; }
     const V& get_value(size_t position) const override { return page_data_.at(position).second; }
     size_t num_values() const override { return page_data_.size(); }
 
-private:
+  private:
     std::vector<std::pair<K, V>> page_data_;
 };
 
 // Reads the child page of a tree through the database (page.cpp): one overload per tree.
-std::shared_ptr<bt_page<node_id, node_info>> read_child_page(db_context& db, const page_info& info, const node_id*);
-std::shared_ptr<bt_page<block_id, block_info>> read_child_page(db_context& db, const page_info& info, const block_id*);
+std::shared_ptr<bt_page<node_id, node_info>> read_child_page(db_context& db, const page_info& info,
+                                                             const node_id*);
+std::shared_ptr<bt_page<block_id, block_info>> read_child_page(db_context& db, const page_info& info,
+                                                               const block_id*);
 
 template <typename K, typename V>
 class bt_nonleaf_page : public bt_page<K, V>,
                         public btree_node_nonleaf<K, V>,
                         public std::enable_shared_from_this<bt_nonleaf_page<K, V>> {
-public:
+  public:
     bt_nonleaf_page(const std::shared_ptr<db_context>& db, const page_info& info, uint8_t level,
                     std::vector<std::pair<K, page_info>> entries)
-        : bt_page<K, V>(db, info), level_(level), page_data_(std::move(entries)), child_pages_(page_data_.size()) {}
+        : bt_page<K, V>(db, info),
+          level_(level),
+          page_data_(std::move(entries)),
+          child_pages_(page_data_.size()) {}
 
     const K& get_key(size_t position) const override { return page_data_.at(position).first; }
     size_t num_values() const override { return page_data_.size(); }
@@ -111,7 +117,7 @@ public:
         return child_pages_[position].get();
     }
 
-private:
+  private:
     uint8_t level_;
     std::vector<std::pair<K, page_info>> page_data_;
     mutable std::vector<std::shared_ptr<bt_page<K, V>>> child_pages_;

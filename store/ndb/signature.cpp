@@ -6,7 +6,8 @@ namespace tarn::ndb {
 
 uint32_t compute_crc(std::span<const std::byte> bytes) {
     uint32_t crc = 0;
-    for (std::byte b : bytes) crc = tables::kCrcTable[(crc ^ std::to_integer<uint32_t>(b)) & 0xFF] ^ (crc >> 8);
+    for (std::byte b : bytes)
+        crc = tables::kCrcTable[(crc ^ std::to_integer<uint32_t>(b)) & 0xFF] ^ (crc >> 8);
     return crc;
 }
 

@@ -20,7 +20,7 @@ struct page_info {
 struct block_info {
     block_id id = 0;
     uint64_t address = 0;
-    uint16_t size = 0;       // cb: data bytes, without padding and trailer
+    uint16_t size = 0;  // cb: data bytes, without padding and trailer
     uint16_t ref_count = 0;
 };
 

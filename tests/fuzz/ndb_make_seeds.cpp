@@ -14,7 +14,8 @@ using namespace tarn::fixture;
 void Save(const std::string& dir, const std::string& name, const PstDescription& d) {
     const PstImage image = WritePst(d);
     std::ofstream out(dir + "/" + name, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(image.bytes.data()), static_cast<std::streamsize>(image.bytes.size()));
+    out.write(reinterpret_cast<const char*>(image.bytes.data()),
+              static_cast<std::streamsize>(image.bytes.size()));
 }
 
 PstDescription Base(PstLayout layout, PstEncoding encoding) {
@@ -25,8 +26,8 @@ PstDescription Base(PstLayout layout, PstEncoding encoding) {
     d.nodes.push_back({.id = 0x122, .parent = 0x122, .data = PatternBytes(200, 1)});
     PstNode message{.id = 0x200024, .parent = 0x122, .data = PatternBytes(300, 2)};
     message.subnodes.push_back({.id = 0x671, .data = PatternBytes(40, 3)});
-    message.subnodes.push_back({.id = 0x692, .data = PatternBytes(50, 4),
-                                .subnodes = {{.id = 0x1F, .data = ToBytes("embedded")}}});
+    message.subnodes.push_back(
+        {.id = 0x692, .data = PatternBytes(50, 4), .subnodes = {{.id = 0x1F, .data = ToBytes("embedded")}}});
     d.nodes.push_back(message);
     return d;
 }
@@ -48,7 +49,8 @@ int main(int argc, char** argv) {
         PstDescription deep = Base(layout, PstEncoding::kNone);
         deep.nbt_fanout = 2;
         deep.bbt_fanout = 2;
-        for (uint32_t i = 0; i < 12; ++i) deep.nodes.push_back({.id = 0x8022 + 0x20 * i, .data = PatternBytes(i + 1, i)});
+        for (uint32_t i = 0; i < 12; ++i)
+            deep.nodes.push_back({.id = 0x8022 + 0x20 * i, .data = PatternBytes(i + 1, i)});
         Save(dir, l + "-deep-btrees", deep);
 
         PstDescription xblock = Base(layout, PstEncoding::kPermute);
@@ -58,7 +60,8 @@ int main(int argc, char** argv) {
         PstDescription sub = Base(layout, PstEncoding::kCyclic);
         sub.subnode_fanout = 2;
         PstNode many{.id = 0x8044};
-        for (uint32_t i = 0; i < 7; ++i) many.subnodes.push_back({.id = 0x3F + 0x20 * i, .data = PatternBytes(10, i)});
+        for (uint32_t i = 0; i < 7; ++i)
+            many.subnodes.push_back({.id = 0x3F + 0x20 * i, .data = PatternBytes(10, i)});
         sub.nodes.push_back(many);
         Save(dir, l + "-siblock", sub);
     }

@@ -24,12 +24,14 @@ namespace {
 
 // Little-endian stores into a growing image.
 void PutLe(Bytes& bytes, size_t offset, uint64_t value, size_t width) {
-    if (offset > bytes.size() || width > bytes.size() - offset) throw std::out_of_range("fixture write past image");
+    if (offset > bytes.size() || width > bytes.size() - offset)
+        throw std::out_of_range("fixture write past image");
     for (size_t i = 0; i < width; ++i) bytes[offset + i] = static_cast<std::byte>((value >> (8 * i)) & 0xFF);
 }
 
 uint64_t GetLe(const Bytes& bytes, size_t offset, size_t width) {
-    if (offset > bytes.size() || width > bytes.size() - offset) throw std::out_of_range("fixture read past image");
+    if (offset > bytes.size() || width > bytes.size() - offset)
+        throw std::out_of_range("fixture read past image");
     uint64_t value = 0;
     for (size_t i = 0; i < width; ++i) value |= std::to_integer<uint64_t>(bytes[offset + i]) << (8 * i);
     return value;
@@ -49,7 +51,10 @@ void Encode(Bytes& data, PstEncoding encoding, uint64_t id) {
         uint16_t salt = static_cast<uint16_t>(key ^ (key >> 16));
         for (std::byte& b : data) {
             uint8_t lo = salt & 0xFF, hi = salt >> 8, v = std::to_integer<uint8_t>(b);
-            v = static_cast<uint8_t>(kMpbbI[static_cast<uint8_t>(kMpbbS[static_cast<uint8_t>(kMpbbR[static_cast<uint8_t>(v + lo)] + hi)] - hi)] - lo);
+            v = static_cast<uint8_t>(
+                kMpbbI[static_cast<uint8_t>(
+                    kMpbbS[static_cast<uint8_t>(kMpbbR[static_cast<uint8_t>(v + lo)] + hi)] - hi)] -
+                lo);
             b = static_cast<std::byte>(v);
             salt = static_cast<uint16_t>(salt + 1);
         }
@@ -87,13 +92,17 @@ struct SubnodeEntry {
 };
 
 class Writer {
-public:
+  public:
     explicit Writer(const PstDescription& d)
-        : d_(d), g_(GeometryOf(d.layout)), next_bid_(d.first_block_id & ~uint64_t{3}), next_page_id_(d.first_page_id) {
+        : d_(d),
+          g_(GeometryOf(d.layout)),
+          next_bid_(d.first_block_id & ~uint64_t{3}),
+          next_page_id_(d.first_page_id) {
         leaf_size_ = d.leaf_size ? d.leaf_size : g_.block.max_data;
         xfan_ = d.xblock_fanout ? d.xblock_fanout : g_.block.max_children;
         const size_t block_room = g_.block.max_data;
-        sl_fan_ = d.subnode_fanout ? d.subnode_fanout : (block_room - g_.block.subnode_header) / g_.block.subnode_leaf_entry;
+        sl_fan_ = d.subnode_fanout ? d.subnode_fanout
+                                   : (block_room - g_.block.subnode_header) / g_.block.subnode_leaf_entry;
         si_fan_ = (block_room - g_.block.subnode_header) / g_.block.subnode_nonleaf_entry;
     }
 
@@ -103,10 +112,12 @@ public:
         std::vector<const PstNode*> nodes;
         std::set<uint32_t> seen;
         for (const PstNode& n : d_.nodes) {
-            if (!seen.insert(n.id).second) throw std::invalid_argument("duplicate node id in PST description");
+            if (!seen.insert(n.id).second)
+                throw std::invalid_argument("duplicate node id in PST description");
             nodes.push_back(&n);
         }
-        std::sort(nodes.begin(), nodes.end(), [](const PstNode* a, const PstNode* b) { return a->id < b->id; });
+        std::sort(nodes.begin(), nodes.end(),
+                  [](const PstNode* a, const PstNode* b) { return a->id < b->id; });
         std::vector<PstNodeRecord> records;
         for (const PstNode* n : nodes) {
             PstNodeRecord r;
@@ -117,7 +128,8 @@ public:
         for (const PstRawBlock& raw : d_.raw_blocks)
             pending_.push_back({PstBlockRecord::Kind::kRaw, raw.id, raw.data, raw.encode});
 
-        const size_t header_size = d_.layout == PstLayout::kAnsi ? fmt::kAnsiHeader.size : fmt::kUnicodeHeaderOnDisk;
+        const size_t header_size =
+            d_.layout == PstLayout::kAnsi ? fmt::kAnsiHeader.size : fmt::kUnicodeHeaderOnDisk;
         image_.bytes.assign(RoundUp(header_size, fmt::kBlockAlignment), std::byte{0});
         LayOutBlocks();
 
@@ -148,7 +160,8 @@ public:
                 const uint64_t key = GetLe(image_.bytes, p.entry_offsets[e], g_.w);
                 if (p.nbt) {
                     for (size_t i = 0; i < nodes.size(); ++i)
-                        if (nodes[i]->id == static_cast<uint32_t>(key)) records[i].nbt_entry = p.entry_offsets[e];
+                        if (nodes[i]->id == static_cast<uint32_t>(key))
+                            records[i].nbt_entry = p.entry_offsets[e];
                 } else {
                     image_.blocks.at(key).bbt_entry = p.entry_offsets[e];
                 }
@@ -163,7 +176,7 @@ public:
         return std::move(image_);
     }
 
-private:
+  private:
     uint64_t NewBid(bool internal) {
         const uint64_t id = next_bid_ | (internal ? fmt::kInternalBlockBit : 0);
         next_bid_ += 4;
@@ -185,12 +198,15 @@ private:
         std::vector<std::pair<uint64_t, size_t>> leaves;  // id, size
         for (size_t at = 0; at < data.size(); at += leaf_size_) {
             const size_t n = std::min(leaf_size_, data.size() - at);
-            leaves.emplace_back(AddBlock(PstBlockRecord::Kind::kData, Bytes(data.begin() + at, data.begin() + at + n), true), n);
+            leaves.emplace_back(
+                AddBlock(PstBlockRecord::Kind::kData, Bytes(data.begin() + at, data.begin() + at + n), true),
+                n);
         }
         if (leaves.size() <= xfan_) return AddExtended(1, leaves);
         std::vector<std::pair<uint64_t, size_t>> middles;
         for (size_t at = 0; at < leaves.size(); at += xfan_) {
-            std::vector<std::pair<uint64_t, size_t>> part(leaves.begin() + at, leaves.begin() + std::min(at + xfan_, leaves.size()));
+            std::vector<std::pair<uint64_t, size_t>> part(
+                leaves.begin() + at, leaves.begin() + std::min(at + xfan_, leaves.size()));
             size_t total = 0;
             for (const auto& p : part) total += p.second;
             middles.emplace_back(AddExtended(1, part), total);
@@ -207,15 +223,18 @@ private:
         PutLe(b, 1, level, 1);
         PutLe(b, 2, children.size(), 2);
         PutLe(b, 4, total, 4);
-        for (size_t i = 0; i < children.size(); ++i) PutLe(b, g_.block.extended_header + i * g_.w, children[i].first, g_.w);
-        return AddBlock(level == 1 ? PstBlockRecord::Kind::kXBlock : PstBlockRecord::Kind::kXXBlock, std::move(b), false);
+        for (size_t i = 0; i < children.size(); ++i)
+            PutLe(b, g_.block.extended_header + i * g_.w, children[i].first, g_.w);
+        return AddBlock(level == 1 ? PstBlockRecord::Kind::kXBlock : PstBlockRecord::Kind::kXXBlock,
+                        std::move(b), false);
     }
 
     uint64_t WriteSubnodeTree(const std::vector<PstSubnode>& subnodes) {
         if (subnodes.empty()) return 0;
         std::vector<const PstSubnode*> sorted;
         for (const PstSubnode& s : subnodes) sorted.push_back(&s);
-        std::sort(sorted.begin(), sorted.end(), [](const PstSubnode* a, const PstSubnode* b) { return a->id < b->id; });
+        std::sort(sorted.begin(), sorted.end(),
+                  [](const PstSubnode* a, const PstSubnode* b) { return a->id < b->id; });
         std::vector<SubnodeEntry> entries;
         for (const PstSubnode* s : sorted) {
             SubnodeEntry e{s->id, 0, 0};
@@ -229,7 +248,8 @@ private:
             const size_t end = std::min(at + sl_fan_, entries.size());
             leaves.emplace_back(entries[at].id, AddSubnodeLeaf(entries, at, end));
         }
-        if (leaves.size() > si_fan_) throw std::invalid_argument("fixture subnode list too long for two levels");
+        if (leaves.size() > si_fan_)
+            throw std::invalid_argument("fixture subnode list too long for two levels");
         Bytes b(g_.block.subnode_header + leaves.size() * g_.block.subnode_nonleaf_entry);
         PutLe(b, 0, fmt::kBlockTypeSubnode, 1);
         PutLe(b, 1, 1, 1);
@@ -260,7 +280,8 @@ private:
 
     void LayOutBlocks() {
         for (PendingBlock& p : pending_) {
-            if (image_.blocks.count(p.id) != 0) throw std::invalid_argument("duplicate block id in PST description");
+            if (image_.blocks.count(p.id) != 0)
+                throw std::invalid_argument("duplicate block id in PST description");
             PstBlockRecord rec;
             rec.kind = p.kind;
             rec.id = p.id;
@@ -271,9 +292,11 @@ private:
             Bytes stored = p.data;
             if (p.encode) Encode(stored, d_.encoding, p.id);
             image_.bytes.resize(rec.address + rec.span, std::byte{0});
-            std::copy(stored.begin(), stored.end(), image_.bytes.begin() + static_cast<std::ptrdiff_t>(rec.address));
+            std::copy(stored.begin(), stored.end(),
+                      image_.bytes.begin() + static_cast<std::ptrdiff_t>(rec.address));
             PutLe(image_.bytes, rec.trailer + g_.block.trailer_cb, rec.size, 2);
-            PutLe(image_.bytes, rec.trailer + g_.block.trailer_signature, PstSignature(rec.address, rec.id), 2);
+            PutLe(image_.bytes, rec.trailer + g_.block.trailer_signature, PstSignature(rec.address, rec.id),
+                  2);
             PutLe(image_.bytes, rec.trailer + g_.block.trailer_crc, PstCrc(stored.data(), stored.size()), 4);
             PutLe(image_.bytes, rec.trailer + g_.block.trailer_id, rec.id, g_.w);
             image_.blocks[p.id] = rec;
@@ -303,7 +326,8 @@ private:
                 fill(i, page, (i - at) * leaf_entry);
                 offsets.push_back((i - at) * leaf_entry);
             }
-            level.emplace_back(at < keys.size() ? keys[at] : 0, PlacePage(nbt, 0, end - at, leaf_room, leaf_entry, page, offsets));
+            level.emplace_back(at < keys.size() ? keys[at] : 0,
+                               PlacePage(nbt, 0, end - at, leaf_room, leaf_entry, page, offsets));
             at = end;
         } while (at < keys.size());
 
@@ -320,8 +344,8 @@ private:
                     PutLe(page, e + 2 * g_.w, level[c].second.address, g_.w);
                     offsets.push_back(e);
                 }
-                upper.emplace_back(level[i].first,
-                                   PlacePage(nbt, depth, end - i, nonleaf_room, g_.page.nonleaf_entry, page, offsets));
+                upper.emplace_back(level[i].first, PlacePage(nbt, depth, end - i, nonleaf_room,
+                                                             g_.page.nonleaf_entry, page, offsets));
             }
             level = std::move(upper);
         }
@@ -329,7 +353,7 @@ private:
     }
 
     PageRef PlacePage(bool nbt, uint8_t level, size_t count, size_t room, size_t entry_size, Bytes& page,
-                          const std::vector<size_t>& offsets) {
+                      const std::vector<size_t>& offsets) {
         const uint64_t id = next_page_id_++;
         const uint64_t address = image_.bytes.size();
         PutLe(page, g_.page.c_ent, count, 1);
@@ -359,7 +383,7 @@ private:
         const auto& h = g_.header;
         const bool ansi = d_.layout == PstLayout::kAnsi;
         PutLe(b, fmt::kMagicOffset, d_.magic ? *d_.magic : 0x4E444221u, 4);  // "!BDN"
-        PutLe(b, fmt::kMagicClientOffset, 0x4D53, 2);                          // "SM"
+        PutLe(b, fmt::kMagicClientOffset, 0x4D53, 2);                        // "SM"
         PutLe(b, fmt::kVersionOffset, d_.version ? *d_.version : (ansi ? 14 : 23), 2);
         PutLe(b, 12, 19, 2);  // wVerClient
         PutLe(b, 14, 1, 1);   // bPlatformCreate
@@ -422,9 +446,11 @@ void PstImage::ResignBlock(uint64_t address, size_t span) {
 
 void PstImage::FixHeaderCrcs() {
     const Geometry g = GeometryOf(layout);
-    PutLe(bytes, fmt::kCrcPartialOffset, PstCrc(bytes.data() + fmt::kCrcPartialStart, fmt::kCrcPartialLength), 4);
+    PutLe(bytes, fmt::kCrcPartialOffset, PstCrc(bytes.data() + fmt::kCrcPartialStart, fmt::kCrcPartialLength),
+          4);
     if (g.header.crc_full != 0)
-        PutLe(bytes, g.header.crc_full, PstCrc(bytes.data() + fmt::kCrcPartialStart, g.header.crc_full_length), 4);
+        PutLe(bytes, g.header.crc_full,
+              PstCrc(bytes.data() + fmt::kCrcPartialStart, g.header.crc_full_length), 4);
 }
 
 void PstImage::Truncate(size_t size) { bytes.resize(std::min(size, bytes.size())); }

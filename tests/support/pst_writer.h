@@ -49,8 +49,8 @@ enum class PstEncoding : uint8_t { kNone = 0, kPermute = 1, kCyclic = 2 };
 // A subnode: private to the node (or subnode) whose `subnodes` list holds it.
 struct PstSubnode {
     uint32_t id = 0;
-    Bytes data;                          // empty: data block id 0
-    std::vector<PstSubnode> subnodes;    // empty: subnode block id 0
+    Bytes data;                        // empty: data block id 0
+    std::vector<PstSubnode> subnodes;  // empty: subnode block id 0
     // Overrides of the ids written in the SLENTRY (damage, or sharing a block on purpose). The data
     // or subnode tree is then not written for this subnode.
     std::optional<uint64_t> data_bid;
@@ -61,9 +61,9 @@ struct PstSubnode {
 struct PstNode {
     uint32_t id = 0;
     uint32_t parent = 0;
-    Bytes data;                          // empty: data block id 0
-    std::vector<PstSubnode> subnodes;    // empty: subnode block id 0
-    std::optional<uint64_t> data_bid;    // as in PstSubnode
+    Bytes data;                        // empty: data block id 0
+    std::vector<PstSubnode> subnodes;  // empty: subnode block id 0
+    std::optional<uint64_t> data_bid;  // as in PstSubnode
     std::optional<uint64_t> subnode_bid;
 };
 
@@ -79,7 +79,7 @@ struct PstRawBlock {
 struct PstDescription {
     PstLayout layout = PstLayout::kUnicode;
     PstEncoding encoding = PstEncoding::kNone;
-    std::vector<PstNode> nodes;          // any order; sorted by id in the NBT
+    std::vector<PstNode> nodes;  // any order; sorted by id in the NBT
     std::vector<PstRawBlock> raw_blocks;
 
     // Entries per B-tree page, leaf and intermediate alike (0 = as many as a page holds: ANSI 41 BBT /
@@ -96,11 +96,11 @@ struct PstDescription {
     size_t xblock_fanout = 0;
 
     // Header fields (nullopt: the layout's normal value).
-    std::optional<uint16_t> version;        // wVer: 14 ANSI, 23 Unicode
-    std::optional<uint8_t> crypt_method;    // bCryptMethod written instead of `encoding`
-    std::optional<uint32_t> magic;          // dwMagic, normally "!BDN"
-    std::optional<uint64_t> file_eof;       // ibFileEof, normally the image size
-    uint64_t first_block_id = 0x100;        // ids are handed out from here, 4 apart
+    std::optional<uint16_t> version;      // wVer: 14 ANSI, 23 Unicode
+    std::optional<uint8_t> crypt_method;  // bCryptMethod written instead of `encoding`
+    std::optional<uint32_t> magic;        // dwMagic, normally "!BDN"
+    std::optional<uint64_t> file_eof;     // ibFileEof, normally the image size
+    uint64_t first_block_id = 0x100;      // ids are handed out from here, 4 apart
     uint64_t first_page_id = 0x1000;
 };
 
@@ -110,33 +110,33 @@ struct PstBlockRecord {
     Kind kind = Kind::kData;
     uint64_t id = 0;
     uint64_t address = 0;
-    uint16_t size = 0;              // cb: data bytes before padding
-    size_t span = 0;                // size + padding + trailer, a multiple of 64
-    size_t trailer = 0;             // offset of the trailer
-    size_t bbt_entry = 0;           // offset of this block's BBT leaf entry
+    uint16_t size = 0;     // cb: data bytes before padding
+    size_t span = 0;       // size + padding + trailer, a multiple of 64
+    size_t trailer = 0;    // offset of the trailer
+    size_t bbt_entry = 0;  // offset of this block's BBT leaf entry
 };
 
 struct PstPageRecord {
-    bool nbt = false;               // node B-tree page, else block B-tree page
-    uint8_t level = 0;              // cLevel
+    bool nbt = false;   // node B-tree page, else block B-tree page
+    uint8_t level = 0;  // cLevel
     uint64_t id = 0;
     uint64_t address = 0;
-    size_t entries = 0;             // cEnt
+    size_t entries = 0;  // cEnt
     std::vector<size_t> entry_offsets;
 };
 
 struct PstNodeRecord {
-    uint64_t data_bid = 0;          // 0 when the node has no data
+    uint64_t data_bid = 0;  // 0 when the node has no data
     uint64_t subnode_bid = 0;
-    size_t nbt_entry = 0;           // offset of the NBT leaf entry
+    size_t nbt_entry = 0;  // offset of the NBT leaf entry
 };
 
 struct PstImage {
     PstLayout layout = PstLayout::kUnicode;
     Bytes bytes;
-    std::map<uint64_t, PstBlockRecord> blocks;   // by block id
-    std::vector<PstPageRecord> pages;            // leaves first, root last, per tree
-    std::map<uint32_t, PstNodeRecord> nodes;     // by node id (nodes of the NBT only)
+    std::map<uint64_t, PstBlockRecord> blocks;  // by block id
+    std::vector<PstPageRecord> pages;           // leaves first, root last, per tree
+    std::map<uint32_t, PstNodeRecord> nodes;    // by node id (nodes of the NBT only)
     uint64_t nbt_root_address = 0, nbt_root_id = 0;
     uint64_t bbt_root_address = 0, bbt_root_id = 0;
 
@@ -170,13 +170,13 @@ PstImage WritePst(const PstDescription& description);
 
 // Helpers that tests and fuzz seeds use with the writer.
 Bytes ToBytes(std::string_view text);
-Bytes PatternBytes(size_t size, uint32_t seed);      // deterministic, every byte value occurs
+Bytes PatternBytes(size_t size, uint32_t seed);       // deterministic, every byte value occurs
 uint32_t PstCrc(const std::byte* data, size_t size);  // the store's CRC, computed bit by bit
 uint16_t PstSignature(uint64_t address, uint64_t id);
 
 // A file holding `bytes`, removed when the object goes. path() is what open_database takes.
 class TempPstFile {
-public:
+  public:
     explicit TempPstFile(const Bytes& bytes);
     ~TempPstFile();
     TempPstFile(const TempPstFile&) = delete;
@@ -184,7 +184,7 @@ public:
     const std::string& native_path() const { return path_; }
     std::u16string path() const;
 
-private:
+  private:
     std::string path_;
 };
 

@@ -111,23 +111,51 @@ Header ReadHeader(const std::u16string& path) {
 
 const char* EncodingName(uint8_t method) {
     switch (method) {
-        case fmt::kCryptNone: return "none";
-        case fmt::kCryptPermute: return "permute";
-        case fmt::kCryptCyclic: return "cyclic";
-        default: return "unknown";
+        case fmt::kCryptNone:
+            return "none";
+        case fmt::kCryptPermute:
+            return "permute";
+        case fmt::kCryptCyclic:
+            return "cyclic";
+        default:
+            return "unknown";
     }
 }
 
 // The node type in the low five bits of a node id.
 const char* TypeName(ndb::node_id id) {
-    static const char* const kNames[32] = {
-        "heap",           "internal",        "folder",          "search folder",   "message",
-        "attachment",     "search update queue", "search criteria", "associated message", "type 9",
-        "contents table index", "receive folder table", "outgoing queue table", "hierarchy table",
-        "contents table", "associated contents table", "search contents table", "attachment table",
-        "recipient table", "search table index", "type 0x14", "type 0x15", "type 0x16", "type 0x17",
-        "type 0x18",      "type 0x19",       "type 0x1a",       "type 0x1b",       "type 0x1c",
-        "type 0x1d",      "type 0x1e",       "ltp"};
+    static const char* const kNames[32] = {"heap",
+                                           "internal",
+                                           "folder",
+                                           "search folder",
+                                           "message",
+                                           "attachment",
+                                           "search update queue",
+                                           "search criteria",
+                                           "associated message",
+                                           "type 9",
+                                           "contents table index",
+                                           "receive folder table",
+                                           "outgoing queue table",
+                                           "hierarchy table",
+                                           "contents table",
+                                           "associated contents table",
+                                           "search contents table",
+                                           "attachment table",
+                                           "recipient table",
+                                           "search table index",
+                                           "type 0x14",
+                                           "type 0x15",
+                                           "type 0x16",
+                                           "type 0x17",
+                                           "type 0x18",
+                                           "type 0x19",
+                                           "type 0x1a",
+                                           "type 0x1b",
+                                           "type 0x1c",
+                                           "type 0x1d",
+                                           "type 0x1e",
+                                           "ltp"};
     return kNames[id & 0x1F];
 }
 
@@ -219,8 +247,10 @@ int DumpText(const Options& options, const Header& h, const std::shared_ptr<ndb:
     std::printf("magic: %s\n", h.magic == 0x4E444221 ? "!BDN" : Hex(h.magic).c_str());
     std::printf("file eof: %" PRIu64 " (%s)\n", h.file_eof, Hex(h.file_eof).c_str());
     std::printf("next block id: %s\n", Hex(h.next_block_id).c_str());
-    std::printf("node b-tree root: page %s at %s\n", Hex(h.nbt_root.id).c_str(), Hex(h.nbt_root.address).c_str());
-    std::printf("block b-tree root: page %s at %s\n", Hex(h.bbt_root.id).c_str(), Hex(h.bbt_root.address).c_str());
+    std::printf("node b-tree root: page %s at %s\n", Hex(h.nbt_root.id).c_str(),
+                Hex(h.nbt_root.address).c_str());
+    std::printf("block b-tree root: page %s at %s\n", Hex(h.bbt_root.id).c_str(),
+                Hex(h.bbt_root.address).c_str());
     if (!db) {
         std::fprintf(stderr, "tarnview dump: %s: %s\n", options.file.c_str(), open_error.c_str());
         return 1;
@@ -266,8 +296,16 @@ int DumpJson(const Options& options, const Header& h, const std::shared_ptr<ndb:
     w.Field("magic", static_cast<uint32_t>(h.magic));
     w.Field("file_eof", h.file_eof);
     w.Field("next_block_id", h.next_block_id);
-    w.Key("nbt_root").BeginObject().Field("id", h.nbt_root.id).Field("address", h.nbt_root.address).EndObject();
-    w.Key("bbt_root").BeginObject().Field("id", h.bbt_root.id).Field("address", h.bbt_root.address).EndObject();
+    w.Key("nbt_root")
+        .BeginObject()
+        .Field("id", h.nbt_root.id)
+        .Field("address", h.nbt_root.address)
+        .EndObject();
+    w.Key("bbt_root")
+        .BeginObject()
+        .Field("id", h.bbt_root.id)
+        .Field("address", h.bbt_root.address)
+        .EndObject();
     size_t failed = 0;
     if (!db) {
         w.Field("error", open_error);
@@ -281,7 +319,8 @@ int DumpJson(const Options& options, const Header& h, const std::shared_ptr<ndb:
                 w.BeginObject().Field("id", i.id).Field("type", TypeName(i.id)).Field("parent", i.parent_id);
                 w.Field("data_bid", i.data_bid).Field("subnode_bid", i.sub_bid);
                 if (line.error.empty()) {
-                    w.Field("size", static_cast<uint64_t>(line.size)).Field("subnodes", static_cast<uint64_t>(line.subnodes));
+                    w.Field("size", static_cast<uint64_t>(line.size))
+                        .Field("subnodes", static_cast<uint64_t>(line.subnodes));
                 } else {
                     ++failed;
                     w.Field("error", line.error);
@@ -322,7 +361,8 @@ int RunDump(const Args& args) {
     } catch (const std::exception& e) {
         open_error = std::string("cannot open the store: ") + e.what();
     }
-    return options->json ? DumpJson(*options, header, db, open_error) : DumpText(*options, header, db, open_error);
+    return options->json ? DumpJson(*options, header, db, open_error)
+                         : DumpText(*options, header, db, open_error);
 }
 
 }  // namespace tarnview

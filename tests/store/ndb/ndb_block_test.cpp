@@ -39,13 +39,14 @@ TEST(NdbBlock, DataTreesOfEverySizeReadBackUnderEveryEncoding) {
             d.encoding = encoding;
             const std::vector<size_t> sizes = {1, 100, max, max + 1, 20000, 3 * max + 5};
             for (size_t i = 0; i < sizes.size(); ++i)
-                d.nodes.push_back({.id = static_cast<uint32_t>(0x24 + 0x20 * i), .data = PatternBytes(sizes[i], static_cast<uint32_t>(i))});
+                d.nodes.push_back({.id = static_cast<uint32_t>(0x24 + 0x20 * i),
+                                   .data = PatternBytes(sizes[i], static_cast<uint32_t>(i))});
             const PstImage image = WritePst(d);
             TempPstFile file(image.bytes);
             auto db = open_database(file.path());
             for (const PstNode& want : d.nodes) {
-                SCOPED_TRACE(std::string(Name(layout)) + " encoding " + std::to_string(int(encoding)) + " size " +
-                             std::to_string(want.data.size()));
+                SCOPED_TRACE(std::string(Name(layout)) + " encoding " + std::to_string(int(encoding)) +
+                             " size " + std::to_string(want.data.size()));
                 node n = db->lookup_node(want.id);
                 ASSERT_EQ(n.size(), want.data.size());
                 Bytes got(n.size());
@@ -60,13 +61,15 @@ TEST(NdbBlock, DataTreesOfEverySizeReadBackUnderEveryEncoding) {
                     EXPECT_EQ(page_size, std::min(max, want.data.size() - at));
                     Bytes part(page_size);
                     EXPECT_EQ(n.read(part, p, 0), page_size);
-                    EXPECT_TRUE(std::equal(part.begin(), part.end(), want.data.begin() + static_cast<std::ptrdiff_t>(at)));
+                    EXPECT_TRUE(std::equal(part.begin(), part.end(),
+                                           want.data.begin() + static_cast<std::ptrdiff_t>(at)));
                     at += page_size;
                 }
                 // The last byte reads; one past it is the end.
                 EXPECT_EQ(n.read<uint8_t>(want.data.size() - 1), std::to_integer<uint8_t>(want.data.back()));
                 Bytes one(1);
-                EXPECT_EQ(MessageOf<std::out_of_range>([&] { n.read(one, want.data.size()); }), "offset >= size()");
+                EXPECT_EQ(MessageOf<std::out_of_range>([&] { n.read(one, want.data.size()); }),
+                          "offset >= size()");
             }
         }
     }
@@ -109,7 +112,8 @@ TEST(NdbBlock, ReadsCrossLeavesAndClampAtTheEnd) {
     EXPECT_EQ(n.read(empty, 0, 9999), 0u);  // an empty buffer reads nothing
     EXPECT_EQ(MessageOf<std::out_of_range>([&] { n.get_data_block()->get_page(3); }),
               "index >= m_child_blocks.size()");
-    EXPECT_EQ(MessageOf<std::out_of_range>([&] { n.get_data_block()->get_page(0)->get_page(1); }), "index > 0");
+    EXPECT_EQ(MessageOf<std::out_of_range>([&] { n.get_data_block()->get_page(0)->get_page(1); }),
+              "index > 0");
 }
 
 TEST(NdbBlock, XxblockTreesReadBack) {
@@ -137,7 +141,8 @@ TEST(NdbBlock, XxblockTreesReadBack) {
         const size_t page = level2_child / max;
         Bytes part(n.get_page_size(page));
         EXPECT_EQ(n.read(part, page, 0), part.size());
-        EXPECT_TRUE(std::equal(part.begin(), part.end(), data.begin() + static_cast<std::ptrdiff_t>(level2_child)));
+        EXPECT_TRUE(
+            std::equal(part.begin(), part.end(), data.begin() + static_cast<std::ptrdiff_t>(level2_child)));
     }
 }
 
@@ -155,7 +160,8 @@ TEST(NdbBlock, BlockSizeLimitsAndEndOfFile) {
         TempPstFile file(image.bytes);
         auto db = open_database(file.path());
         EXPECT_EQ(db->lookup_node(0x24).size(), max);  // span exactly 8192
-        EXPECT_EQ(MessageOf<unexpected_block>([&] { db->lookup_node(0x44).size(); }), "nonsensical block size");
+        EXPECT_EQ(MessageOf<unexpected_block>([&] { db->lookup_node(0x44).size(); }),
+                  "nonsensical block size");
 
         // A block whose span ends exactly at ibFileEof reads; one byte less of file fails.
         const PstBlockRecord& rec = image.Block(0x10000);
@@ -189,14 +195,16 @@ TEST(NdbBlock, TrailerDamageFailsWithItsMessage) {
              im.PutId(b.trailer + (im.layout == PstLayout::kAnsi ? 4 : 8), b.id + 4);
          },
          "wrong block id"},
-        {"trailer cb", [](PstImage& im, const PstBlockRecord& b) { im.Put16(b.trailer, b.size - 1); }, "wrong block size"},
+        {"trailer cb", [](PstImage& im, const PstBlockRecord& b) { im.Put16(b.trailer, b.size - 1); },
+         "wrong block size"},
         {"bbt cb",
          [](PstImage& im, const PstBlockRecord& b) {
              im.Put16(b.bbt_entry + 2 * (im.layout == PstLayout::kAnsi ? 4 : 8), b.size + 1);
              for (const auto& p : im.pages) im.ResignPage(p.address);
          },
          "wrong block size"},
-        {"signature", [](PstImage& im, const PstBlockRecord& b) { im.Put16(b.trailer + 2, 0x4242); }, "block sig mismatch"},
+        {"signature", [](PstImage& im, const PstBlockRecord& b) { im.Put16(b.trailer + 2, 0x4242); },
+         "block sig mismatch"},
         {"address past eof",
          [](PstImage& im, const PstBlockRecord& b) {
              im.PutId(b.bbt_entry + (im.layout == PstLayout::kAnsi ? 4 : 8), im.bytes.size());
@@ -240,7 +248,11 @@ TEST(NdbBlock, EncodingsDecodeAsPublished) {
         uint64_t id;
         const uint8_t* expected;  // null: the stored bytes
     };
-    const Case cases[] = {{0, 0x64, nullptr}, {1, 0x64, permute}, {2, 0x64, cyclic_64}, {0x10, 0x64, nullptr}, {7, 0x64, nullptr}};
+    const Case cases[] = {{0, 0x64, nullptr},
+                          {1, 0x64, permute},
+                          {2, 0x64, cyclic_64},
+                          {0x10, 0x64, nullptr},
+                          {7, 0x64, nullptr}};
     for (const Case& c : cases) {
         SCOPED_TRACE("method " + std::to_string(c.method));
         PstDescription d;
@@ -272,7 +284,8 @@ TEST(NdbBlock, EncodingsDecodeAsPublished) {
 
 TEST(NdbBlock, BlockKindsAreChecked) {
     PstDescription d;
-    d.nodes.push_back({.id = 0x24, .data = PatternBytes(100, 1), .subnodes = {{.id = 0x1, .data = PatternBytes(5, 2)}}});
+    d.nodes.push_back(
+        {.id = 0x24, .data = PatternBytes(100, 1), .subnodes = {{.id = 0x1, .data = PatternBytes(5, 2)}}});
     d.nodes.push_back({.id = 0x44, .data = PatternBytes(20000, 3)});
     const PstImage image = WritePst(d);
     TempPstFile file(image.bytes);
@@ -280,9 +293,12 @@ TEST(NdbBlock, BlockKindsAreChecked) {
     const block_id external = image.Node(0x24).data_bid;
     const block_id subnode = image.Node(0x24).subnode_bid;
     const block_id xblock = image.Node(0x44).data_bid;
-    EXPECT_EQ(MessageOf<unexpected_block>([&] { db->read_extended_block(db, external); }), "internal bid expected");
-    EXPECT_EQ(MessageOf<unexpected_block>([&] { db->read_external_block(db, xblock); }), "External BID expected");
-    EXPECT_EQ(MessageOf<unexpected_block>([&] { db->read_data_block(db, subnode); }), "extended block expected");
+    EXPECT_EQ(MessageOf<unexpected_block>([&] { db->read_extended_block(db, external); }),
+              "internal bid expected");
+    EXPECT_EQ(MessageOf<unexpected_block>([&] { db->read_external_block(db, xblock); }),
+              "External BID expected");
+    EXPECT_EQ(MessageOf<unexpected_block>([&] { db->read_data_block(db, subnode); }),
+              "extended block expected");
     // read_block falls back to a subnode block for an internal block that is not extended.
     EXPECT_NE(std::dynamic_pointer_cast<subnode_leaf_block>(db->read_block(db, subnode)), nullptr);
     EXPECT_NE(std::dynamic_pointer_cast<extended_block>(db->read_block(db, xblock)), nullptr);
@@ -354,7 +370,8 @@ TEST(NdbBlock, InMemoryResizeAndWriteCopyOnWrite) {
     auto big = db->create_extended_block(db, 8347697);
     EXPECT_EQ(big->get_level(), 2);
     std::shared_ptr<data_block> result;
-    EXPECT_EQ(MessageOf<can_not_resize>([&] { big->resize(size_t{1021} * 8347696 + 1, result); }), "size > max_size");
+    EXPECT_EQ(MessageOf<can_not_resize>([&] { big->resize(size_t{1021} * 8347696 + 1, result); }),
+              "size > max_size");
     auto leaf = db->create_external_block(db, 10);
     EXPECT_EQ(leaf->get_total_size(), 10u);
     Bytes zeros(10, std::byte{1});

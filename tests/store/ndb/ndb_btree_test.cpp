@@ -51,10 +51,10 @@ TEST(NdbBtree, TreesOfEveryDepthLookUpAndWalkInOrder) {
         size_t fanout;  // 0: full pages
     };
     const Case cases[] = {
-        {PstLayout::kUnicode, 0, 0},   {PstLayout::kUnicode, 1, 0},  {PstLayout::kUnicode, 15, 0},
-        {PstLayout::kUnicode, 16, 0},  {PstLayout::kUnicode, 400, 0}, {PstLayout::kUnicode, 40, 2},
-        {PstLayout::kUnicode, 27, 3},  {PstLayout::kAnsi, 31, 0},     {PstLayout::kAnsi, 32, 0},
-        {PstLayout::kAnsi, 700, 0},    {PstLayout::kAnsi, 33, 2},
+        {PstLayout::kUnicode, 0, 0},  {PstLayout::kUnicode, 1, 0},   {PstLayout::kUnicode, 15, 0},
+        {PstLayout::kUnicode, 16, 0}, {PstLayout::kUnicode, 400, 0}, {PstLayout::kUnicode, 40, 2},
+        {PstLayout::kUnicode, 27, 3}, {PstLayout::kAnsi, 31, 0},     {PstLayout::kAnsi, 32, 0},
+        {PstLayout::kAnsi, 700, 0},   {PstLayout::kAnsi, 33, 2},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE("count " + std::to_string(c.count) + " fanout " + std::to_string(c.fanout));
@@ -90,8 +90,10 @@ TEST(NdbBtree, TreesOfEveryDepthLookUpAndWalkInOrder) {
             EXPECT_EQ(block.size, n.data.size());
         }
         // Misses below the smallest key, between two keys and above the largest.
-        for (node_id miss : {node_id{0x21}, node_id{0x23}, node_id{0x22 + 0x20 * static_cast<node_id>(c.count)}}) {
-            EXPECT_EQ(MessageOf<key_not_found<node_id>>([&] { db->lookup_node_info(miss); }), "key not found");
+        for (node_id miss :
+             {node_id{0x21}, node_id{0x23}, node_id{0x22 + 0x20 * static_cast<node_id>(c.count)}}) {
+            EXPECT_EQ(MessageOf<key_not_found<node_id>>([&] { db->lookup_node_info(miss); }),
+                      "key not found");
         }
         // Every block of the store is in the block B-tree, and the walk finds them in id order.
         std::vector<block_id> blocks;
@@ -156,7 +158,9 @@ TEST(NdbBtree, PageDamageFailsWithItsMessage) {
          },
          read_nbt, "ptype != ptype repeat?"},
         {"signature",
-         [](PstImage& im) { im.Put16(im.Root(true).address + (im.layout == PstLayout::kAnsi ? 502 : 498), 0x1234); },
+         [](PstImage& im) {
+             im.Put16(im.Root(true).address + (im.layout == PstLayout::kAnsi ? 502 : 498), 0x1234);
+         },
          read_nbt, "page sig mismatch"},
         {"nbt page as bbt",
          [](PstImage& im) {
@@ -252,9 +256,12 @@ TEST(NdbBtree, TypedPageReadersCheckTheLevel) {
     const page_info root_info{root.id, root.address}, leaf_info{leaf.id, leaf.address};
     EXPECT_NE(db->read_nbt_nonleaf_page(root_info), nullptr);
     EXPECT_NE(db->read_nbt_leaf_page(leaf_info), nullptr);
-    EXPECT_EQ(MessageOf<unexpected_page>([&] { db->read_nbt_leaf_page(root_info); }), "page_type != page_type_nbt");
-    EXPECT_EQ(MessageOf<unexpected_page>([&] { db->read_nbt_nonleaf_page(leaf_info); }), "page_type != page_type_nbt");
-    EXPECT_EQ(MessageOf<unexpected_page>([&] { db->read_bbt_leaf_page(leaf_info); }), "page_type != page_type_bbt");
+    EXPECT_EQ(MessageOf<unexpected_page>([&] { db->read_nbt_leaf_page(root_info); }),
+              "page_type != page_type_nbt");
+    EXPECT_EQ(MessageOf<unexpected_page>([&] { db->read_nbt_nonleaf_page(leaf_info); }),
+              "page_type != page_type_nbt");
+    EXPECT_EQ(MessageOf<unexpected_page>([&] { db->read_bbt_leaf_page(leaf_info); }),
+              "page_type != page_type_bbt");
     const auto& bbt_leaf = *image.Pages(false, 0).front();
     const page_info bbt_leaf_info{bbt_leaf.id, bbt_leaf.address};
     EXPECT_NE(db->read_bbt_leaf_page(bbt_leaf_info), nullptr);

@@ -36,7 +36,9 @@ PstDescription ThreeNodes(PstLayout layout) {
     d.nbt_fanout = 2;
     d.nodes.push_back({.id = 0x21, .data = ToBytes("one")});
     d.nodes.push_back({.id = 0x122, .parent = 0x122, .data = PatternBytes(9000, 1)});
-    d.nodes.push_back({.id = 0x200024, .parent = 0x122, .data = ToBytes("message"),
+    d.nodes.push_back({.id = 0x200024,
+                       .parent = 0x122,
+                       .data = ToBytes("message"),
                        .subnodes = {{.id = 0x1F, .data = ToBytes("a")}, {.id = 0x3F}}});
     return d;
 }
@@ -46,7 +48,8 @@ TEST(NdbDump, ListsHeaderAndEveryNode) {
         TempPstFile file(WritePst(ThreeNodes(layout)).bytes);
         const DumpResult text = Dump(file, false);
         EXPECT_EQ(text.status, 0);
-        EXPECT_NE(text.out.find(layout == PstLayout::kAnsi ? "layout: ANSI (wVer 14)" : "layout: Unicode (wVer 23)"),
+        EXPECT_NE(text.out.find(layout == PstLayout::kAnsi ? "layout: ANSI (wVer 14)"
+                                                           : "layout: Unicode (wVer 23)"),
                   std::string::npos);
         EXPECT_NE(text.out.find("encoding: permute (bCryptMethod 1)"), std::string::npos);
         EXPECT_NE(text.out.find("0x00000122  folder"), std::string::npos) << text.out;
@@ -56,7 +59,8 @@ TEST(NdbDump, ListsHeaderAndEveryNode) {
         const DumpResult json = Dump(file, true);
         EXPECT_EQ(json.status, 0);
         EXPECT_EQ(json.out.rfind("{\"file\":", 0), 0u) << json.out;
-        EXPECT_NE(json.out.find("\"nodes\":[{\"id\":33,\"type\":\"internal\""), std::string::npos) << json.out;
+        EXPECT_NE(json.out.find("\"nodes\":[{\"id\":33,\"type\":\"internal\""), std::string::npos)
+            << json.out;
         EXPECT_NE(json.out.find("\"id\":2097188,\"type\":\"message\",\"parent\":290"), std::string::npos);
         EXPECT_NE(json.out.find("\"size\":7,\"subnodes\":2}"), std::string::npos) << json.out;
         EXPECT_NE(json.out.find("\"errors\":0}"), std::string::npos);

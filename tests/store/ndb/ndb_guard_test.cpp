@@ -33,7 +33,8 @@ void Put(Bytes& b, size_t at, uint64_t value, size_t width) {
 }
 
 // An extended block's bytes, written by hand so that any field can lie.
-Bytes XBlock(PstLayout layout, uint8_t level, uint32_t total, const std::vector<uint64_t>& ids, uint16_t count) {
+Bytes XBlock(PstLayout layout, uint8_t level, uint32_t total, const std::vector<uint64_t>& ids,
+             uint16_t count) {
     const size_t w = Width(layout);
     Bytes b(8 + ids.size() * w);
     Put(b, 0, 1, 1);
@@ -45,7 +46,8 @@ Bytes XBlock(PstLayout layout, uint8_t level, uint32_t total, const std::vector<
 }
 
 // A subnode block's bytes: leaf entries (id, data, subnodes) or intermediate ones (id, child).
-Bytes SubnodeBlock(PstLayout layout, uint8_t level, const std::vector<std::vector<uint64_t>>& entries, uint16_t count) {
+Bytes SubnodeBlock(PstLayout layout, uint8_t level, const std::vector<std::vector<uint64_t>>& entries,
+                   uint16_t count) {
     const size_t w = Width(layout);
     const size_t header = layout == PstLayout::kAnsi ? 4 : 8;
     const size_t entry = (level == 0 ? 3 : 2) * w;
@@ -79,7 +81,9 @@ TEST(NdbGuard, DataTreesThatLoopNestOrFallShortEndInAnError) {
     };
     const Case cases[] = {
         {"xblock lists itself",
-         [=](PstLayout l) { return std::vector<PstRawBlock>{{kX1, XBlock(l, 1, 100, {kX1}, 1)}}; },
+         [=](PstLayout l) {
+             return std::vector<PstRawBlock>{{kX1, XBlock(l, 1, 100, {kX1}, 1)}};
+         },
          "extended blocks nest deeper than any data tree can"},
         {"three extended levels",
          [=](PstLayout l) {
@@ -146,7 +150,9 @@ TEST(NdbGuard, SubnodeTreesThatLoopOrOverfillEndInAnError) {
     };
     const Case cases[] = {
         {"siblock lists itself",
-         [=](PstLayout l) { return std::vector<PstRawBlock>{{kSi, SubnodeBlock(l, 1, {{0x1F, kSi}}, 1)}}; },
+         [=](PstLayout l) {
+             return std::vector<PstRawBlock>{{kSi, SubnodeBlock(l, 1, {{0x1F, kSi}}, 1)}};
+         },
          "subnode block reached twice; the tree's pointers loop"},
         {"two entries lead to one leaf",
          [=](PstLayout l) {
@@ -155,10 +161,14 @@ TEST(NdbGuard, SubnodeTreesThatLoopOrOverfillEndInAnError) {
          },
          "subnode block reached twice; the tree's pointers loop"},
         {"slblock cEnt larger than the block",
-         [=](PstLayout l) { return std::vector<PstRawBlock>{{kSi, SubnodeBlock(l, 0, {{0x1F, 0, 0}}, 2000)}}; },
+         [=](PstLayout l) {
+             return std::vector<PstRawBlock>{{kSi, SubnodeBlock(l, 0, {{0x1F, 0, 0}}, 2000)}};
+         },
          "subnode block entry count exceeds the block"},
         {"siblock cEnt larger than the block",
-         [=](PstLayout l) { return std::vector<PstRawBlock>{{kSi, SubnodeBlock(l, 1, {{0x1F, kSl}}, 3)}}; },
+         [=](PstLayout l) {
+             return std::vector<PstRawBlock>{{kSi, SubnodeBlock(l, 1, {{0x1F, kSl}}, 3)}};
+         },
          "subnode block entry count exceeds the block"},
         {"an siblock under an siblock is read (levels are not compared)",
          [=](PstLayout l) {
@@ -243,17 +253,17 @@ TEST(NdbGuard, BtreePagesThatLoopOrOverfillEndInAnError) {
 // A chain of intermediate nodes, one entry each, ending in a leaf: deeper than any store's tree. The
 // guard lives in the shared B-tree code, so every tree built on it (heaps too) gets it.
 class ChainLeaf : public btree_node_leaf<uint32_t, uint32_t> {
-public:
+  public:
     const uint32_t& get_key(size_t) const override { return key_; }
     const uint32_t& get_value(size_t) const override { return key_; }
     size_t num_values() const override { return 1; }
 
-private:
+  private:
     uint32_t key_ = 7;
 };
 
 class ChainNonleaf : public btree_node_nonleaf<uint32_t, uint32_t> {
-public:
+  public:
     explicit ChainNonleaf(size_t below) {
         if (below == 0) {
             child_ = std::make_unique<ChainLeaf>();
@@ -265,7 +275,7 @@ public:
     size_t num_values() const override { return 1; }
     const btree_node<uint32_t, uint32_t>* get_child(size_t) const override { return child_.get(); }
 
-private:
+  private:
     uint32_t key_ = 0;
     std::unique_ptr<btree_node<uint32_t, uint32_t>> child_;
 };

@@ -45,9 +45,9 @@ TEST(NdbHeader, VersionAloneDecidesTheLayout) {
         uint16_t version;
         bool unicode;
     };
-    const Case cases[] = {{PstLayout::kAnsi, 14, false},    {PstLayout::kAnsi, 15, false},
-                          {PstLayout::kAnsi, 19, false},    {PstLayout::kUnicode, 20, true},
-                          {PstLayout::kUnicode, 23, true},  {PstLayout::kUnicode, 0xFFFF, true}};
+    const Case cases[] = {{PstLayout::kAnsi, 14, false},   {PstLayout::kAnsi, 15, false},
+                          {PstLayout::kAnsi, 19, false},   {PstLayout::kUnicode, 20, true},
+                          {PstLayout::kUnicode, 23, true}, {PstLayout::kUnicode, 0xFFFF, true}};
     for (const Case& c : cases) {
         PstDescription d = OneNode(c.layout);
         d.version = c.version;
@@ -75,7 +75,8 @@ TEST(NdbHeader, WrongVersionForTheBytesFailsAsUnexpectedFormat) {
     PstDescription a = OneNode(PstLayout::kAnsi);
     a.version = 20;
     TempPstFile ansi_as_unicode(WritePst(a).bytes);
-    EXPECT_EQ(MessageOf<crc_fail>([&] { open_database(ansi_as_unicode.path()); }), "header dwCRCFull failure");
+    EXPECT_EQ(MessageOf<crc_fail>([&] { open_database(ansi_as_unicode.path()); }),
+              "header dwCRCFull failure");
 }
 
 TEST(NdbHeader, CrcFailuresCarryBothValuesAndAreNotRetried) {
@@ -131,7 +132,8 @@ TEST(NdbHeader, FileErrorsPassThrough) {
     TempPstFile short_unicode(unicode.bytes);
     EXPECT_EQ(MessageOf<std::out_of_range>([&] { open_database(short_unicode.path()); }), "fread failed");
 
-    EXPECT_EQ(MessageOf<std::runtime_error>([] { open_database(u"/nonexistent/store.pst"); }), "fopen failed");
+    EXPECT_EQ(MessageOf<std::runtime_error>([] { open_database(u"/nonexistent/store.pst"); }),
+              "fopen failed");
 
     // A seek failure reading the root page passes through too, and a second try then succeeds.
     TempPstFile good(WritePst(OneNode(PstLayout::kUnicode)).bytes);

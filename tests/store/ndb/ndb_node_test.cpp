@@ -32,7 +32,8 @@ PstNode NodeWithSubnodes(uint32_t id, size_t count) {
         const auto sub_id = static_cast<uint32_t>(0x1F + 0x20 * i);
         n.subnodes.push_back({.id = sub_id, .data = PatternBytes(5 + i, sub_id)});
     }
-    n.subnodes[0].subnodes = {{.id = 0x671, .data = PatternBytes(30000, 0x671)}, {.id = 0x692, .data = ToBytes("inner")}};
+    n.subnodes[0].subnodes = {{.id = 0x671, .data = PatternBytes(30000, 0x671)},
+                              {.id = 0x692, .data = ToBytes("inner")}};
     return n;
 }
 
@@ -42,8 +43,9 @@ TEST(NdbNode, SubnodeTreesOfBothLevelsLookUpAndNest) {
         size_t count;
         size_t fanout;  // entries per SLBLOCK/SIBLOCK, 0: full blocks
     };
-    const Case cases[] = {{PstLayout::kUnicode, 1, 0}, {PstLayout::kUnicode, 50, 0}, {PstLayout::kUnicode, 50, 4},
-                          {PstLayout::kUnicode, 341, 0}, {PstLayout::kAnsi, 50, 0},  {PstLayout::kAnsi, 50, 7},
+    const Case cases[] = {{PstLayout::kUnicode, 1, 0},  {PstLayout::kUnicode, 50, 0},
+                          {PstLayout::kUnicode, 50, 4}, {PstLayout::kUnicode, 341, 0},
+                          {PstLayout::kAnsi, 50, 0},    {PstLayout::kAnsi, 50, 7},
                           {PstLayout::kAnsi, 682, 0}};
     for (const Case& c : cases) {
         SCOPED_TRACE("count " + std::to_string(c.count) + " fanout " + std::to_string(c.fanout) +
@@ -53,8 +55,10 @@ TEST(NdbNode, SubnodeTreesOfBothLevelsLookUpAndNest) {
         d.subnode_fanout = c.fanout;
         d.nodes.push_back(NodeWithSubnodes(0x24, c.count));
         const PstImage image = WritePst(d);
-        const bool two_levels = image.Block(image.Node(0x24).subnode_bid).kind == PstBlockRecord::Kind::kSIBlock;
-        EXPECT_EQ(two_levels, c.fanout ? c.count > c.fanout : c.count > (c.layout == PstLayout::kAnsi ? 681u : 340u));
+        const bool two_levels =
+            image.Block(image.Node(0x24).subnode_bid).kind == PstBlockRecord::Kind::kSIBlock;
+        EXPECT_EQ(two_levels,
+                  c.fanout ? c.count > c.fanout : c.count > (c.layout == PstLayout::kAnsi ? 681u : 340u));
         TempPstFile file(image.bytes);
         auto db = open_database(file.path());
         node n = db->lookup_node(0x24);
@@ -134,7 +138,8 @@ TEST(NdbNode, SubnodeBlockReadersCheckTheLevel) {
     EXPECT_NE(db->read_subnode_leaf_block(db, sl), nullptr);
     // The messages name the test the other way round, on purpose.
     EXPECT_EQ(MessageOf<unexpected_block>([&] { db->read_subnode_leaf_block(db, si); }), "psub->level != 0");
-    EXPECT_EQ(MessageOf<unexpected_block>([&] { db->read_subnode_nonleaf_block(db, sl); }), "psub->level == 1");
+    EXPECT_EQ(MessageOf<unexpected_block>([&] { db->read_subnode_nonleaf_block(db, sl); }),
+              "psub->level == 1");
     EXPECT_EQ(db->read_subnode_block(db, block_id{0})->num_values(), 0u);
 }
 
