@@ -2,8 +2,10 @@
 // errors, the cached roots and the in-memory block id counter.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 
+#include "common/little_endian.h"
 #include "kernel/tarnkrn_control.h"
 #include "store/ndb/database.h"
 #include "store/ndb/database_impl.h"
@@ -58,9 +60,8 @@ TEST(NdbHeader, VersionAloneDecidesTheLayout) {
     }
 }
 
-TEST(NdbHeader, WrongVersionForTheBytesFailsAsUnexpectedFormat) {
-    // A Unicode image labelled 19 is tried as ANSI, whose CRC covers other bytes: the ANSI attempt
-    // passes the version test, so its CRC check decides and no Unicode attempt follows.
+TEST(NdbHeader, VersionWinsOverTheBytes) {
+    // A Unicode image labelled 19 is read as ANSI: nothing but the version is asked.
     PstDescription d = OneNode(PstLayout::kUnicode);
     d.version = 19;
     PstImage image = WritePst(d);
@@ -109,6 +110,31 @@ TEST(NdbHeader, CrcFailuresCarryBothValuesAndAreNotRetried) {
             EXPECT_EQ(e.computed(), PstCrc(image.bytes.data() + 8, length));
         }
     }
+}
+
+TEST(NdbHeader, AnsiIsTriedFirstAndOnlyTheWrongVersionMovesOn) {
+    // Each layout's own check: the other layout's version is "Unexpected Database Format".
+    TempPstFile ansi(WritePst(OneNode(PstLayout::kAnsi)).bytes);
+    TempPstFile unicode(WritePst(OneNode(PstLayout::kUnicode)).bytes);
+    EXPECT_EQ(MessageOf<invalid_format>([&] { database_impl<uint64_t> db(ansi.path()); }),
+              "Unexpected Database Format");
+    EXPECT_EQ(MessageOf<invalid_format>([&] { database_impl<uint32_t> db(unicode.path()); }),
+              "Unexpected Database Format");
+
+    // An ANSI store needs one open of the file; a Unicode store a second one (the file is opened anew
+    // for the second attempt), so failing the second open fails only the Unicode store.
+    krnctlFailFileOperation(KRNCTL_OPEN, 2);
+    EXPECT_FALSE(IsUnicode(open_database(ansi.path())));
+    krnctlFailFileOperation(KRNCTL_OPEN, 2);
+    EXPECT_EQ(MessageOf<std::runtime_error>([&] { open_database(unicode.path()); }), "fopen failed");
+
+    // A CRC failure of the ANSI attempt is final: no second open is made.
+    PstImage damaged = WritePst(OneNode(PstLayout::kAnsi));
+    damaged.bytes[40] ^= std::byte{1};
+    TempPstFile bad(damaged.bytes);
+    krnctlFailFileOperation(KRNCTL_OPEN, 2);
+    EXPECT_EQ(MessageOf<crc_fail>([&] { open_database(bad.path()); }), "header dwCRCPartial failure");
+    krnctlReset();
 }
 
 TEST(NdbHeader, MagicIsNotConsulted) {
