@@ -69,11 +69,19 @@ const std::shared_ptr<data_block>& extended_block::get_child_block(size_t index)
         }
         return slot;
     }
+    const block_id key = id & ~block_id{1};
+    if (registry_->ids.count(key) != 0)
+        throw database_corrupt("data tree lists a block twice; its pointers loop");
     // An internal id reads as another extended block; past the depth limit it is refused unread.
     if (is_internal_bid(id) && depth_ >= kMaxExtendedDepth)
         throw database_corrupt("extended blocks nest deeper than any data tree can");
     auto child = db->read_data_block(db, id);
-    if (auto* nested = dynamic_cast<extended_block*>(child.get())) nested->depth_ = depth_ + 1;
+    // Registered only once read, so that a failed read can be retried with the same result.
+    registry_->ids.insert(key);
+    if (auto* nested = dynamic_cast<extended_block*>(child.get())) {
+        nested->depth_ = depth_ + 1;
+        nested->registry_ = registry_;
+    }
     slot = std::move(child);
     return slot;
 }

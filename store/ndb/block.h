@@ -135,6 +135,15 @@ class external_block : public data_block, public std::enable_shared_from_this<ex
     std::vector<std::byte> buffer_;
 };
 
+// Block ids met under one top block (bit 0 ignored, as lookups ignore it), shared by the block and
+// every child it loads, like page_registry (page.h) and for the same reason: a real data tree or
+// subnode tree reaches each of its blocks once, so an id met twice means pointers that loop or repeat.
+// Without it a few blocks that list each other many times could make one read load (and keep)
+// gigabytes from a file of kilobytes.
+struct block_registry {
+    std::unordered_set<block_id> ids;
+};
+
 // An XBLOCK (level 1) or XXBLOCK (level 2): the ids of its children and the children loaded so far.
 class extended_block : public data_block, public std::enable_shared_from_this<extended_block> {
   public:
@@ -150,7 +159,24 @@ class extended_block : public data_block, public std::enable_shared_from_this<ex
           level_(level),
           depth_(depth),
           block_ids_(std::move(child_ids)),
-          m_child_blocks(block_ids_.size()) {}
+          m_child_blocks(block_ids_.size()),
+          registry_(std::make_shared<block_registry>()) {
+        if (info.id != 0) registry_->ids.insert(info.id & ~block_id{1});
+    }
+    // A copy (copy-on-write) keeps the id, which is never written anywhere, and the children loaded so
+    // far, and starts its own record of the blocks it loads.
+    extended_block(const extended_block& other)
+        : data_block(other),
+          std::enable_shared_from_this<extended_block>(),
+          child_max_total_(other.child_max_total_),
+          child_max_pages_(other.child_max_pages_),
+          max_children_(other.max_children_),
+          level_(other.level_),
+          depth_(other.depth_),
+          block_ids_(other.block_ids_),
+          m_child_blocks(other.m_child_blocks),
+          registry_(std::make_shared<block_registry>(*other.registry_)) {}
+    extended_block& operator=(const extended_block&) = delete;
 
     bool is_internal() const override { return true; }
     size_t read_raw(std::byte* destination, size_t size, size_t offset) const override;
@@ -179,21 +205,16 @@ class extended_block : public data_block, public std::enable_shared_from_this<ex
     unsigned depth_;
     std::vector<block_id> block_ids_;
     mutable std::vector<std::shared_ptr<data_block>> m_child_blocks;
+    std::shared_ptr<block_registry> registry_;
 };
 
 // ---- Subnode blocks -----------------------------------------------------------------------------
-
-// Block ids met under one top subnode block, shared like page_registry (page.h) and for the same
-// reason: a real subnode tree reaches each of its blocks once.
-struct block_registry {
-    std::unordered_set<block_id> ids;
-};
 
 class subnode_block : public block, public virtual btree_node<node_id, subnode_info> {
   public:
     subnode_block(const std::shared_ptr<db_context>& db, const block_info& info)
         : block(db, info), registry_(std::make_shared<block_registry>()) {
-        registry_->ids.insert(info.id);
+        if (info.id != 0) registry_->ids.insert(info.id & ~block_id{1});
     }
     bool is_internal() const override { return true; }
 

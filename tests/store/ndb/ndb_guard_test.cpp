@@ -84,7 +84,15 @@ TEST(NdbGuard, DataTreesThatLoopNestOrFallShortEndInAnError) {
          [=](PstLayout l) {
              return std::vector<PstRawBlock>{{kX1, XBlock(l, 1, 100, {kX1}, 1)}};
          },
-         "extended blocks nest deeper than any data tree can"},
+         "data tree lists a block twice; its pointers loop"},
+        {"xblock lists one leaf twice",
+         [=](PstLayout l) {
+             const size_t full = l == PstLayout::kAnsi ? 8180 : 8176;
+             return std::vector<PstRawBlock>{
+                 {kX1, XBlock(l, 1, static_cast<uint32_t>(2 * full), {kLeaf, kLeaf}, 2)},
+                 {kLeaf, PatternBytes(full, 1), true}};
+         },
+         "data tree lists a block twice; its pointers loop"},
         {"three extended levels",
          [=](PstLayout l) {
              return std::vector<PstRawBlock>{{kX1, XBlock(l, 2, 100, {kX2}, 1)},
