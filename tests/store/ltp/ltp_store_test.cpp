@@ -281,7 +281,7 @@ TEST_P(OracleTest, PffexportSeesTheSameFoldersSubjectsBodiesAndAttachments) {
             Seen s;
             std::istringstream headers(Read(item.path() / "OutlookHeaders.txt"));
             for (std::string line; std::getline(headers, line);) {
-                if (line.rfind("Subject:", 0) == 0) s.subject = line.substr(line.find_first_not_of('\t', 8));
+                if (line.rfind("Subject:", 0) == 0) s.subject = line.substr(std::min(line.size(), line.find_first_not_of('\t', 8)));
             }
             if (fs::exists(item.path() / "Message.txt")) s.plain = Lf(Read(item.path() / "Message.txt"));
             if (fs::exists(item.path() / "Message.rtf")) s.rtf = Read(item.path() / "Message.rtf");
