@@ -13,7 +13,7 @@
 // Typical use:
 //
 //     PstDescription d;                      // Unicode, no encoding
-//     d.nodes.push_back({.id = 0x21, .data = Bytes("hello")});
+//     d.nodes.push_back({.id = 0x21, .data = ToBytes("hello")});
 //     PstImage image = WritePst(d);          // bytes plus a map of where everything went
 //     image.Put16(image.Block(image.Node(0x21).data_bid).trailer + 2, 0);   // damage: a signature
 //     TempPstFile file(image.bytes);         // a file on disk the store can open
