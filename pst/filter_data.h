@@ -74,6 +74,14 @@ class FilterDataHolder {
     ~FilterDataHolder() { ReleaseFilterData(record_); }
     FilterDataHolder(const FilterDataHolder&) = delete;
     FilterDataHolder& operator=(const FilterDataHolder&) = delete;
+    FilterDataHolder(FilterDataHolder&& other) noexcept : record_(other.Release()) {}
+    FilterDataHolder& operator=(FilterDataHolder&& other) noexcept {
+        if (this != &other) {
+            ReleaseFilterData(record_);
+            record_ = other.Release();
+        }
+        return *this;
+    }
 
     PstFilterData* get() const { return record_; }
     PstFilterData* Release() {

@@ -1,18 +1,26 @@
 #include "pst/produce.h"
 
 #include "common/status.h"
+#include "pst/composer.h"
 
 namespace tarn {
 
-int32_t ProduceDocument(const char16_t* /*file_name*/, PstFilterData* record, InputKind* kind,
-                        int32_t* message_index, int32_t* body_format, bool /*plain_text*/,
+int32_t ProduceDocument(const char16_t* file_name, PstFilterData* record, InputKind* kind,
+                        int32_t* message_index, int32_t* body_format, bool plain_text,
                         krn_handle /*handle*/) {
     if (record == nullptr || kind == nullptr || message_index == nullptr || body_format == nullptr)
         return kStatusBadArgument;
     switch (*kind) {
-        // The store walk, the message-file reader and the MIME reader land in their own changes;
-        // until then no kind yields a document, and the record keeps its produced kind 388.
-        case kInputPstStore:
+        case kInputPstStore: {
+            if (file_name == nullptr) return kStatusBadArgument;
+            const int32_t status =
+                ProducePstDocument(file_name, record, message_index, body_format, plain_text);
+            if (status != kStatusOk) return status;
+            record->produced_kind = kInputPstStore;
+            return kStatusOk;
+        }
+        // The message-file reader and the MIME reader land in their own changes; until then these
+        // kinds yield no document, and the record keeps its produced kind 388.
         case kInputMessageFile:
         case kInputMimeText:
             return kStatusUnsupported;

@@ -8,6 +8,7 @@
 #include "common/status.h"
 #include "kernel/tarnkrn.h"
 #include "pst/filter_data.h"
+#include "pst/hand_off.h"
 #include "pst/probe.h"
 #include "pst/produce.h"
 
@@ -89,6 +90,8 @@ int32_t Info(InfoRequest* request) {
 
     void* found = nullptr;
     PstFilterData* record = nullptr;
+    FilterDataHolder fresh(nullptr);
+    int32_t document_format = 0;
     if (FindSlotData(request->slot, &found) == kStatusOk) {
         record = static_cast<PstFilterData*>(found);
         if (record->produced_kind == kInputUnsupported || record->produced_kind != kind)
@@ -99,23 +102,64 @@ int32_t Info(InfoRequest* request) {
             FillCallerInfo(request, record, message_index);
             return kStatusOk;
         }
-        // New rendering options need the toolkit's loader to describe the document again, which
-        // arrives with the document hand-off.
-        return kStatusUnsupported;
+        document_format = record->document_format;
+    } else {
+        fresh = FilterDataHolder(NewFilterData());
+        record = fresh.get();
+        if (record == nullptr) return kStatusFailure;
+        record->temp_file_mode = TempFileModeFromKernel();
+        int32_t body_format = kBodyNone;
+        const int32_t status = ProduceDocument(request->file_name, record, &kind, &message_index,
+                                               &body_format, plain_text, request->handle);
+        if (status != kStatusOk) return status;
+        document_format = ChooseDocumentFormat(body_format, plain_text);
+        record->document_format = document_format;
+        record->reported_kind = kind;
     }
 
-    FilterDataHolder fresh(NewFilterData());
-    if (fresh.get() == nullptr) return kStatusFailure;
-    fresh.get()->temp_file_mode = TempFileModeFromKernel();
-    int32_t body_format = kBodyNone;
-    const int32_t status = ProduceDocument(request->file_name, fresh.get(), &kind, &message_index,
-                                           &body_format, plain_text, request->handle);
-    if (status != kStatusOk) return status;
-    fresh.get()->document_format = ChooseDocumentFormat(body_format, plain_text);
-    fresh.get()->reported_kind = kind;
-    // Describing the document and caching the record need the hand-off to the toolkit's loader, which
-    // arrives with it; no kind produces a document before then.
-    return kStatusUnsupported;
+    FileInfo info{};
+    info.size = kFileInfoSize;
+    info.format = document_format;
+    info.flags = kInfoFlagForInfoCall;
+    LoadOptions options{};
+    if (request->load_options != nullptr) options = *request->load_options;
+    options.size = kLoadOptionsSize;
+    ExposeSlotEntry(request->slot, &options, message_index + 1);
+
+    int32_t callback_status = kStatusOk;
+    if (const int32_t status =
+            HandOffInfo(record, request, &info, &options, fresh.get() != nullptr, &callback_status);
+        status != kStatusOk)
+        return status;
+    if (callback_status != kStatusOk) {
+        request->info_status = callback_status;
+        return kStatusInfoCallbackFailed;
+    }
+
+    std::memcpy(record->render_options, request->render_options, sizeof record->render_options);
+    // The loader's own data for this message shares the slot with our record; a slot that cannot take
+    // it costs the loader its cache, not the description.
+    if (info.loader_data != nullptr) {
+        (void)StoreSlotData(request->slot, message_index + 1, info.loader_data, info.loader_data_size,
+                            info.loader_data_count);
+    }
+    record->document_format = info.format;
+    record->page_number = info.page_number;
+    record->total_pages = info.total_pages;
+    record->width = info.width;
+    record->height = info.height;
+    record->x_resolution = info.x_resolution;
+    record->y_resolution = info.y_resolution;
+    record->loader_value_1 = info.loader_value_1;
+    record->loader_value_2 = info.loader_value_2;
+    if (fresh.get() != nullptr) record->reported_kind = kind;
+    if (request->slot != nullptr && fresh.get() != nullptr &&
+        StoreSlotData(request->slot, 0, record, 0, kUseDefaultCount) == kStatusOk) {
+        fresh.Release();  // the slot owns it now, until fltFreeData
+    }
+
+    FillCallerInfo(request, record, message_index);
+    return kStatusOk;  // a record still held by `fresh` is released here
 }
 
 int32_t Load(LoadRequest* request) {
@@ -123,28 +167,38 @@ int32_t Load(LoadRequest* request) {
 
     void* found = nullptr;
     if (FindSlotData(request->slot, &found) == kStatusOk) {
-        // A cached record serves whatever message this request names; loading it needs the hand-off.
-        return kStatusUnsupported;
+        // A cached record serves whatever message this request names: nothing is opened or composed.
+        return HandOffLoad(static_cast<PstFilterData*>(found), request, 0);
     }
 
     KernelFileHandle source(krnOpenFile(request->file_name, 0, 256));
     if (!source.valid()) return kStatusCannotOpen;
     InputKind kind = kInputUnsupported;
     if (int32_t status = ProbeSource(source.get(), &kind); status != kStatusOk) return status;
+    if (kind == kInputUnsupported) return kStatusUnsupported;
 
     FilterDataHolder fresh(NewFilterData());
     if (fresh.get() == nullptr) return kStatusFailure;
-    fresh.get()->temp_file_mode = TempFileModeFromKernel();
+    PstFilterData* record = fresh.get();
+    record->temp_file_mode = TempFileModeFromKernel();
     int32_t message_index = IndexFromMessageNumber(request->message_number);
     int32_t body_format = kBodyNone;
     const bool plain_text = request->plain_text == 1;
-    const int32_t status = ProduceDocument(request->file_name, fresh.get(), &kind, &message_index,
-                                           &body_format, plain_text, source.get());
+    const int32_t status = ProduceDocument(request->file_name, record, &kind, &message_index, &body_format,
+                                           plain_text, source.get());
     if (status != kStatusOk) return status;
-    fresh.get()->document_format = ChooseDocumentFormat(body_format, plain_text);
-    // Handing the document to the toolkit's loader arrives with the hand-off; no kind produces a
-    // document before then.
-    return kStatusUnsupported;
+    record->document_format = ChooseDocumentFormat(body_format, plain_text);
+    if (record->document_format == kDocumentHtml && record->temp_file_mode != 0) {
+        if (const int32_t written = WriteTempHtml(record); written != kStatusOk) {
+            // Deliberately unlike every other failure here: the source stays open and the record is not
+            // released. Callers have long seen exactly this, and nothing is rendered from it.
+            (void)source.Release();
+            (void)fresh.Release();
+            return written;
+        }
+    }
+    source.Close();
+    return HandOffLoad(record, request, message_index);  // the fresh record is released on return
 }
 
 int32_t FreeData(void* record, int32_t keep) {
@@ -158,7 +212,8 @@ int32_t FreeData(void* record, int32_t keep) {
 }  // namespace tarn
 
 // Nothing is caught here: what the store layers throw while a store is opened or counted leaves the
-// entry point, and the toolkit decides what to make of it.
+// entry point, and the toolkit decides what to make of it. Everything the filter holds on that path
+// is owned by a holder, so the unwinding releases it.
 extern "C" int32_t fltInfo(tarn::InfoRequest* request) { return tarn::Info(request); }
 extern "C" int32_t fltLoad(tarn::LoadRequest* request) { return tarn::Load(request); }
 extern "C" int32_t fltFreeData(void* record, int32_t keep) { return tarn::FreeData(record, keep); }

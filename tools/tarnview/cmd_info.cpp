@@ -1,8 +1,6 @@
 // tarnview info: describes a source as the toolkit sees it. It loads the filter library the toolkit
 // would load and calls fltInfo through the toolkit stand-in, so that the exported library itself is
 // what answers.
-#include <dlfcn.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -15,6 +13,7 @@
 #include "kernel/tarnkrn_control.h"
 #include "pst/probe.h"
 #include "tools/tarnview/commands.h"
+#include "tools/tarnview/filter_library.h"
 #include "tools/tarnview/json.h"
 
 namespace tarnview {
@@ -54,13 +53,10 @@ std::optional<Options> Parse(const Args& args) {
                 std::fprintf(stderr, "tarnview info: --message needs a number\n");
                 return std::nullopt;
             }
-            char* end = nullptr;
-            const long value = std::strtol(args[++i].c_str(), &end, 10);
-            if (end == args[i].c_str() || *end != '\0' || value < INT32_MIN || value > INT32_MAX) {
+            if (!ParseMessageNumber(args[++i], &options.message)) {
                 std::fprintf(stderr, "tarnview info: --message: '%s' is not a number\n", args[i].c_str());
                 return std::nullopt;
             }
-            options.message = static_cast<int32_t>(value);
         } else if (a.size() > 1 && a[0] == '-') {
             std::fprintf(stderr, "tarnview info: unknown option '%s' (try --help)\n", a.c_str());
             return std::nullopt;
@@ -76,30 +72,6 @@ std::optional<Options> Parse(const Args& args) {
         return std::nullopt;
     }
     return options;
-}
-
-// The library from the environment when TARNVIEW_FILTER is set, else the one built beside us.
-std::string FilterLibraryPath() {
-    const char* path = std::getenv("TARNVIEW_FILTER");
-    return path != nullptr && *path != '\0' ? path : TARN_FILTER_LIBRARY;
-}
-
-// Looks up the three entry points; the library stays loaded for the life of the process, as the
-// toolkit keeps a filter it has loaded.
-bool LoadFilter(const std::string& path, tarn::host::EntryPoints* entries, std::string* error) {
-    void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
-        *error = dlerror();
-        return false;
-    }
-    entries->info = reinterpret_cast<int32_t (*)(tarn::InfoRequest*)>(dlsym(library, "fltInfo"));
-    entries->load = reinterpret_cast<int32_t (*)(tarn::LoadRequest*)>(dlsym(library, "fltLoad"));
-    entries->free_data = reinterpret_cast<int32_t (*)(void*, int32_t)>(dlsym(library, "fltFreeData"));
-    if (entries->info == nullptr || entries->load == nullptr || entries->free_data == nullptr) {
-        *error = path + ": does not export fltInfo, fltLoad and fltFreeData";
-        return false;
-    }
-    return true;
 }
 
 }  // namespace

@@ -18,6 +18,9 @@ struct Command {
 const Command kCommands[] = {
     {"info", tarnview::RunInfo, "info FILE [--message N] [--json]   describe a source as the toolkit sees it"},
     {"dump", tarnview::RunDump, "dump FILE [--json]                 a PST's header and every node"},
+    {"render", tarnview::RunRender,
+     "render FILE [--message N] [--text] [-o OUT]   write the document the toolkit's loader receives"},
+    {"list", tarnview::RunList, "list FILE [--json]                 a PST's messages in the filter's order"},
     {"cfb", tarnview::RunCfb, "cfb FILE [PATH] [--json]           a compound file's directory, or a stream"},
 };
 

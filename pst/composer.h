@@ -1,0 +1,41 @@
+// Composing one PST message into its MessageDocument, and the record's document out of the target's.
+#ifndef TARN_PST_COMPOSER_H_
+#define TARN_PST_COMPOSER_H_
+
+#include <cstdint>
+#include <string>
+
+#include "pst/filter_data.h"
+#include "pst/message_model.h"
+#include "pst/render/message_document.h"
+
+namespace tarn {
+
+// The subject of the calendar's own free/busy message, which never takes a page.
+inline constexpr char16_t kLocalFreebusySubject[] = u"LocalFreebusy";
+
+// Reads the message's bodies into `entry` (plain text, then HTML, then compressed RTF; the last present
+// sets *body_format and, for HTML and RTF, the document) and, for the target, its header fields. 1; 2
+// for a "LocalFreebusy" message, which is skipped; the decompressor's status when the RTF body is
+// malformed; -1 when memory runs out. Store errors propagate to the walk.
+int32_t ComposeMessage(PstMessage& message, MessageDocument& entry, bool is_target, int32_t* body_format,
+                       PstFilterData* record);
+
+// Puts the header block into the target's body. The header block arrives in a later change; until then
+// it adds nothing and succeeds.
+int32_t BuildLocalizedHeader(MessageDocument& entry, int32_t body_format);
+
+// Moves the target's body into record->document: the HTML wrapped in "<html>" and "</html>", the RTF as
+// it is, or with `plain_text` the text body behind the bytes FF FE (which the length does not count).
+// -9 when the body is absent, -1 when the header cannot be added or the buffer cannot grow.
+int32_t AssemblePstDocument(MessageDocument& entry, int32_t* body_format, bool plain_text,
+                            PstFilterData* record);
+
+// ProduceDocument for a PST: opens the store, counts and clamps, walks to the message and assembles
+// it. Errors while the store is opened or counted are not caught.
+int32_t ProducePstDocument(const char16_t* file_name, PstFilterData* record, int32_t* message_index,
+                           int32_t* body_format, bool plain_text);
+
+}  // namespace tarn
+
+#endif  // TARN_PST_COMPOSER_H_

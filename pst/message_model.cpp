@@ -1,0 +1,140 @@
+#include "pst/message_model.h"
+
+#include <algorithm>
+#include <ctime>
+#include <stdexcept>
+#include <string_view>
+#include <vector>
+
+#include "common/status.h"
+#include "store/ltp/prop_stream.h"
+
+namespace tarn {
+namespace {
+
+// Windows file times count 100-nanosecond intervals from 1601-01-01; this many of them lie before
+// 1970-01-01.
+constexpr uint64_t kFileTimeUnixEpoch = 0x019DB1DED53E8000;
+constexpr uint64_t kFileTimeTicksPerSecond = 10'000'000;
+constexpr size_t kSentTimeCapacity = 100;
+constexpr size_t kSubmitTimeBytes = 8;
+
+constexpr uint32_t kImportanceLow = 0;
+constexpr uint32_t kImportanceHigh = 2;
+// The English row of the header labels. The header block brings the labels of every language and the
+// kernel's choice among them; until then the importance labels read in English whatever the language.
+constexpr std::string_view kHighLabel = "High";
+constexpr std::string_view kLowLabel = "Low";
+
+// Appends to a counted string that has no terminator of its own.
+int32_t AppendBytes(CountedString& slot, std::string_view bytes) {
+    if (bytes.empty()) return kStatusOk;
+    GrowBuffer buffer;
+    if (buffer.Init(slot.size() + bytes.size(), 0) != kStatusOk) return kStatusFailure;
+    if (slot.size() != 0 && buffer.Append(slot.data(), slot.size()) != kStatusOk) return kStatusFailure;
+    if (buffer.Append(bytes) != kStatusOk) return kStatusFailure;
+    buffer.MoveInto(slot);
+    return kStatusOk;
+}
+
+}  // namespace
+
+uint32_t PstMessage::AttachmentCount() {
+    const ltp::table* attachments = AttachmentTable();
+    return attachments != nullptr ? attachments->size() : 0;
+}
+
+ltp::const_table_row PstMessage::Attachment(uint32_t row) {
+    const ltp::table* attachments = AttachmentTable();
+    if (attachments == nullptr || row >= attachments->size()) throw std::out_of_range("attachment row");
+    return (*attachments)[row];
+}
+
+const ltp::table* PstMessage::AttachmentTable() {
+    if (!attachments_opened_) {
+        attachments_opened_ = true;
+        // A message without the subnode simply has no attachments; looking it up is the only way to know.
+        try {
+            attachments_.emplace(properties_.get_node().lookup(kAttachmentTableSubnode));
+        } catch (const ndb::key_not_found<ndb::node_id>&) {
+        }
+    }
+    return attachments_ ? &*attachments_ : nullptr;
+}
+
+std::u16string ReadSubject(const ltp::const_property_object& message) {
+    if (!message.prop_exists(kPropSubject)) return u"No Subject";
+    std::u16string subject = message.read_wstring(kPropSubject);
+    if (!subject.empty() && subject[0] == 0x0001) {
+        // The marker's second unit is the prefix length; a value without it is damage.
+        if (subject.size() < 2) throw std::out_of_range("subject prefix marker without its length");
+        subject.erase(0, 2);
+    }
+    return subject;
+}
+
+void ReadStringField(const ltp::const_property_object& message, ltp::prop_id id, CountedString& slot) {
+    if (!message.prop_exists(id)) return;
+    const std::u16string text = message.read_wstring(id);
+    // A conversion that yields nothing leaves the slot empty, which shows as no header line.
+    (void)AssignUtf8(slot, text.data(), text.size());
+}
+
+int32_t FormatSentTime(uint64_t file_time, CountedString& slot) {
+    slot.Release();
+    // Unsigned on purpose: a time before 1970 wraps to a far future rather than failing.
+    const uint64_t seconds = (file_time - kFileTimeUnixEpoch) / kFileTimeTicksPerSecond;
+    const auto when = static_cast<std::time_t>(seconds);
+    std::tm local{};
+    if (localtime_r(&when, &local) == nullptr) return kStatusFormatFailure;
+    char text[kSentTimeCapacity];
+    const size_t length = std::strftime(text, sizeof text, "%a %b %d, %Y %I:%M %p", &local);
+    if (length == 0) return kStatusFormatFailure;
+    return AssignBytes(slot, text, length);
+}
+
+int32_t ImportanceText(uint32_t value, CountedString& slot) {
+    if (value == kImportanceLow) return AppendBytes(slot, kLowLabel);
+    if (value == kImportanceHigh) return AppendBytes(slot, kHighLabel);
+    return kStatusOk;
+}
+
+void ReadHeaderFields(const ltp::const_property_object& message, MessageDocument& record) {
+    ReadStringField(message, kPropSenderName, record.header[kSlotFrom]);
+    ReadStringField(message, kPropDisplayTo, record.header[kSlotTo]);
+    ReadStringField(message, kPropDisplayCc, record.header[kSlotCc]);
+    ReadStringField(message, kPropDisplayBcc, record.header[kSlotBcc]);
+    if (message.prop_exists(kPropSubmitTime)) {
+        const std::vector<std::byte> value = message.get_value_variable(kPropSubmitTime);
+        // Any other length is not a file time; Sent then stays empty.
+        if (value.size() == kSubmitTimeBytes)
+            (void)FormatSentTime(LoadLe64(value.data()), record.header[kSlotSent]);
+    }
+    if (message.prop_exists(kPropImportance))
+        (void)ImportanceText(message.get_value_4(kPropImportance), record.header[kSlotImportance]);
+}
+
+int32_t ReadWholeStream(const ltp::const_property_object& object, ltp::prop_id id, CountedString& target) {
+    ltp::hnid_stream_device device = object.open_prop_stream(id);
+    const uint64_t size = device.size();
+    ltp::prop_stream in(device);
+    if (size > kMaxBufferBytes) return kStatusFailure;
+    if (size == 0) {
+        target.Release();
+        return kStatusOk;
+    }
+    GrowBuffer buffer;
+    if (buffer.Init(static_cast<size_t>(size), 0) != kStatusOk) return kStatusFailure;
+    std::vector<char> piece(64 * 1024);
+    while (buffer.length() < size) {
+        in.read(piece.data(),
+                static_cast<std::streamsize>(std::min<uint64_t>(piece.size(), size - buffer.length())));
+        const std::streamsize got = in.gcount();
+        if (got <= 0) break;
+        if (buffer.Append(piece.data(), static_cast<size_t>(got)) != kStatusOk) return kStatusFailure;
+    }
+    buffer.MoveInto(target);
+    return kStatusOk;
+}
+
+}  // namespace tarn

@@ -1,0 +1,119 @@
+#include "pst/message_walk.h"
+
+#include <exception>
+#include <limits>
+#include <new>
+#include <string>
+
+#include "common/status.h"
+#include "kernel/tarnkrn.h"
+#include "pst/composer.h"
+#include "store/ltp/property_bag.h"
+#include "store/ltp/table.h"
+
+namespace tarn {
+namespace {
+
+bool IsNormalFolder(ndb::node_id id) { return (id & kNidTypeMask) == kNidTypeNormalFolder; }
+
+ndb::node_id ContentsTableOf(ndb::node_id folder) { return (folder & ~kNidTypeMask) | kNidTypeContentsTable; }
+
+// The messages of one folder. Errors propagate to WalkMessages, which ends the folder there.
+int32_t WalkFolder(const ndb::db_ptr& db, ndb::node_id folder, const MessageVisitor& visit) {
+    const ltp::table contents(db->lookup_node(ContentsTableOf(folder)));
+    for (uint32_t row = 0; row < contents.size(); ++row) {
+        PstMessage message(db->lookup_node(contents[row].get_row_id()));
+        const int32_t result = visit(folder, message);
+        if (result != kWalkNext) return result;
+    }
+    return kWalkNext;
+}
+
+}  // namespace
+
+void ReleaseMessageList(MessageList* list) {
+    if (list == nullptr) return;
+    if (list->entries != nullptr) {
+        for (int32_t i = 0; i < list->allocated; ++i) list->entries[i].~MessageDocument();
+        krnUnregisterObject(KRN_OBJECT_ARRAY, list->entries, __LINE__, __FILE__);
+        krnFree(list->entries, __FILE__, __LINE__);
+    }
+    list->~MessageList();
+    krnFree(list, __FILE__, __LINE__);
+}
+
+int32_t CountMessages(const ndb::db_ptr& db, MessageListPtr* list) {
+    int64_t total = 0;
+    uint64_t nodes = 0;
+    for (const ndb::node_info& info : ndb::page_range(db->read_nbt_root())) {
+        ++nodes;
+        if (!IsNormalFolder(info.id)) continue;
+        const ltp::property_bag folder(db->lookup_node(info.id));
+        if (folder.read_wstring(kPropDisplayName) == kFreebusyFolderName) continue;
+        total += folder.get_value_4(kPropContentCount);
+    }
+    if (total < 1) return kStatusBadArgument;
+    // Every message is a node of its own, so a larger total is damage; refused before it allocates.
+    if (static_cast<uint64_t>(total) > nodes || total > std::numeric_limits<int32_t>::max())
+        return kStatusFailure;
+
+    void* head = krnAlloc(1, sizeof(MessageList), __FILE__, __LINE__);
+    if (head == nullptr) return kStatusFailure;
+    MessageListPtr made(new (head) MessageList());
+    const auto count = static_cast<size_t>(total);
+    void* array = krnAlloc(count, sizeof(MessageDocument), __FILE__, __LINE__);
+    if (array == nullptr) return kStatusFailure;
+    if (krnRegisterObject(KRN_OBJECT_ARRAY, array, __LINE__, __FILE__) != kStatusOk) {
+        krnFree(array, __FILE__, __LINE__);
+        return kStatusFailure;
+    }
+    auto* entries = static_cast<MessageDocument*>(array);
+    for (size_t i = 0; i < count; ++i) new (&entries[i]) MessageDocument();
+    made->entries = entries;
+    made->count = static_cast<int32_t>(total);
+    made->allocated = made->count;
+    *list = std::move(made);
+    return kStatusOk;
+}
+
+int32_t WalkMessages(const ndb::db_ptr& db, const MessageVisitor& visit) {
+    try {
+        for (const ndb::node_info& info : ndb::page_range(db->read_nbt_root())) {
+            if (!IsNormalFolder(info.id)) continue;
+            int32_t result = kWalkNext;
+            try {
+                result = WalkFolder(db, info.id, visit);
+            } catch (const std::exception&) {
+                // A damaged folder costs only its own messages; the next folder is read as usual.
+                continue;
+            }
+            if (result == kWalkFinished) return kStatusOk;
+            if (result < kStatusOk) return result;
+        }
+    } catch (const std::exception&) {
+        // The node B-tree itself failed: what was walked stands, and the caller finds what it found.
+    }
+    return kStatusOk;
+}
+
+int32_t SelectMessage(const ndb::db_ptr& db, MessageList& list, int32_t index, int32_t* body_format,
+                      PstFilterData* record) {
+    int32_t running = 0;
+    return WalkMessages(db, [&](ndb::node_id, PstMessage& message) {
+        // Folders that were not counted are walked too; past the list there is nothing to compose into,
+        // and the target, which lies within it, has been passed already.
+        if (running < 0 || running >= list.count) return kWalkFinished;
+        const bool target = running == index;
+        const int32_t result = ComposeMessage(message, list.entries[running], target, body_format, record);
+        if (result < kStatusOk) return result;
+        if (result == kStatusNotPresent) return kWalkNext;
+        if (target) {
+            list.count = index + 1;
+            return kWalkFinished;
+        }
+        ++running;
+        return kWalkNext;
+    });
+}
+
+}  // namespace tarn

@@ -1,0 +1,67 @@
+// Numbering a store's messages and finding the one an index names. Folders come from the node
+// B-tree in node-id order, whatever their place in the folder tree; messages in a folder come in the
+// row order of its contents table. Nothing of the walk is kept between calls.
+#ifndef TARN_PST_MESSAGE_WALK_H_
+#define TARN_PST_MESSAGE_WALK_H_
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "pst/filter_data.h"
+#include "pst/message_model.h"
+#include "pst/render/message_document.h"
+#include "store/ndb/database.h"
+
+namespace tarn {
+
+constexpr uint32_t kNidTypeMask = 0x1F;
+constexpr uint32_t kNidTypeNormalFolder = 0x02;
+constexpr uint32_t kNidTypeContentsTable = 0x0E;
+constexpr ltp::prop_id kPropDisplayName = 0x3001;
+constexpr ltp::prop_id kPropContentCount = 0x3602;
+
+// Folders of this exact name (case-sensitive) hold calendar free/busy items, not pages.
+inline constexpr char16_t kFreebusyFolderName[] = u"Freebusy Data";
+
+// The counted messages and one empty MessageDocument for each. Kernel memory: the header from the
+// allocator, the entries an array registered with the kernel as kind 5. Made by CountMessages, freed by
+// ReleaseMessageList (entries destroyed first).
+struct MessageList {
+    int32_t count = 0;  // lowered by SelectMessage to index + 1 when the target is reached
+    MessageDocument* entries = nullptr;
+    int32_t allocated = 0;  // entries constructed, whatever `count` says later
+};
+
+void ReleaseMessageList(MessageList* list);
+struct MessageListRelease {
+    void operator()(MessageList* list) const { ReleaseMessageList(list); }
+};
+using MessageListPtr = std::unique_ptr<MessageList, MessageListRelease>;
+
+// Sums the content counts of the normal folders whose name is not "Freebusy Data" and makes the list.
+// 1; -13 when the total is below 1; -1 when memory runs out (also for a total larger than the store's
+// node count, which no store can hold: that would be an allocation the file cannot justify).
+// Catches nothing: a folder without a name or count throws the property context's key_not_found.
+int32_t CountMessages(const ndb::db_ptr& db, MessageListPtr* list);
+
+// What a walk visitor answers for a message: a status below 1 ends the walk with it; kWalkNext goes
+// on; kWalkFinished ends the walk with 1.
+constexpr int32_t kWalkNext = kStatusOk;
+constexpr int32_t kWalkFinished = 3;
+using MessageVisitor = std::function<int32_t(ndb::node_id folder, PstMessage& message)>;
+
+// Visits every message of every normal folder ("Freebusy Data" too) in walk order. An error of the
+// standard family thrown while a folder's messages are walked (its contents table, a message, the
+// visitor) ends that folder only; one thrown outside them ends the walk, which then gives 1.
+int32_t WalkMessages(const ndb::db_ptr& db, const MessageVisitor& visit);
+
+// Composes every message up to the one at `index` (running index; skipped messages take none) into the
+// list's entries. 1 (also when the target is never reached: its entry then has no body), or the
+// composer's failure status.
+int32_t SelectMessage(const ndb::db_ptr& db, MessageList& list, int32_t index, int32_t* body_format,
+                      PstFilterData* record);
+
+}  // namespace tarn
+
+#endif  // TARN_PST_MESSAGE_WALK_H_

@@ -1,0 +1,248 @@
+// The folder walk, the message list and the composer on stores made by the fixture writer, seen
+// through the entry points as the toolkit sees them: which message a number selects, what counts,
+// which body wins, and what the loader is handed.
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/apiutils.h"
+#include "common/status.h"
+#include "tests/pst/store_fixture.h"
+#include "tests/support/rtf_writer.h"
+
+namespace tarn::testing {
+namespace {
+
+struct Described {
+    int32_t status = 0;
+    std::string error;
+    int32_t message_count = 0;
+    int32_t index = 0;
+};
+
+// fltInfo with a slot, then the slot released as the toolkit would.
+Described Describe(const std::u16string& path, int32_t message_number) {
+    host::Toolkit toolkit;
+    host::SourceSession session(path);
+    krnctlSetMode(3);
+    KernelFileHandle handle(krnOpenFile(path.c_str(), 0, 256));
+    const host::CallOutcome outcome =
+        host::CallInfo(kLinkedFilter, &session.BuildInfoRequest(handle.get(), message_number));
+    Described d{outcome.status, outcome.error, session.file_info().message_count,
+                session.info_request().message_number};
+    EXPECT_TRUE(session.ReleaseSlot(kLinkedFilter).returned());
+    return d;
+}
+
+std::string Html(const std::string& body) { return "<html>" + body + "</html>"; }
+
+TEST(StoreWalk, CountsNormalFoldersButNotFreebusyData) {
+    ScratchDir dir;
+    struct Case {
+        const char* what;
+        std::vector<StoreFolder> folders;
+        int32_t status;
+        int32_t count;
+    };
+    const StoreMessage m = HtmlMessage("m", "<p>m</p>");
+    const Case cases[] = {
+        {"two folders", {{"Inbox", {m, m}}, {"Sent Items", {m}}}, kStatusOk, 3},
+        {"Freebusy Data is not counted", {{"Inbox", {m, m}}, {"Freebusy Data", {m}}}, kStatusOk, 2},
+        {"a name that differs in case is counted", {{"Inbox", {m}}, {"freebusy data", {m, m}}}, kStatusOk, 3},
+        {"a longer name is counted", {{"Freebusy Data 2", {m}}}, kStatusOk, 1},
+        {"only Freebusy Data", {{"Freebusy Data", {m, m}}}, kStatusBadArgument, 0},
+        {"empty folders", {{"Inbox", {}}}, kStatusBadArgument, 0},
+        {"no folders", {}, kStatusBadArgument, 0},
+    };
+    int n = 0;
+    for (const Case& c : cases) {
+        StoreDescription store;
+        store.folders = c.folders;
+        const Described d = Describe(WriteStore(dir, store, "s" + std::to_string(n++) + ".pst"), 1);
+        EXPECT_EQ(d.status, c.status) << c.what;
+        if (c.status == kStatusOk) {
+            EXPECT_EQ(d.message_count, c.count) << c.what;
+        }
+    }
+}
+
+TEST(StoreWalk, MessageNumbersFollowFolderAndRowOrder) {
+    ScratchDir dir;
+    for (const auto layout : {fixture::PstLayout::kUnicode, fixture::PstLayout::kAnsi}) {
+        SCOPED_TRACE(layout == fixture::PstLayout::kUnicode ? "Unicode" : "ANSI");
+        StoreMessage freebusy = HtmlMessage("LocalFreebusy", "<p>free/busy</p>");
+        StoreDescription store;
+        store.layout = layout;
+        store.encoding = fixture::PstEncoding::kPermute;
+        store.folders = {
+            {"Inbox", {HtmlMessage("a1", "<p>a1</p>"), freebusy, HtmlMessage("a2", "<p>a2</p>")}},
+            {"Archive", {HtmlMessage("b1", "<p>b1</p>")}}};
+        const std::u16string path =
+            WriteStore(dir, store, layout == fixture::PstLayout::kUnicode ? "u.pst" : "a.pst");
+
+        // The skipped message is counted (the folder says 3) but takes no page, so the last number
+        // reaches past the messages there are.
+        struct Case {
+            int32_t number;
+            int32_t status;
+            std::string document;
+            int32_t index;
+        };
+        const Case cases[] = {
+            {1, kStatusOk, Html("<p>a1</p>"), 0}, {2, kStatusOk, Html("<p>a2</p>"), 1},
+            {3, kStatusOk, Html("<p>b1</p>"), 2}, {4, kStatusUnsupported, "", 3},
+            {0, kStatusOk, Html("<p>a1</p>"), 0}, {-7, kStatusOk, Html("<p>a1</p>"), 0},
+            {99, kStatusUnsupported, "", 3},
+        };
+        for (const Case& c : cases) {
+            SCOPED_TRACE("message " + std::to_string(c.number));
+            const Loaded loaded = LoadMessage(path, c.number);
+            EXPECT_EQ(loaded.status, c.status);
+            if (c.status == kStatusOk) {
+                EXPECT_EQ(loaded.document, c.document);
+                EXPECT_EQ(loaded.format, 369);
+            }
+            const Described d = Describe(path, c.number);
+            EXPECT_EQ(d.status, c.status);
+            EXPECT_EQ(d.message_count, c.status == kStatusOk ? 4 : 0);
+            // The clamped index is reported only when a document was produced.
+            EXPECT_EQ(d.index, c.status == kStatusOk ? c.index : c.number);
+        }
+    }
+}
+
+TEST(StoreWalk, FreebusyDataIsWalkedThoughNotCounted) {
+    ScratchDir dir;
+    StoreDescription store;
+    // Folders are walked in node-id order, which the writer gives in description order.
+    store.folders = {{"Freebusy Data", {HtmlMessage("busy", "<p>busy</p>")}},
+                     {"Inbox", {HtmlMessage("i1", "<p>i1</p>"), HtmlMessage("i2", "<p>i2</p>")}}};
+    const std::u16string path = WriteStore(dir, store);
+    EXPECT_EQ(Describe(path, 1).message_count, 2);
+    EXPECT_EQ(LoadMessage(path, 1).document, Html("<p>busy</p>"));
+    EXPECT_EQ(LoadMessage(path, 2).document, Html("<p>i1</p>"));
+    // The count clamps to 2, so i2 can never be reached.
+    EXPECT_EQ(LoadMessage(path, 3).document, Html("<p>i1</p>"));
+}
+
+TEST(StoreWalk, ADamagedFolderCostsOnlyItsOwnMessages) {
+    ScratchDir dir;
+    StoreDescription store;
+    store.folders = {{"Inbox", {HtmlMessage("a1", "<p>a1</p>"), HtmlMessage("a2", "<p>a2</p>")}},
+                     {"Archive", {HtmlMessage("b1", "<p>b1</p>")}}};
+    fixture::StoreMap map;
+    fixture::PstImage image = fixture::WritePst(fixture::DescribeStore(store, &map));
+    // The heap signature of Inbox's contents table: the block's CRC now fails, which the walk catches.
+    const uint32_t contents = (map.folders[0] & ~0x1Fu) | 0x0E;
+    image.Put8(image.Block(image.Node(contents).data_bid).address + 2, 0x00);
+    const std::u16string path = Wide(dir.Write("damaged.pst", image.bytes));
+
+    EXPECT_EQ(LoadMessage(path, 1).document, Html("<p>b1</p>"));
+    EXPECT_EQ(LoadMessage(path, 2).status, kStatusUnsupported);
+    EXPECT_EQ(Describe(path, 1).message_count, 3);
+}
+
+TEST(StoreWalk, StoreErrorsWhileOpeningOrCountingLeaveTheEntryPoints) {
+    ScratchDir dir;
+    // A store header that fails its checks: the error escapes fltInfo and fltLoad, and the host reports
+    // it; the leak check after the test proves the unwinding released record, handle and memory.
+    const std::u16string path = Wide(dir.Write("header.pst", std::string("!BDN") + std::string(600, '\x5A')));
+    const Loaded loaded = LoadMessage(path, 1);
+    EXPECT_FALSE(loaded.error.empty());
+    EXPECT_NE(loaded.error.find("fltLoad: uncaught exception: "), std::string::npos) << loaded.error;
+    const Described d = Describe(path, 1);
+    EXPECT_NE(d.error.find("fltInfo: uncaught exception: "), std::string::npos) << d.error;
+}
+
+TEST(Composer, TheLastPresentBodyWins) {
+    ScratchDir dir;
+    const std::string rtf = "{\\rtf1\\ansi hello}";
+    const Bytes lzfu = AsBytes(CompressedRtf(RtfRuns(RtfLiterals(rtf)), {.raw_size = uint32_t(rtf.size())}));
+    // Stored ("MELA") data with the CRC of 0 that writers give it: the stream check refuses it.
+    const Bytes mela_zero_crc = AsBytes(CompressedRtf(rtf, {.comp_type = 0x414C454D, .crc = 0}));
+    const Bytes mela =
+        AsBytes(CompressedRtf(rtf + std::string(1, '\0') + "after", {.comp_type = 0x414C454D}));
+    const Bytes text = fixture::StoreText(fixture::PstLayout::kUnicode, "hi");  // 68 00 69 00
+
+    struct Case {
+        const char* what;
+        std::optional<Bytes> body, html, rtf;
+        bool plain_text;
+        int32_t status;
+        int32_t format;
+        std::string document;
+    };
+    // "hi" is 68 00 69 00: its final zero byte is taken for a terminator (L = 3), and the mark is not
+    // counted, so the loader is told of FF FE 68 and nothing more. Both kept as they stand.
+    const std::string marked = std::string("\xFF\xFE", 2) + "h";
+    const Case cases[] = {
+        {"HTML only", {}, AsBytes("<p>x</p>"), {}, false, kStatusOk, 369, Html("<p>x</p>")},
+        {"HTML with its own html element is wrapped again",
+         {},
+         AsBytes("<html><p>x</p></html>"),
+         {},
+         false,
+         kStatusOk,
+         369,
+         "<html><html><p>x</p></html></html>"},
+        {"a final NUL of the HTML is dropped",
+         {},
+         AsBytes(std::string("<p>x</p>\0", 9)),
+         {},
+         false,
+         kStatusOk,
+         369,
+         Html("<p>x</p>")},
+        {"RTF over HTML", {}, AsBytes("<p>x</p>"), lzfu, false, kStatusOk, 226, rtf},
+        {"RTF over HTML over text", text, AsBytes("<p>x</p>"), lzfu, false, kStatusOk, 226, rtf},
+        {"HTML over text", text, AsBytes("<p>x</p>"), {}, false, kStatusOk, 369, Html("<p>x</p>")},
+        {"stored RTF is cut at its first NUL", {}, {}, mela, false, kStatusOk, 226, rtf},
+        {"stored RTF with a zero CRC is refused",
+         {},
+         AsBytes("<p>x</p>"),
+         mela_zero_crc,
+         false,
+         kStatusUnsupported,
+         0,
+         ""},
+        {"text only has no document", text, {}, {}, false, kStatusUnsupported, 0, ""},
+        {"no body at all", {}, {}, {}, false, kStatusUnsupported, 0, ""},
+        {"plain text: FF FE and the text, the length not counting the mark", text, AsBytes("<p>x</p>"), lzfu,
+         true, kStatusOk, 316, marked},
+        {"plain text without a text body", {}, AsBytes("<p>x</p>"), {}, true, kStatusUnsupported, 0, ""},
+    };
+    int n = 0;
+    for (const Case& c : cases) {
+        StoreMessage m;
+        m.subject = "s";
+        m.body = c.body;
+        m.html = c.html;
+        m.rtf_compressed = c.rtf;
+        StoreDescription store;
+        store.folders = {{"Inbox", {m}}};
+        const Loaded loaded =
+            LoadMessage(WriteStore(dir, store, "c" + std::to_string(n++) + ".pst"), 1, c.plain_text);
+        EXPECT_EQ(loaded.status, c.status) << c.what;
+        if (c.status != kStatusOk) continue;
+        EXPECT_EQ(loaded.format, c.format) << c.what;
+        EXPECT_EQ(loaded.document, c.document) << c.what;
+    }
+}
+
+TEST(Composer, AMalformedRtfBodyEndsTheWalkForLaterMessages) {
+    ScratchDir dir;
+    StoreMessage broken = HtmlMessage("broken", "<p>x</p>");
+    broken.rtf_compressed = AsBytes(CompressedRtf("abc", {.comp_size = 1}));
+    StoreDescription store;
+    store.folders = {{"Inbox", {HtmlMessage("first", "<p>1</p>"), broken, HtmlMessage("last", "<p>3</p>")}}};
+    const std::u16string path = WriteStore(dir, store);
+    EXPECT_EQ(LoadMessage(path, 1).document, Html("<p>1</p>"));
+    // Every message before the target is composed too, so the broken body stops the walk on its way.
+    EXPECT_EQ(LoadMessage(path, 2).status, kStatusUnsupported);
+    EXPECT_EQ(LoadMessage(path, 3).status, kStatusUnsupported);
+}
+
+}  // namespace
+}  // namespace tarn::testing

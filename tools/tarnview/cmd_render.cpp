@@ -1,0 +1,136 @@
+// tarnview render: loads one page of a message through fltLoad, as the toolkit would, with a loader that
+// writes the document it is handed to a file. What lands in the file is exactly what the toolkit's
+// HTML, RTF or text loader would have laid out.
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+
+#include "common/status.h"
+#include "host/toolkit_host.h"
+#include "kernel/tarnkrn_control.h"
+#include "pst/filter_data.h"
+#include "tools/tarnview/commands.h"
+#include "tools/tarnview/filter_library.h"
+
+namespace tarnview {
+namespace {
+
+// HTML documents stay in memory: a viewer has no use for the filter's temporary files.
+constexpr int32_t kModeInMemory = 3;
+
+struct Options {
+    std::string file;
+    int32_t message = 1;
+    bool text = false;
+    std::string out;
+};
+
+std::optional<Options> Parse(const Args& args) {
+    Options options;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        if (a == "--text") {
+            options.text = true;
+        } else if (a == "--message" || a == "-o") {
+            if (i + 1 >= args.size()) {
+                std::fprintf(stderr, "tarnview render: %s needs a value\n", a.c_str());
+                return std::nullopt;
+            }
+            if (a == "-o") {
+                options.out = args[++i];
+            } else if (!ParseMessageNumber(args[++i], &options.message)) {
+                std::fprintf(stderr, "tarnview render: --message: '%s' is not a number\n", args[i].c_str());
+                return std::nullopt;
+            }
+        } else if (a.size() > 1 && a[0] == '-') {
+            std::fprintf(stderr, "tarnview render: unknown option '%s' (try --help)\n", a.c_str());
+            return std::nullopt;
+        } else if (options.file.empty()) {
+            options.file = a;
+        } else {
+            std::fprintf(stderr, "tarnview render: one FILE only (try --help)\n");
+            return std::nullopt;
+        }
+    }
+    if (options.file.empty()) {
+        std::fprintf(stderr, "tarnview render: FILE is missing (try --help)\n");
+        return std::nullopt;
+    }
+    return options;
+}
+
+const char* Extension(int32_t format) {
+    switch (format) {
+        case tarn::kDocumentHtml:
+            return ".html";
+        case tarn::kDocumentRtf:
+            return ".rtf";
+        default:
+            return ".txt";
+    }
+}
+
+bool IsLoad(tarn::host::LoaderKind kind) {
+    return kind == tarn::host::LoaderKind::kLoadInMemory || kind == tarn::host::LoaderKind::kLoadByName ||
+           kind == tarn::host::LoaderKind::kAltLoadInMemory || kind == tarn::host::LoaderKind::kAltLoadByName;
+}
+
+}  // namespace
+
+int RunRender(const Args& args) {
+    const std::optional<Options> options = Parse(args);
+    if (!options) return 2;
+
+    krnctlSetMode(kModeInMemory);
+    tarn::host::EntryPoints entries;
+    std::string error;
+    if (!LoadFilter(FilterLibraryPath(), &entries, &error)) {
+        std::fprintf(stderr, "tarnview render: cannot load the filter: %s\n", error.c_str());
+        return 1;
+    }
+
+    tarn::host::Toolkit toolkit;
+    tarn::host::SourceSession session(tarn::host::WideFromUtf8(options->file));
+    // No slot: nothing is cached between calls, so this one composes the message itself.
+    tarn::LoadRequest& request =
+        session.BuildLoadRequest(options->message, options->text, /*with_slot=*/false);
+    const tarn::host::CallOutcome outcome = tarn::host::CallLoad(entries, &request);
+    if (!outcome.returned()) {
+        std::fprintf(stderr, "tarnview render: %s: %s\n", options->file.c_str(), outcome.error.c_str());
+        return 1;
+    }
+    if (outcome.status != tarn::kStatusOk) {
+        std::fprintf(stderr, "tarnview render: %s: fltLoad returned %d (%s)\n", options->file.c_str(),
+                     outcome.status, tarn::StatusText(outcome.status));
+        return 1;
+    }
+    const tarn::host::LoaderCall* call = nullptr;
+    for (const auto& c : toolkit.calls())
+        if (IsLoad(c.kind)) call = &c;
+    if (call == nullptr || call->info == nullptr) {
+        std::fprintf(stderr, "tarnview render: %s: the filter called no loader\n", options->file.c_str());
+        return 1;
+    }
+
+    const int32_t format = call->info->format;
+    std::string out = options->out;
+    if (out.empty()) {
+        out = std::filesystem::path(options->file).stem().string() + "-message-" +
+              std::to_string(options->message) + (options->text ? "-text" : "") + Extension(format);
+    }
+    std::ofstream file(out, std::ios::binary | std::ios::trunc);
+    file.write(reinterpret_cast<const char*>(call->document.data()),
+               static_cast<std::streamsize>(call->document.size()));
+    file.close();
+    if (!file) {
+        std::fprintf(stderr, "tarnview render: %s: cannot write\n", out.c_str());
+        return 1;
+    }
+    std::printf("%s: format %d, %zu bytes, by %s\n", out.c_str(), format, call->document.size(),
+                tarn::host::LoaderKindName(call->kind));
+    return 0;
+}
+
+}  // namespace tarnview
