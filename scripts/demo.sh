@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and describes the bundled sample with tarnview, as the toolkit
-# would see it. Usage: scripts/demo.sh [debug|release] [FILE]   (default: release, samples/hello.eml)
+# Installs what is missing, builds, and shows the bundled sample store as the toolkit would see it:
+# its messages, the description of one, and the document the toolkit's loader receives for it.
+# Usage: scripts/demo.sh [debug|release] [FILE]   (default: release, samples/sample.pst)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -9,7 +10,7 @@ case "$preset" in
   debug|release) ;;
   *) echo "demo.sh: preset must be 'debug' or 'release', not '$preset'" >&2; exit 2 ;;
 esac
-sample="${2:-samples/hello.eml}"
+sample="${2:-samples/sample.pst}"
 
 scripts/deps.sh build
 # A build directory of its own, without tests and benchmarks: their packages are not needed here.
@@ -18,15 +19,33 @@ cmake --preset "$preset" -B "$build" -DTARN_BUILD_TESTS=OFF -DTARN_BUILD_BENCH=O
 cmake --build "$build" --target tarnview
 
 [ -f "$sample" ] || { echo "demo.sh: $sample: no such file" >&2; exit 1; }
+tarnview="$build/tools/tarnview"
+
+if [ "$(head -c 4 "$sample")" = '!BDN' ]; then
+  echo "\$ tarnview list $sample"
+  "$tarnview" list "$sample"
+  echo
+fi
+
 echo "\$ tarnview info $sample"
 # tarnview exits 1 both when the filter declines the source and when it cannot do its own work; only
 # the first prints a report with the filter's status, and only that one is an honest demo result.
 status=0
-report="$("$build/tools/tarnview" info "$sample" 2>&1)" || status=$?
+report="$("$tarnview" info "$sample" 2>&1)" || status=$?
 printf '%s\n' "$report"
 if [ "$status" -eq 1 ] && grep -q '^status ' <<<"$report"; then
   echo "(the filter produced no document for this source yet; the status line says why)"
+  exit 0
 elif [ "$status" -ne 0 ]; then
   echo "demo.sh: tarnview failed with exit status $status" >&2
   exit "$status"
 fi
+
+# The first message's document, exactly as the toolkit's loader is handed it.
+out="$build/demo-message-1"
+echo
+echo "\$ tarnview render $sample --message 1 -o $out.html"
+"$tarnview" render "$sample" --message 1 -o "$out.html"
+echo "--- $out.html"
+cat "$out.html"
+echo
