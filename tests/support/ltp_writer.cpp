@@ -31,12 +31,13 @@ uint64_t Get(const Bytes& bytes, size_t width) {
 size_t RoundUp2(size_t n) { return (n + 1) & ~size_t{1}; }
 
 // A value too big for the heap, or forced out of it, becomes a subnode of its own.
-uint32_t StoreValue(HeapWriter& heap, const Bytes& value, bool in_subnode, uint32_t& next_subnode,
+// Takes the value: a large one moves into its subnode without a copy.
+uint32_t StoreValue(HeapWriter& heap, Bytes value, bool in_subnode, uint32_t& next_subnode,
                     std::vector<PstSubnode>& subnodes) {
     if (value.empty() && !in_subnode) return 0;
     if (!in_subnode && value.size() <= kMaxHeapAllocation) return heap.Allocate(value);
     const uint32_t id = (next_subnode++ << 5) | 0x1F;
-    subnodes.push_back({.id = id, .data = value});
+    subnodes.push_back({.id = id, .data = std::move(value)});
     return id;
 }
 
@@ -177,10 +178,10 @@ LtpNodeData WritePropertyContext(PstLayout layout, std::vector<PcProperty> prope
     HeapWriter heap(layout, options.client_sig);
     LtpNodeData out;
     std::vector<BthRecord> records;
-    for (const PcProperty& p : properties) {
+    for (PcProperty& p : properties) {
         const uint32_t stored = IsInlineType(p.type) && !p.in_subnode
                                     ? static_cast<uint32_t>(Get(p.value, 4))
-                                    : StoreValue(heap, p.value, p.in_subnode, next, out.subnodes);
+                                    : StoreValue(heap, std::move(p.value), p.in_subnode, next, out.subnodes);
         Bytes entry;
         Append(entry, p.type, 2);
         Append(entry, stored, 4);
@@ -320,8 +321,11 @@ Bytes Le(uint64_t value, size_t width) {
 }
 
 Bytes Utf16(std::u16string_view text) {
-    Bytes out;
-    for (char16_t c : text) Append(out, c, 2);
+    Bytes out(text.size() * 2);
+    for (size_t i = 0; i < text.size(); ++i) {
+        out[2 * i] = static_cast<std::byte>(text[i] & 0xFF);
+        out[2 * i + 1] = static_cast<std::byte>(text[i] >> 8);
+    }
     return out;
 }
 

@@ -35,7 +35,7 @@ Bytes EntryId(uint32_t nid) {
 
 class Builder {
 public:
-    Builder(const StoreDescription& d, StoreMap& map) : d_(d), map_(map) {
+    Builder(StoreDescription& d, StoreMap& map, bool consume) : d_(d), map_(map), consume_(consume) {
         string_type_ = d.layout == PstLayout::kUnicode ? 0x001F : 0x001E;
     }
 
@@ -78,13 +78,11 @@ public:
         uint32_t message_index = kFirstMessageIndex;
         for (size_t f = 0; f < d_.folders.size(); ++f) {
             std::vector<uint32_t> ids;
-            for (const StoreMessage& m : d_.folders[f].messages) {
-                const uint32_t nid = Nid(message_index++, 4);
-                ids.push_back(nid);
-                AddMessage(nid, map_.folders[f], m);
-            }
+            for (size_t k = 0; k < d_.folders[f].messages.size(); ++k) ids.push_back(Nid(message_index++, 4));
             map_.messages.push_back(ids);
+            // The folder's tables first: they read the messages' sizes, which consuming empties.
             AddFolder(map_.folders[f], map_.ipm_subtree, d_.folders[f].name, {}, &d_.folders[f].messages);
+            for (size_t k = 0; k < ids.size(); ++k) AddMessage(ids[k], map_.folders[f], d_.folders[f].messages[k]);
         }
         return out;
     }
@@ -165,12 +163,13 @@ private:
         return static_cast<uint32_t>(size);
     }
 
-    void AddMessage(uint32_t id, uint32_t folder, const StoreMessage& m) {
+    void AddMessage(uint32_t id, uint32_t folder, StoreMessage& m) {
         uint32_t next = 0x100;
+        const uint32_t size = MessageSize(m);
         std::vector<PcProperty> props = {
             {0x001A, string_type_, Text(m.message_class)},
             {0x0E07, kLong, Le(1, 4)},
-            {0x0E08, kLong, Le(MessageSize(m), 4)},
+            {0x0E08, kLong, Le(size, 4)},
             {0x0E1B, kBoolean, Le(m.attachments.empty() ? 0 : 1, 1)},
             {0x0017, kLong, Le(m.importance.value_or(1), 4)},
         };
@@ -186,12 +185,12 @@ private:
             props.push_back({0x0039, kSysTime, Le(*m.submit_time, 8)});
             props.push_back({0x0E06, kSysTime, Le(*m.submit_time, 8)});
         }
-        if (m.body) props.push_back({0x1000, string_type_, *m.body});
+        if (m.body) props.push_back({0x1000, string_type_, Take(*m.body)});
         if (m.html) {
-            props.push_back({0x1013, kBinary, *m.html});
+            props.push_back({0x1013, kBinary, Take(*m.html)});
             props.push_back({0x3FDE, kLong, Le(65001, 4)});
         }
-        if (m.rtf_compressed) props.push_back({0x1009, kBinary, *m.rtf_compressed});
+        if (m.rtf_compressed) props.push_back({0x1009, kBinary, Take(*m.rtf_compressed)});
         LtpNodeData pc = WritePropertyContext(d_.layout, std::move(props), {.next_subnode = &next});
 
         // Recipient table: columns only (the display properties carry the names).
@@ -203,19 +202,20 @@ private:
         if (!m.attachments.empty()) {
             std::vector<TcRow> rows;
             for (size_t a = 0; a < m.attachments.size(); ++a) {
-                const StoreAttachment& at = m.attachments[a];
+                StoreAttachment& at = m.attachments[a];
+                const size_t data_size = at.data.size();
                 const uint32_t aid = Nid(0x400 + static_cast<uint32_t>(a), 5);
                 uint32_t inner = 0x100;
                 LtpNodeData apc = WritePropertyContext(d_.layout, {
-                    {0x0E20, kLong, Le(at.data.size(), 4)},
-                    {0x3701, kBinary, at.data},
+                    {0x0E20, kLong, Le(data_size, 4)},
+                    {0x3701, kBinary, Take(at.data)},
                     {0x3704, string_type_, Text(at.short_name)},
                     {0x3705, kLong, Le(1, 4)},
                     {0x3707, string_type_, Text(at.long_name)},
                     {0x370B, kLong, Le(0xFFFFFFFF, 4)},
                 }, {.next_subnode = &inner});
                 pc.subnodes.push_back({.id = aid, .data = std::move(apc.data), .subnodes = std::move(apc.subnodes)});
-                rows.push_back({aid, {{0x0E20, Le(at.data.size(), 4)}, {0x3704, Text(at.short_name)},
+                rows.push_back({aid, {{0x0E20, Le(data_size, 4)}, {0x3704, Text(at.short_name)},
                                       {0x3705, Le(1, 4)}, {0x3707, Text(at.long_name)}, {0x370B, Le(0xFFFFFFFF, 4)}}});
             }
             LtpNodeData table = WriteTableContext(d_.layout,
@@ -228,8 +228,12 @@ private:
         nodes_->push_back({.id = id, .parent = folder, .data = std::move(pc.data), .subnodes = std::move(pc.subnodes)});
     }
 
-    const StoreDescription& d_;
+    // Moves a value out of the description when consuming it, else copies it.
+    Bytes Take(Bytes& value) const { return consume_ ? std::move(value) : value; }
+
+    StoreDescription& d_;
     StoreMap& map_;
+    bool consume_;
     uint16_t string_type_;
     std::vector<PstNode>* nodes_ = nullptr;
 };
@@ -267,7 +271,15 @@ PstDescription DescribeStore(const StoreDescription& store, StoreMap* map) {
     StoreMap local;
     StoreMap& m = map ? *map : local;
     m = StoreMap{};
-    return Builder(store, m).Build();
+    // Not consuming: the description is only read.
+    return Builder(const_cast<StoreDescription&>(store), m, false).Build();
+}
+
+PstDescription DescribeStore(StoreDescription&& store, StoreMap* map) {
+    StoreMap local;
+    StoreMap& m = map ? *map : local;
+    m = StoreMap{};
+    return Builder(store, m, true).Build();
 }
 
 }  // namespace tarn::fixture

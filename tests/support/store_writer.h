@@ -65,6 +65,9 @@ inline constexpr uint32_t kAttachmentTableSubnode = 0x671;
 inline constexpr uint32_t kRecipientTableSubnode = 0x692;
 
 PstDescription DescribeStore(const StoreDescription& store, StoreMap* map = nullptr);
+// The same, moving bodies and attachment data out of `store` instead of copying them (for stores of
+// gigabytes); `store` keeps its folders and messages, with those values emptied.
+PstDescription DescribeStore(StoreDescription&& store, StoreMap* map = nullptr);
 
 // The store's string bytes of UTF-8 text: UTF-16LE in a Unicode store, the bytes themselves in ANSI.
 Bytes StoreText(PstLayout layout, const std::string& utf8);
