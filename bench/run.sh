@@ -43,7 +43,30 @@ bench_ndb() {
   "$build/bench/ndb_bench" --benchmark_min_time=3
 }
 
-all=(cfb ndb)
+# Mean wall time of a command over $1 runs, in milliseconds; its output is discarded.
+mean_ms() {
+  local runs="$1" start end
+  shift
+  start=$(date +%s%N)
+  for ((i = 0; i < runs; i++)); do "$@" >/dev/null 2>&1; done
+  end=$(date +%s%N)
+  echo $(( (end - start) / runs / 1000000 ))
+}
+
+bench_pst() {
+  build_target pst_bench tarnview
+  local file out
+  file="$(largest "$shared/corpus/pst" pst)"
+  out="$(mktemp -d)"
+  echo "== pst: fltInfo + fltLoad of the last message of $(basename "$file") ($(stat -c %s "$file") bytes)"
+  TARN_BENCH_PST="$file" "$build/bench/pst_bench" --benchmark_min_time=3
+  echo "tarnview list:       $(mean_ms 5 "$build/tools/tarnview" list "$file") ms per run (mean of 5)"
+  echo "readpst -D -r:       $(mean_ms 5 sh -c "rm -rf '$out/r' && mkdir '$out/r' && readpst -q -D -r -o '$out/r' '$file'") ms per run (mean of 5)"
+  echo "pffexport -m items:  $(mean_ms 5 sh -c "rm -rf '$out/p'* && pffexport -q -f all -m items -t '$out/p' '$file'") ms per run (mean of 5)"
+  rm -rf "$out"
+}
+
+all=(cfb ndb pst)
 for name in "${@:-${all[@]}}"; do
   "bench_$name"
 done
