@@ -1,6 +1,7 @@
 // Writes samples/sample.pst, the small store the demo renders: two folders, messages with an HTML, a
 // compressed-RTF and a plain-text body, header fields and an attachment. Made with the fixture writer
-// so that every byte of it is ours. Usage: make_sample_store OUT.pst
+// so that every byte of it is ours. Usage: make_sample_store [--ansi] OUT.pst (--ansi: the 8-bit layout,
+// which the fuzz seeds use besides the sample itself).
 #include <cstdio>
 #include <fstream>
 #include <string>
@@ -18,16 +19,18 @@ Bytes AsBytes(std::string_view text) {
 }
 
 // 2026-03-02 09:15 UTC and a few days later, as Windows file times.
-constexpr uint64_t FileTime(int64_t unix_seconds) { return static_cast<uint64_t>(unix_seconds + 11644473600LL) * 10'000'000u; }
+constexpr uint64_t FileTime(int64_t unix_seconds) {
+    return static_cast<uint64_t>(unix_seconds + 11644473600LL) * 10'000'000u;
+}
 
-StoreDescription Sample() {
+StoreDescription Sample(PstLayout layout) {
     StoreMessage welcome;
     welcome.subject = "Welcome to Tarnpst";
     welcome.sender_name = "Tarnpst Team";
     welcome.display_to = "Ada Lovelace";
     welcome.submit_time = FileTime(1772442900);
     welcome.importance = 2;
-    welcome.body = StoreText(PstLayout::kUnicode, "Welcome! This store was written by our fixture writer.\r\n");
+    welcome.body = StoreText(layout, "Welcome! This store was written by our fixture writer.\r\n");
     welcome.html = AsBytes(
         "<body><h1>Welcome</h1><p>This store was written byte by byte by Tarnpst's own fixture writer. "
         "The filter walks its folders, picks this message and hands its document to the toolkit.</p></body>");
@@ -41,9 +44,10 @@ StoreDescription Sample() {
     minutes.display_to = "Ada Lovelace";
     minutes.display_cc = "Analytical Engine Team";
     minutes.submit_time = FileTime(1772530200);
-    minutes.body = StoreText(PstLayout::kUnicode, "Minutes of the Monday meeting.\r\n");
-    minutes.rtf_compressed = AsBytes(tarn::testing::CompressedRtf(
-        tarn::testing::RtfRuns(tarn::testing::RtfLiterals(rtf)), {.raw_size = static_cast<uint32_t>(rtf.size())}));
+    minutes.body = StoreText(layout, "Minutes of the Monday meeting.\r\n");
+    minutes.rtf_compressed =
+        AsBytes(tarn::testing::CompressedRtf(tarn::testing::RtfRuns(tarn::testing::RtfLiterals(rtf)),
+                                             {.raw_size = static_cast<uint32_t>(rtf.size())}));
 
     StoreMessage note;
     note.subject = "Plain text only";
@@ -51,7 +55,7 @@ StoreDescription Sample() {
     note.display_to = "Charles Babbage";
     note.submit_time = FileTime(1772616600);
     note.importance = 0;
-    note.body = StoreText(PstLayout::kUnicode, "A note with a plain-text body and nothing else.\r\n");
+    note.body = StoreText(layout, "A note with a plain-text body and nothing else.\r\n");
     note.attachments = {{"notes.txt", "NOTES.TXT", AsBytes("attached notes\r\n")}};
 
     StoreMessage sent;
@@ -62,6 +66,7 @@ StoreDescription Sample() {
     sent.html = AsBytes("<p>Thank you, the <b>demo</b> works.</p>");
 
     StoreDescription store;
+    store.layout = layout;
     store.encoding = PstEncoding::kPermute;
     store.folders = {{"Inbox", {welcome, minutes, note}}, {"Sent Items", {sent}}};
     return store;
@@ -70,16 +75,19 @@ StoreDescription Sample() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        std::fprintf(stderr, "usage: make_sample_store OUT.pst\n");
+    const bool ansi = argc == 3 && std::string(argv[1]) == "--ansi";
+    if (argc != 2 && !ansi) {
+        std::fprintf(stderr, "usage: make_sample_store [--ansi] OUT.pst\n");
         return 2;
     }
-    const PstImage image = WritePst(DescribeStore(Sample()));
-    std::ofstream out(argv[1], std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(image.bytes.data()), static_cast<std::streamsize>(image.bytes.size()));
+    const char* path = argv[argc - 1];
+    const PstImage image = WritePst(DescribeStore(Sample(ansi ? PstLayout::kAnsi : PstLayout::kUnicode)));
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(image.bytes.data()),
+              static_cast<std::streamsize>(image.bytes.size()));
     out.close();
     if (!out) {
-        std::fprintf(stderr, "make_sample_store: %s: cannot write\n", argv[1]);
+        std::fprintf(stderr, "make_sample_store: %s: cannot write\n", path);
         return 1;
     }
     return 0;
