@@ -11,7 +11,6 @@ namespace tarn::ndb::tables {
 extern const std::array<uint8_t, 256> kMpbbR;
 extern const std::array<uint8_t, 256> kMpbbS;
 extern const std::array<uint8_t, 256> kMpbbI;
-extern const std::array<uint32_t, 256> kCrcTable;
 
 }  // namespace tarn::ndb::tables
 
