@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <limits>
 #include <string>
 
@@ -51,5 +52,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         tarn::host::CallLoad(kFilter, &session.BuildLoadRequest(1, /*plain_text=*/true, /*with_slot=*/false));
     }
     std::remove(InputPath().c_str());
+    // The fuzzer itself must stop at a leak, not only the replay of committed inputs.
+    if (const size_t length = krnctlLeakReport(nullptr, 0); length != 0) {
+        std::string report(length + 1, '\0');
+        krnctlLeakReport(report.data(), report.size());
+        std::fprintf(stderr, "kernel leak report not empty:\n%s", report.c_str());
+        std::abort();
+    }
     return 0;
 }
