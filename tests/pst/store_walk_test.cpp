@@ -9,6 +9,9 @@
 
 #include "common/apiutils.h"
 #include "common/status.h"
+#include "pst/composer.h"
+#include "pst/message_walk.h"
+#include "store/ndb/database.h"
 #include "tests/pst/store_fixture.h"
 #include "tests/support/rtf_writer.h"
 
@@ -154,6 +157,58 @@ TEST(StoreWalk, StoreErrorsWhileOpeningOrCountingLeaveTheEntryPoints) {
     EXPECT_NE(loaded.error.find("fltLoad: uncaught exception: "), std::string::npos) << loaded.error;
     const Described d = Describe(path, 1);
     EXPECT_NE(d.error.find("fltInfo: uncaught exception: "), std::string::npos) << d.error;
+
+    // A folder whose property context lacks its name or its count: the count does not catch the
+    // property context's missing-key error, and neither do the entry points.
+    const std::vector<fixture::PcProperty> without_name = {{0x3602, 0x0003, fixture::Le(1, 4)}};
+    const std::vector<fixture::PcProperty> without_count = {{0x3001, 0x001F, fixture::Utf16("Inbox")}};
+    int n = 0;
+    for (const auto& properties : {without_name, without_count}) {
+        StoreDescription store;
+        store.folders = {{"Inbox", {HtmlMessage("m", "<p>m</p>")}}};
+        fixture::StoreMap map;
+        fixture::PstDescription description = fixture::DescribeStore(store, &map);
+        for (fixture::PstNode& node : description.nodes) {
+            if (node.id == map.folders[0])
+                node.data = fixture::WritePropertyContext(store.layout, properties).data;
+        }
+        const std::u16string damaged =
+            Wide(dir.Write("folder" + std::to_string(n++) + ".pst", fixture::WritePst(description).bytes));
+        EXPECT_EQ(Describe(damaged, 1).error, "fltInfo: uncaught exception: key not found");
+        EXPECT_EQ(LoadMessage(damaged, 1).error, "fltLoad: uncaught exception: key not found");
+    }
+}
+
+TEST(StoreWalk, TheListAndWhatTheWalkLeavesInIt) {
+    ScratchDir dir;
+    StoreMessage first = HtmlMessage("first", "<p>1</p>");
+    first.sender_name = "Ann";
+    StoreMessage second = HtmlMessage("second", "<p>2</p>");
+    second.sender_name = "Bob";
+    StoreDescription store;
+    store.folders = {{"Inbox", {first, second, HtmlMessage("third", "<p>3</p>")}}};
+    const ndb::db_ptr db = ndb::open_database(WriteStore(dir, store));
+
+    MessageListPtr list;
+    ASSERT_EQ(CountMessages(db, &list), kStatusOk);
+    ASSERT_EQ(list->count, 3);
+    std::string report(krnctlLeakReport(nullptr, 0) + 1, '\0');
+    krnctlLeakReport(report.data(), report.size());
+    EXPECT_NE(report.find("object of kind 5"), std::string::npos) << "the entries are registered as an array";
+
+    FilterDataHolder record(NewFilterData());
+    int32_t body_format = kBodyNone;
+    ASSERT_EQ(SelectMessage(db, *list, 1, &body_format, record.get()), kStatusOk);
+    EXPECT_EQ(list->count, 2) << "lowered to index + 1 at the target";
+    EXPECT_EQ(body_format, kBodyHtml);
+    // Messages before the target get their bodies but no header fields; the target gets both.
+    EXPECT_EQ(list->entries[0].document.text(), "<p>1</p>");
+    EXPECT_EQ(list->entries[0].header[kSlotSubject].data(), nullptr);
+    EXPECT_EQ(list->entries[0].header[kSlotFrom].data(), nullptr);
+    EXPECT_EQ(list->entries[1].document.text(), "<p>2</p>");
+    EXPECT_EQ(list->entries[1].header[kSlotSubject].text(), "second");
+    EXPECT_EQ(list->entries[1].header[kSlotFrom].text(), "Bob");
+    EXPECT_EQ(list->entries[2].document.data(), nullptr) << "nothing after the target is read";
 }
 
 TEST(Composer, TheLastPresentBodyWins) {
