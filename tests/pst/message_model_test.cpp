@@ -107,6 +107,7 @@ TEST(MessageModel, HeaderFieldsAsUtf8) {
     OneMessage m(PstLayout::kUnicode, {Unicode(kPropSenderName, u"Zoë Müller"),
                                        Unicode(kPropDisplayTo, u"田中; Bob"),
                                        Unicode(kPropDisplayCc, u""),
+                                       Unicode(kPropDisplayBcc, std::u16string(1, char16_t{0xD800})),
                                        {kPropImportance, 0x0003, fixture::Le(2, 4)},
                                        {kPropSubmitTime, 0x0040, fixture::Le(FileTime(1551794820), 8)}});
     MessageDocument record;
@@ -114,7 +115,7 @@ TEST(MessageModel, HeaderFieldsAsUtf8) {
     EXPECT_EQ(Text(record.header[kSlotFrom]), "Zoë Müller");
     EXPECT_EQ(Text(record.header[kSlotTo]), "田中; Bob");
     EXPECT_EQ(record.header[kSlotCc].data(), nullptr) << "an empty value leaves the slot empty";
-    EXPECT_EQ(record.header[kSlotBcc].data(), nullptr) << "a missing value leaves the slot empty";
+    EXPECT_EQ(record.header[kSlotBcc].data(), nullptr) << "text the kernel cannot convert leaves it empty";
     EXPECT_EQ(Text(record.header[kSlotSent]), "Tue Mar 05, 2019 02:07 PM");
     EXPECT_EQ(Text(record.header[kSlotImportance]), "High");
     EXPECT_EQ(record.header[kSlotSubject].data(), nullptr) << "the subject slot is the composer's";
@@ -162,6 +163,7 @@ TEST(MessageModel, ImportanceLabels) {
         OneMessage m(PstLayout::kUnicode, {{kPropImportance, 0x0003, fixture::Le(c.value, 4)}});
         MessageDocument record;
         ReadHeaderFields(m.message().properties(), record);
+        EXPECT_EQ(record.header[kSlotFrom].data(), nullptr) << "a missing property leaves its slot empty";
         if (c.label == nullptr) {
             EXPECT_EQ(record.header[kSlotImportance].data(), nullptr) << c.value;
         } else {
