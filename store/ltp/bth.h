@@ -62,7 +62,7 @@ struct bth_value<uint16_t> {
 
 template <typename K, typename V>
 class bth_node : public virtual btree_node<K, V> {
-public:
+  public:
     bth_node(heap_ptr heap, heap_id id, uint16_t level) : heap_(std::move(heap)), id_(id), level_(level) {}
 
     const heap_ptr& get_heap() const { return heap_; }
@@ -70,7 +70,7 @@ public:
     uint16_t get_level() const { return level_; }
     virtual bool is_leaf() const = 0;
 
-protected:
+  protected:
     // The whole allocation, cut into 8-byte records; a remainder shorter than a record is ignored.
     std::vector<std::byte> read_records(size_t& count) const {
         std::vector<std::byte> bytes = heap_->read_whole(id_);
@@ -85,7 +85,7 @@ protected:
 
 template <typename K, typename V>
 class bth_leaf_node : public bth_node<K, V>, public btree_node_leaf<K, V> {
-public:
+  public:
     // Id 0 is an empty leaf.
     bth_leaf_node(heap_ptr heap, heap_id id) : bth_node<K, V>(std::move(heap), id, 0) {
         if (id == 0) return;
@@ -104,13 +104,13 @@ public:
     const V& get_value(size_t position) const override { return records_.at(position).second; }
     size_t num_values() const override { return records_.size(); }
 
-private:
+  private:
     std::vector<std::pair<K, V>> records_;
 };
 
 template <typename K, typename V>
 class bth_nonleaf_node : public bth_node<K, V>, public btree_node_nonleaf<K, V> {
-public:
+  public:
     bth_nonleaf_node(heap_ptr heap, heap_id id, uint16_t level) : bth_node<K, V>(std::move(heap), id, level) {
         size_t count = 0;
         const std::vector<std::byte> bytes = id == 0 ? std::vector<std::byte>{} : this->read_records(count);
@@ -128,7 +128,9 @@ public:
     size_t num_values() const override { return children_.size(); }
     heap_id get_child_id(size_t position) const { return children_.at(position).second; }
 
-    const btree_node<K, V>* get_child(size_t position) const override { return get_child_node(position).get(); }
+    const btree_node<K, V>* get_child(size_t position) const override {
+        return get_child_node(position).get();
+    }
 
     // Opened on first use and kept: a leaf below level 1, otherwise an intermediate node one level down.
     const std::shared_ptr<bth_node<K, V>>& get_child_node(size_t position) const {
@@ -145,7 +147,7 @@ public:
         return slot;
     }
 
-private:
+  private:
     std::vector<std::pair<K, heap_id>> children_;
     mutable std::vector<std::shared_ptr<bth_node<K, V>>> cache_;
 };

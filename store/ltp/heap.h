@@ -33,7 +33,7 @@ class heap_impl;
 using heap_ptr = std::shared_ptr<heap_impl>;
 
 class heap_impl : public std::enable_shared_from_this<heap_impl> {
-public:
+  public:
     // Checks the heap signature, then (with the second form) the client signature. Throws the node's
     // out-of-range errors for data shorter than the 12-byte header, sig_mismatch "invalid heap_sig" /
     // "invalid client_sig".
@@ -58,7 +58,7 @@ public:
     const node& get_node() const { return node_; }
     node& get_node() { return node_; }
 
-private:
+  private:
     explicit heap_impl(const node& n) : node_(n) {}
 
     struct alloc_span {

@@ -48,7 +48,8 @@ std::streamsize hnid_stream_device::read(char* buffer, std::streamsize n) {
     return static_cast<std::streamsize>(got);
 }
 
-std::streampos hnid_stream_device::seek(boost::iostreams::stream_offset offset, std::ios_base::seekdir origin) {
+std::streampos hnid_stream_device::seek(boost::iostreams::stream_offset offset,
+                                        std::ios_base::seekdir origin) {
     int64_t& position = is_heap_ ? pos_ : node_pos_;
     const int64_t total = static_cast<int64_t>(size());
     const int64_t base = origin == std::ios_base::beg ? 0 : origin == std::ios_base::end ? total : position;

@@ -17,7 +17,7 @@
 namespace tarn::ltp {
 
 class hnid_stream_device {
-public:
+  public:
     typedef char char_type;
     struct category : boost::iostreams::input_seekable, boost::iostreams::device_tag {};
 
@@ -34,7 +34,7 @@ public:
     // The value's size in bytes.
     uint64_t size() const;
 
-private:
+  private:
     int64_t pos_ = 0;
     heap_id heap_id_ = 0;
     heap_ptr heap_;

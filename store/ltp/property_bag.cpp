@@ -62,7 +62,9 @@ uint32_t property_bag::prop_size(prop_id id) const {
     return static_cast<uint32_t>(hnid_value_size(heap(), get_value_4(id)));
 }
 
-hnid_stream_device property_bag::open_prop_stream(prop_id id) const { return open_hnid_stream(heap(), get_value_4(id)); }
+hnid_stream_device property_bag::open_prop_stream(prop_id id) const {
+    return open_hnid_stream(heap(), get_value_4(id));
+}
 
 uint8_t property_bag::get_value_1(prop_id id) const { return static_cast<uint8_t>(index_->lookup(id).id); }
 uint16_t property_bag::get_value_2(prop_id id) const { return static_cast<uint16_t>(index_->lookup(id).id); }

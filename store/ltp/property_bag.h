@@ -11,7 +11,7 @@
 namespace tarn::ltp {
 
 class property_bag : public const_property_object {
-public:
+  public:
     // Opens the node's heap (client signature 0xBC) and the property index at its root.
     explicit property_bag(const node& n);
     // A new heap over the same node, opened without the client-signature check, and a new index: the
@@ -33,7 +33,7 @@ public:
     const node& get_node() const { return heap()->get_node(); }
     const heap_ptr& heap() const { return index_->get_heap(); }
 
-private:
+  private:
     std::shared_ptr<bth_node<prop_id, prop_entry>> index_;
 };
 

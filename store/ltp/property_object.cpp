@@ -12,11 +12,13 @@ std::u16string const_property_object::read_wstring(prop_id id) const {
     if (type == kPropTypeString8) {
         text.reserve(bytes.size());
         for (std::byte b : bytes)
-            text.push_back(static_cast<char16_t>(static_cast<int16_t>(static_cast<int8_t>(std::to_integer<uint8_t>(b)))));
+            text.push_back(static_cast<char16_t>(
+                static_cast<int16_t>(static_cast<int8_t>(std::to_integer<uint8_t>(b)))));
         return text;
     }
     text.reserve(bytes.size() / 2);
-    for (size_t i = 0; i + 1 < bytes.size(); i += 2) text.push_back(static_cast<char16_t>(LoadLe16(bytes.data() + i)));
+    for (size_t i = 0; i + 1 < bytes.size(); i += 2)
+        text.push_back(static_cast<char16_t>(LoadLe16(bytes.data() + i)));
     return text;
 }
 

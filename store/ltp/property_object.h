@@ -18,7 +18,7 @@ inline constexpr prop_type kPropTypeString8 = 0x001E;
 inline constexpr prop_type kPropTypeUnicode = 0x001F;
 
 class const_property_object {
-public:
+  public:
     virtual ~const_property_object() = default;
 
     // The ids present, in file order (a table row: the columns whose cell exists).

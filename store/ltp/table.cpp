@@ -24,7 +24,8 @@ basic_table<T>::basic_table(const node& n) : heap_(heap_impl::open(n, heap_sig_t
     const std::vector<std::byte> info = heap_->read_whole(heap_->root_id());
     if (info.empty()) throw ndb::database_corrupt("table info allocation is empty");
     const uint8_t type = LoadLe8(info.data());
-    if (type != heap_sig_tc) throw ndb::sig_mismatch("heap_sig_tc expected", 0, n.get_id(), type, heap_sig_tc);
+    if (type != heap_sig_tc)
+        throw ndb::sig_mismatch("heap_sig_tc expected", 0, n.get_id(), type, heap_sig_tc);
     if (info.size() < kTcInfoHeaderSize) throw ndb::database_corrupt("table info is shorter than its header");
 
     row_index_ = open_bth<uint32_t, T>(heap_, LoadLe32(info.data() + kTcInfoRowIndex));
@@ -35,7 +36,8 @@ basic_table<T>::basic_table(const node& n) : heap_(heap_impl::open(n, heap_sig_t
     // A later descriptor with the same id replaces an earlier one.
     for (size_t i = 0; i < column_count; ++i) {
         const std::byte* d = info.data() + kTcInfoHeaderSize + i * kColumnDescriptorSize;
-        const column_description column{LoadLe16(d), LoadLe16(d + 2), LoadLe16(d + 4), LoadLe8(d + 6), LoadLe8(d + 7)};
+        const column_description column{LoadLe16(d), LoadLe16(d + 2), LoadLe16(d + 4), LoadLe8(d + 6),
+                                        LoadLe8(d + 7)};
         columns_[column.id] = column;
     }
     for (size_t i = 0; i < 4; ++i) rgib_[i] = LoadLe16(info.data() + kTcInfoRgib + 2 * i);
@@ -75,14 +77,16 @@ uint32_t basic_table<T>::row_count() const {
     const uint64_t in_last = rows_node_->get_page_size(blocks - 1) / row_size();
     if (blocks == 1) return static_cast<uint32_t>(in_last);
     const uint64_t count = in_last + (blocks - 1) * uint64_t{rows_per_block()};
-    if (count > UINT32_MAX) throw ndb::database_corrupt("table row matrix holds more rows than can be numbered");
+    if (count > UINT32_MAX)
+        throw ndb::database_corrupt("table row matrix holds more rows than can be numbered");
     return static_cast<uint32_t>(count);
 }
 
 template <typename T>
 void basic_table<T>::read_row_bytes(uint32_t row, size_t offset, std::byte* out, size_t size) const {
     if (row >= row_count()) throw std::out_of_range("row >= size()");
-    if (offset > row_size() || size > row_size() - offset) throw ndb::database_corrupt("table cell runs past its row");
+    if (offset > row_size() || size > row_size() - offset)
+        throw ndb::database_corrupt("table cell runs past its row");
     if (!rows_node_) {
         std::memcpy(out, rows_.data() + size_t{row} * row_size() + offset, size);
         return;

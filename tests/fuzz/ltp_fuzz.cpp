@@ -78,7 +78,8 @@ void ReadProperty(const const_property_object& object, prop_id id, Budget& budge
         in.seekg(-3, std::ios_base::end);
         in.clear();
         in.seekg(0);
-        while (!budget.spent() && (in.read(piece, sizeof piece) || in.gcount() > 0)) budget.bytes += sizeof piece;
+        while (!budget.spent() && (in.read(piece, sizeof piece) || in.gcount() > 0))
+            budget.bytes += sizeof piece;
     } catch (const std::exception&) {
     }
 }

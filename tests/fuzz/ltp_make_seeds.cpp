@@ -50,8 +50,10 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::string dir = argv[1];
-    Save(dir, "store-unicode-none.pst", WritePst(DescribeStore(SmallStore(PstLayout::kUnicode, PstEncoding::kNone))).bytes);
-    Save(dir, "store-ansi-permute.pst", WritePst(DescribeStore(SmallStore(PstLayout::kAnsi, PstEncoding::kPermute))).bytes);
+    Save(dir, "store-unicode-none.pst",
+         WritePst(DescribeStore(SmallStore(PstLayout::kUnicode, PstEncoding::kNone))).bytes);
+    Save(dir, "store-ansi-permute.pst",
+         WritePst(DescribeStore(SmallStore(PstLayout::kAnsi, PstEncoding::kPermute))).bytes);
 
     // One property context with 60 properties in a two-tier index read with the 8-byte stride, and
     // one table of 40 rows whose matrix is a subnode.
@@ -66,12 +68,14 @@ int main(int argc, char** argv) {
             entry.insert(entry.end(), value.begin(), value.end());
             records.push_back({0x3000 + i, entry});
         }
-        heap.SetRoot(WriteBth(heap, 2, 6, records, {.stride = BthStride::kFixed8, .max_per_node = 16, .idx_levels = 2}));
+        heap.SetRoot(WriteBth(heap, 2, 6, records,
+                              {.stride = BthStride::kFixed8, .max_per_node = 16, .idx_levels = 2}));
         d.nodes.push_back({.id = 0x8022, .data = heap.Finish()});
     }
     {
         std::vector<TcRow> rows;
-        for (uint32_t r = 0; r < 40; ++r) rows.push_back({0x200004 + 32 * r, {{0x0037, ToBytes("row")}, {0x0E08, Le(r, 4)}}});
+        for (uint32_t r = 0; r < 40; ++r)
+            rows.push_back({0x200004 + 32 * r, {{0x0037, ToBytes("row")}, {0x0E08, Le(r, 4)}}});
         LtpNodeData tc = WriteTableContext(PstLayout::kUnicode, {{0x0037, 0x001E}, {0x0E08, 0x0003}}, rows,
                                            {.matrix_in_subnode = true});
         d.nodes.push_back({.id = 0x802E, .data = tc.data, .subnodes = tc.subnodes});

@@ -24,7 +24,8 @@ void Put(Bytes& out, size_t at, uint64_t value, size_t width) {
 
 uint64_t Get(const Bytes& bytes, size_t width) {
     uint64_t value = 0;
-    for (size_t i = 0; i < width && i < bytes.size(); ++i) value |= std::to_integer<uint64_t>(bytes[i]) << (8 * i);
+    for (size_t i = 0; i < width && i < bytes.size(); ++i)
+        value |= std::to_integer<uint64_t>(bytes[i]) << (8 * i);
     return value;
 }
 
@@ -47,7 +48,8 @@ size_t LeafDataSize(PstLayout layout) {
     return layout == PstLayout::kUnicode ? fmt::kUnicodeBlock.max_data : fmt::kAnsiBlock.max_data;
 }
 
-HeapWriter::HeapWriter(PstLayout layout, uint8_t client_sig) : layout_(layout), client_sig_(client_sig), blocks_(1) {}
+HeapWriter::HeapWriter(PstLayout layout, uint8_t client_sig)
+    : layout_(layout), client_sig_(client_sig), blocks_(1) {}
 
 size_t HeapWriter::HeaderSize(size_t block) const {
     // HNHDR on block 0; an HNBITMAPHDR (ibHnpm and 64 fill-level bytes) on blocks 8, 136, 264, ...;
@@ -72,7 +74,8 @@ uint32_t HeapWriter::Allocate(const Bytes& bytes) {
     if (bytes.size() > kMaxHeapAllocation) throw std::invalid_argument("fixture heap allocation too large");
     auto fits = [&](size_t block) {
         const size_t count = blocks_[block].size() + 1;
-        return count <= 0x7FF && RoundUp2(UsedSize(block) + bytes.size()) + 4 + 2 * (count + 1) <= LeafDataSize(layout_);
+        return count <= 0x7FF &&
+               RoundUp2(UsedSize(block) + bytes.size()) + 4 + 2 * (count + 1) <= LeafDataSize(layout_);
     };
     if (!fits(blocks_.size() - 1)) NewBlock();
     const size_t block = blocks_.size() - 1;
@@ -104,7 +107,7 @@ Bytes HeapWriter::Finish() const {
             Put(page, 4, root_, 4);
         }
         Append(page, blocks_[b].size(), 2);  // cAlloc
-        Append(page, 0, 2);                   // cFree
+        Append(page, 0, 2);                  // cFree
         for (size_t o : offsets) Append(page, o, 2);
         if (b + 1 < blocks_.size()) page.resize(LeafDataSize(layout_), std::byte{0});
         out.insert(out.end(), page.begin(), page.end());
@@ -114,7 +117,8 @@ Bytes HeapWriter::Finish() const {
 
 uint32_t WriteBth(HeapWriter& heap, uint8_t key_size, uint8_t entry_size, std::vector<BthRecord> records,
                   const BthOptions& options) {
-    std::sort(records.begin(), records.end(), [](const BthRecord& a, const BthRecord& b) { return a.key < b.key; });
+    std::sort(records.begin(), records.end(),
+              [](const BthRecord& a, const BthRecord& b) { return a.key < b.key; });
     const bool fixed = options.stride == BthStride::kFixed8;
     const size_t leaf_record = fixed ? 8 : size_t{key_size} + entry_size;
     const size_t inner_record = fixed ? 8 : size_t{key_size} + 4;
@@ -164,15 +168,27 @@ bool IsInlineType(uint16_t type) {
 
 size_t FixedTypeSize(uint16_t type) {
     switch (type) {
-        case 0x000B: return 1;
-        case 0x0002: return 2;
-        case 0x0003: case 0x0004: case 0x000A: return 4;
-        case 0x0005: case 0x0006: case 0x0007: case 0x0014: case 0x0040: return 8;
-        default: return 0;
+        case 0x000B:
+            return 1;
+        case 0x0002:
+            return 2;
+        case 0x0003:
+        case 0x0004:
+        case 0x000A:
+            return 4;
+        case 0x0005:
+        case 0x0006:
+        case 0x0007:
+        case 0x0014:
+        case 0x0040:
+            return 8;
+        default:
+            return 0;
     }
 }
 
-LtpNodeData WritePropertyContext(PstLayout layout, std::vector<PcProperty> properties, const LtpOptions& options) {
+LtpNodeData WritePropertyContext(PstLayout layout, std::vector<PcProperty> properties,
+                                 const LtpOptions& options) {
     uint32_t local_next = 1;
     uint32_t& next = options.next_subnode ? *options.next_subnode : local_next;
     HeapWriter heap(layout, options.client_sig);
@@ -216,8 +232,11 @@ LtpNodeData WriteTableContext(PstLayout layout, std::vector<TcColumn> columns, c
         const size_t fixed = FixedTypeSize(columns[i].type);
         placed.push_back({columns[i], fixed ? fixed : 4, 0, static_cast<uint8_t>(i)});
     }
-    auto rank = [](const Placed& p) { return p.column.id == kRowIdColumn ? 0 : p.size >= 4 ? (p.size == 8 ? 1 : 2) : 6 - p.size; };
-    std::stable_sort(placed.begin(), placed.end(), [&](const Placed& a, const Placed& b) { return rank(a) < rank(b); });
+    auto rank = [](const Placed& p) {
+        return p.column.id == kRowIdColumn ? 0 : p.size >= 4 ? (p.size == 8 ? 1 : 2) : 6 - p.size;
+    };
+    std::stable_sort(placed.begin(), placed.end(),
+                     [&](const Placed& a, const Placed& b) { return rank(a) < rank(b); });
     size_t offset = 0;
     uint16_t rgib[4] = {};
     for (Placed& p : placed) {
@@ -241,17 +260,22 @@ LtpNodeData WriteTableContext(PstLayout layout, std::vector<TcColumn> columns, c
     std::vector<BthRecord> index;
     for (size_t r = 0; r < rows.size(); ++r) {
         Bytes row(row_size, std::byte{0});
-        auto set_bit = [&](uint8_t bit) { row[rgib[2] + bit / 8] |= static_cast<std::byte>(0x80 >> (bit % 8)); };
+        auto set_bit = [&](uint8_t bit) {
+            row[rgib[2] + bit / 8] |= static_cast<std::byte>(0x80 >> (bit % 8));
+        };
         for (const Placed& p : placed) {
             if (p.column.id == kRowIdColumn) {
                 Put(row, p.offset, rows[r].row_id, 4);
                 set_bit(p.bit);
-            } else if (p.column.id == kRowVersionColumn && !std::any_of(rows[r].cells.begin(), rows[r].cells.end(), [&](const TcCell& c) { return c.id == kRowVersionColumn; })) {
+            } else if (p.column.id == kRowVersionColumn &&
+                       !std::any_of(rows[r].cells.begin(), rows[r].cells.end(),
+                                    [&](const TcCell& c) { return c.id == kRowVersionColumn; })) {
                 set_bit(p.bit);
             }
         }
         for (const TcCell& cell : rows[r].cells) {
-            auto found = std::find_if(placed.begin(), placed.end(), [&](const Placed& p) { return p.column.id == cell.id; });
+            auto found = std::find_if(placed.begin(), placed.end(),
+                                      [&](const Placed& p) { return p.column.id == cell.id; });
             if (found == placed.end()) throw std::invalid_argument("fixture table cell without a column");
             const uint64_t stored = FixedTypeSize(found->column.type)
                                         ? Get(cell.value, found->size)
@@ -295,7 +319,8 @@ LtpNodeData WriteTableContext(PstLayout layout, std::vector<TcColumn> columns, c
     Append(info, rows_hnid, 4);
     Append(info, 0, 4);  // hidIndex
     std::vector<Placed> by_id = placed;
-    std::sort(by_id.begin(), by_id.end(), [](const Placed& a, const Placed& b) { return a.column.id < b.column.id; });
+    std::sort(by_id.begin(), by_id.end(),
+              [](const Placed& a, const Placed& b) { return a.column.id < b.column.id; });
     for (const Placed& p : by_id) {
         Append(info, p.column.type, 2);
         Append(info, p.column.id, 2);

@@ -37,7 +37,7 @@ size_t LeafDataSize(PstLayout layout);
 // started when the current one is full; every block but the last is padded to the leaf size so that
 // the data tree's leaves and the heap's pages coincide.
 class HeapWriter {
-public:
+  public:
     HeapWriter(PstLayout layout, uint8_t client_sig);
 
     // A heap id for a copy of `bytes`. Throws std::invalid_argument above kMaxHeapAllocation.
@@ -54,7 +54,7 @@ public:
     // Damage knobs applied by Finish.
     uint8_t heap_sig = 0xEC;
 
-private:
+  private:
     size_t HeaderSize(size_t block) const;
     size_t UsedSize(size_t block) const;
 
@@ -69,17 +69,17 @@ private:
 enum class BthStride { kFile, kFixed8 };
 
 struct BthRecord {
-    uint32_t key = 0;   // written in cbKey bytes
-    Bytes value;        // cbEnt bytes
+    uint32_t key = 0;  // written in cbKey bytes
+    Bytes value;       // cbEnt bytes
 };
 
 struct BthOptions {
     BthStride stride = BthStride::kFile;
-    size_t max_per_node = 0;               // 0: as many as fit in one allocation
-    std::optional<uint8_t> idx_levels;     // the header's bIdxLevels instead of the true count
-    std::optional<uint8_t> signature;      // bType instead of 0xB5
-    std::optional<uint8_t> key_size;       // cbKey written instead of the real one
-    std::optional<uint8_t> entry_size;     // cbEnt written instead of the real one
+    size_t max_per_node = 0;            // 0: as many as fit in one allocation
+    std::optional<uint8_t> idx_levels;  // the header's bIdxLevels instead of the true count
+    std::optional<uint8_t> signature;   // bType instead of 0xB5
+    std::optional<uint8_t> key_size;    // cbKey written instead of the real one
+    std::optional<uint8_t> entry_size;  // cbEnt written instead of the real one
 };
 
 // Writes the records (sorted by key here) as leaves and as many intermediate levels as needed;
@@ -94,14 +94,14 @@ struct LtpNodeData {
 };
 
 // Property types by how they are stored.
-bool IsInlineType(uint16_t type);      // 1, 2 or 4 bytes in the entry itself
-size_t FixedTypeSize(uint16_t type);   // bytes of a fixed-size type, 0 for variable-size
+bool IsInlineType(uint16_t type);     // 1, 2 or 4 bytes in the entry itself
+size_t FixedTypeSize(uint16_t type);  // bytes of a fixed-size type, 0 for variable-size
 
 struct PcProperty {
     uint16_t id = 0;
     uint16_t type = 0;
-    Bytes value;               // inline types: their little-endian bytes (1, 2 or 4)
-    bool in_subnode = false;   // force a subnode even for a small value
+    Bytes value;              // inline types: their little-endian bytes (1, 2 or 4)
+    bool in_subnode = false;  // force a subnode even for a small value
 };
 
 struct LtpOptions {
@@ -111,7 +111,8 @@ struct LtpOptions {
     uint8_t client_sig = kClientSigPc;
 };
 
-LtpNodeData WritePropertyContext(PstLayout layout, std::vector<PcProperty> properties, const LtpOptions& options = {});
+LtpNodeData WritePropertyContext(PstLayout layout, std::vector<PcProperty> properties,
+                                 const LtpOptions& options = {});
 
 struct TcColumn {
     uint16_t id = 0;
@@ -120,7 +121,7 @@ struct TcColumn {
 
 struct TcCell {
     uint16_t id = 0;
-    Bytes value;                // fixed types: little-endian bytes; others: the value (stored by HNID)
+    Bytes value;  // fixed types: little-endian bytes; others: the value (stored by HNID)
 };
 
 struct TcRow {
@@ -129,18 +130,18 @@ struct TcRow {
 };
 
 struct TcOptions {
-    bool matrix_in_subnode = false;       // else in the heap when it fits in one allocation
-    uint8_t row_index_entry_size = 4;     // 4 or 2
+    bool matrix_in_subnode = false;    // else in the heap when it fits in one allocation
+    uint8_t row_index_entry_size = 4;  // 4 or 2
     BthStride stride = BthStride::kFile;
     uint32_t* next_subnode = nullptr;
-    uint32_t matrix_subnode_id = 0;       // 0: taken from next_subnode
+    uint32_t matrix_subnode_id = 0;  // 0: taken from next_subnode
 };
 
 // Where the writer put the table's parts, for damage.
 struct TcLayout {
     uint32_t tcinfo = 0;
     uint32_t row_index = 0;
-    uint32_t rows = 0;                    // hnidRows
+    uint32_t rows = 0;  // hnidRows
     size_t row_size = 0;
     size_t rows_per_block = 0;
     std::vector<std::pair<uint16_t, size_t>> column_offsets;  // id, ibData

@@ -12,7 +12,7 @@ constexpr uint16_t kBinary = 0x0102;
 
 constexpr uint32_t kMessageStore = 0x21;
 constexpr uint32_t kNameToIdMap = 0x61;
-constexpr uint32_t kFirstFolderIndex = 0x401;   // 0x8022, the top of the personal folders
+constexpr uint32_t kFirstFolderIndex = 0x401;  // 0x8022, the top of the personal folders
 constexpr uint32_t kFirstMessageIndex = 0x10001;
 
 uint32_t Nid(uint32_t index, uint32_t type) { return (index << 5) | type; }
@@ -34,7 +34,7 @@ Bytes EntryId(uint32_t nid) {
 }
 
 class Builder {
-public:
+  public:
     Builder(StoreDescription& d, StoreMap& map, bool consume) : d_(d), map_(map), consume_(consume) {
         string_type_ = d.layout == PstLayout::kUnicode ? 0x001F : 0x001E;
     }
@@ -46,13 +46,14 @@ public:
         map_.ipm_subtree = Nid(kFirstFolderIndex, 2);
         nodes_ = &out.nodes;
 
-        AddPc(kMessageStore, 0, {
-            {0x0FF9, kBinary, ProviderUid()},
-            {0x3001, string_type_, Text(d_.display_name)},
-            {0x35DF, kLong, Le(0x89, 4)},
-            {0x35E0, kBinary, EntryId(map_.ipm_subtree)},
-            {0x67FF, kLong, Le(0, 4)},
-        });
+        AddPc(kMessageStore, 0,
+              {
+                  {0x0FF9, kBinary, ProviderUid()},
+                  {0x3001, string_type_, Text(d_.display_name)},
+                  {0x35DF, kLong, Le(0x89, 4)},
+                  {0x35E0, kBinary, EntryId(map_.ipm_subtree)},
+                  {0x67FF, kLong, Le(0, 4)},
+              });
         // A name-to-id map of one numeric name (0x8501 in the common property set, its GUID the first
         // of the GUID stream), so that readers that insist on non-empty streams accept it.
         const Bytes common_guid = {std::byte{0x08}, std::byte{0x20}, std::byte{0x06}, std::byte{0x00},
@@ -63,16 +64,22 @@ public:
         const Bytes guid_and_index = Le(3 << 1, 2), property_index = Le(0, 2);
         entry.insert(entry.end(), guid_and_index.begin(), guid_and_index.end());
         entry.insert(entry.end(), property_index.begin(), property_index.end());
-        AddPc(kNameToIdMap, 0, {{0x0001, kLong, Le(251, 4)}, {0x0002, kBinary, common_guid}, {0x0003, kBinary, entry},
-                                {0x0004, kBinary, Le(0, 4)}, {0x1000 + (0x8501 ^ (3 << 1)) % 251, kBinary, entry}});
+        AddPc(kNameToIdMap, 0,
+              {{0x0001, kLong, Le(251, 4)},
+               {0x0002, kBinary, common_guid},
+               {0x0003, kBinary, entry},
+               {0x0004, kBinary, Le(0, 4)},
+               {0x1000 + (0x8501 ^ (3 << 1)) % 251, kBinary, entry}});
 
         // The root folder holds the top of the personal folders, which holds every described folder.
         uint32_t index = kFirstFolderIndex;
         for (size_t f = 0; f < d_.folders.size(); ++f) map_.folders.push_back(Nid(++index, 2));
-        AddFolder(map_.root_folder, map_.root_folder, "", {{map_.ipm_subtree, "Top of Personal Folders", 0, !d_.folders.empty()}}, {});
+        AddFolder(map_.root_folder, map_.root_folder, "",
+                  {{map_.ipm_subtree, "Top of Personal Folders", 0, !d_.folders.empty()}}, {});
         std::vector<Child> children;
         for (size_t f = 0; f < d_.folders.size(); ++f)
-            children.push_back({map_.folders[f], d_.folders[f].name, static_cast<uint32_t>(d_.folders[f].messages.size()), false});
+            children.push_back({map_.folders[f], d_.folders[f].name,
+                                static_cast<uint32_t>(d_.folders[f].messages.size()), false});
         AddFolder(map_.ipm_subtree, map_.root_folder, "Top of Personal Folders", children, {});
 
         uint32_t message_index = kFirstMessageIndex;
@@ -82,12 +89,13 @@ public:
             map_.messages.push_back(ids);
             // The folder's tables first: they read the messages' sizes, which consuming empties.
             AddFolder(map_.folders[f], map_.ipm_subtree, d_.folders[f].name, {}, &d_.folders[f].messages);
-            for (size_t k = 0; k < ids.size(); ++k) AddMessage(ids[k], map_.folders[f], d_.folders[f].messages[k]);
+            for (size_t k = 0; k < ids.size(); ++k)
+                AddMessage(ids[k], map_.folders[f], d_.folders[f].messages[k]);
         }
         return out;
     }
 
-private:
+  private:
     struct Child {
         uint32_t id;
         std::string name;
@@ -100,18 +108,22 @@ private:
     void AddPc(uint32_t id, uint32_t parent, std::vector<PcProperty> props) {
         uint32_t next = 0x100;
         LtpNodeData pc = WritePropertyContext(d_.layout, std::move(props), {.next_subnode = &next});
-        nodes_->push_back({.id = id, .parent = parent, .data = std::move(pc.data), .subnodes = std::move(pc.subnodes)});
+        nodes_->push_back(
+            {.id = id, .parent = parent, .data = std::move(pc.data), .subnodes = std::move(pc.subnodes)});
     }
 
-    void AddTable(uint32_t id, uint32_t parent, const std::vector<TcColumn>& columns, const std::vector<TcRow>& rows) {
+    void AddTable(uint32_t id, uint32_t parent, const std::vector<TcColumn>& columns,
+                  const std::vector<TcRow>& rows) {
         uint32_t next = 0x100;
         LtpNodeData tc = WriteTableContext(d_.layout, columns, rows, {.next_subnode = &next});
-        nodes_->push_back({.id = id, .parent = parent, .data = std::move(tc.data), .subnodes = std::move(tc.subnodes)});
+        nodes_->push_back(
+            {.id = id, .parent = parent, .data = std::move(tc.data), .subnodes = std::move(tc.subnodes)});
     }
 
     std::vector<TcColumn> ContentsColumns() const {
-        return {{0x001A, string_type_}, {0x0037, string_type_}, {0x0C1A, string_type_}, {0x0E04, string_type_},
-                {0x0039, kSysTime}, {0x0E06, kSysTime}, {0x0017, kLong}, {0x0E07, kLong}, {0x0E08, kLong},
+        return {{0x001A, string_type_}, {0x0037, string_type_}, {0x0C1A, string_type_},
+                {0x0E04, string_type_}, {0x0039, kSysTime},     {0x0E06, kSysTime},
+                {0x0017, kLong},        {0x0E07, kLong},        {0x0E08, kLong},
                 {0x0E1B, kBoolean}};
     }
 
@@ -119,20 +131,24 @@ private:
     void AddFolder(uint32_t id, uint32_t parent, const std::string& name, const std::vector<Child>& children,
                    const std::vector<StoreMessage>* messages) {
         const uint32_t count = messages ? static_cast<uint32_t>(messages->size()) : 0;
-        AddPc(id, parent, {
-            {0x3001, string_type_, Text(name)},
-            {0x3602, kLong, Le(count, 4)},
-            {0x3603, kLong, Le(0, 4)},
-            {0x360A, kBoolean, Le(children.empty() ? 0 : 1, 1)},
-            {0x3613, string_type_, Text("IPF.Note")},
-        });
+        AddPc(id, parent,
+              {
+                  {0x3001, string_type_, Text(name)},
+                  {0x3602, kLong, Le(count, 4)},
+                  {0x3603, kLong, Le(0, 4)},
+                  {0x360A, kBoolean, Le(children.empty() ? 0 : 1, 1)},
+                  {0x3613, string_type_, Text("IPF.Note")},
+              });
         std::vector<TcRow> hierarchy;
         for (const Child& c : children) {
-            hierarchy.push_back({c.id, {{0x3001, Text(c.name)}, {0x3602, Le(c.count, 4)}, {0x3603, Le(0, 4)},
-                                        {0x360A, Le(c.has_subfolders ? 1 : 0, 1)}}});
+            hierarchy.push_back({c.id,
+                                 {{0x3001, Text(c.name)},
+                                  {0x3602, Le(c.count, 4)},
+                                  {0x3603, Le(0, 4)},
+                                  {0x360A, Le(c.has_subfolders ? 1 : 0, 1)}}});
         }
-        AddTable((id & ~0x1Fu) | 0x0D, 0, {{0x3001, string_type_}, {0x3602, kLong}, {0x3603, kLong}, {0x360A, kBoolean}},
-                 hierarchy);
+        AddTable((id & ~0x1Fu) | 0x0D, 0,
+                 {{0x3001, string_type_}, {0x3602, kLong}, {0x3603, kLong}, {0x360A, kBoolean}}, hierarchy);
         std::vector<TcRow> contents;
         for (size_t i = 0; messages && i < messages->size(); ++i) {
             const StoreMessage& m = (*messages)[i];
@@ -195,8 +211,10 @@ private:
 
         // Recipient table: columns only (the display properties carry the names).
         LtpNodeData recipients = WriteTableContext(
-            d_.layout, {{0x0C15, kLong}, {0x3001, string_type_}, {0x3002, string_type_}, {0x3003, string_type_}}, {});
-        pc.subnodes.push_back({.id = kRecipientTableSubnode, .data = std::move(recipients.data),
+            d_.layout,
+            {{0x0C15, kLong}, {0x3001, string_type_}, {0x3002, string_type_}, {0x3003, string_type_}}, {});
+        pc.subnodes.push_back({.id = kRecipientTableSubnode,
+                               .data = std::move(recipients.data),
                                .subnodes = std::move(recipients.subnodes)});
 
         if (!m.attachments.empty()) {
@@ -206,26 +224,38 @@ private:
                 const size_t data_size = at.data.size();
                 const uint32_t aid = Nid(0x400 + static_cast<uint32_t>(a), 5);
                 uint32_t inner = 0x100;
-                LtpNodeData apc = WritePropertyContext(d_.layout, {
-                    {0x0E20, kLong, Le(data_size, 4)},
-                    {0x3701, kBinary, Take(at.data)},
-                    {0x3704, string_type_, Text(at.short_name)},
-                    {0x3705, kLong, Le(1, 4)},
-                    {0x3707, string_type_, Text(at.long_name)},
-                    {0x370B, kLong, Le(0xFFFFFFFF, 4)},
-                }, {.next_subnode = &inner});
-                pc.subnodes.push_back({.id = aid, .data = std::move(apc.data), .subnodes = std::move(apc.subnodes)});
-                rows.push_back({aid, {{0x0E20, Le(data_size, 4)}, {0x3704, Text(at.short_name)},
-                                      {0x3705, Le(1, 4)}, {0x3707, Text(at.long_name)}, {0x370B, Le(0xFFFFFFFF, 4)}}});
+                LtpNodeData apc = WritePropertyContext(d_.layout,
+                                                       {
+                                                           {0x0E20, kLong, Le(data_size, 4)},
+                                                           {0x3701, kBinary, Take(at.data)},
+                                                           {0x3704, string_type_, Text(at.short_name)},
+                                                           {0x3705, kLong, Le(1, 4)},
+                                                           {0x3707, string_type_, Text(at.long_name)},
+                                                           {0x370B, kLong, Le(0xFFFFFFFF, 4)},
+                                                       },
+                                                       {.next_subnode = &inner});
+                pc.subnodes.push_back(
+                    {.id = aid, .data = std::move(apc.data), .subnodes = std::move(apc.subnodes)});
+                rows.push_back({aid,
+                                {{0x0E20, Le(data_size, 4)},
+                                 {0x3704, Text(at.short_name)},
+                                 {0x3705, Le(1, 4)},
+                                 {0x3707, Text(at.long_name)},
+                                 {0x370B, Le(0xFFFFFFFF, 4)}}});
             }
             LtpNodeData table = WriteTableContext(d_.layout,
-                                                  {{0x0E20, kLong}, {0x3704, string_type_}, {0x3705, kLong},
-                                                   {0x3707, string_type_}, {0x370B, kLong}},
+                                                  {{0x0E20, kLong},
+                                                   {0x3704, string_type_},
+                                                   {0x3705, kLong},
+                                                   {0x3707, string_type_},
+                                                   {0x370B, kLong}},
                                                   rows, {.next_subnode = &next});
-            pc.subnodes.push_back({.id = kAttachmentTableSubnode, .data = std::move(table.data),
+            pc.subnodes.push_back({.id = kAttachmentTableSubnode,
+                                   .data = std::move(table.data),
                                    .subnodes = std::move(table.subnodes)});
         }
-        nodes_->push_back({.id = id, .parent = folder, .data = std::move(pc.data), .subnodes = std::move(pc.subnodes)});
+        nodes_->push_back(
+            {.id = id, .parent = folder, .data = std::move(pc.data), .subnodes = std::move(pc.subnodes)});
     }
 
     // Moves a value out of the description when consuming it, else copies it.

@@ -21,23 +21,23 @@
 namespace tarn::fixture {
 
 struct StoreAttachment {
-    std::string long_name;    // 0x3707
-    std::string short_name;   // 0x3704
-    Bytes data;               // 0x3701
+    std::string long_name;   // 0x3707
+    std::string short_name;  // 0x3704
+    Bytes data;              // 0x3701
 };
 
 struct StoreMessage {
     std::string message_class = "IPM.Note";
-    std::optional<std::string> subject;        // 0x0037
-    std::optional<std::string> sender_name;    // 0x0C1A
-    std::optional<std::string> display_to;     // 0x0E04
-    std::optional<std::string> display_cc;     // 0x0E03
-    std::optional<std::string> display_bcc;    // 0x0E02
-    std::optional<uint64_t> submit_time;       // 0x0039, a Windows file time
-    std::optional<uint32_t> importance;        // 0x0017
-    std::optional<Bytes> body;                 // 0x1000
-    std::optional<Bytes> html;                 // 0x1013
-    std::optional<Bytes> rtf_compressed;       // 0x1009
+    std::optional<std::string> subject;      // 0x0037
+    std::optional<std::string> sender_name;  // 0x0C1A
+    std::optional<std::string> display_to;   // 0x0E04
+    std::optional<std::string> display_cc;   // 0x0E03
+    std::optional<std::string> display_bcc;  // 0x0E02
+    std::optional<uint64_t> submit_time;     // 0x0039, a Windows file time
+    std::optional<uint32_t> importance;      // 0x0017
+    std::optional<Bytes> body;               // 0x1000
+    std::optional<Bytes> html;               // 0x1013
+    std::optional<Bytes> rtf_compressed;     // 0x1009
     std::vector<StoreAttachment> attachments;
 };
 
@@ -50,15 +50,15 @@ struct StoreDescription {
     PstLayout layout = PstLayout::kUnicode;
     PstEncoding encoding = PstEncoding::kNone;
     std::string display_name = "Personal Folders";
-    std::vector<StoreFolder> folders;          // all children of the top of the personal folders
+    std::vector<StoreFolder> folders;  // all children of the top of the personal folders
 };
 
 // Node ids the writer chose.
 struct StoreMap {
     uint32_t root_folder = 0x122;
     uint32_t ipm_subtree = 0;
-    std::vector<uint32_t> folders;                 // in description order
-    std::vector<std::vector<uint32_t>> messages;   // per folder, in description order
+    std::vector<uint32_t> folders;                // in description order
+    std::vector<std::vector<uint32_t>> messages;  // per folder, in description order
 };
 
 inline constexpr uint32_t kAttachmentTableSubnode = 0x671;

@@ -40,8 +40,9 @@ bool ParseCount(const char* text, uint64_t& out) {
 
 // A long run of words that bodies are cut from at different offsets, so no two bodies are alike.
 std::string Filler() {
-    static const char* const kWords[] = {"store", "message", "folder", "table",  "heap",   "node",   "block",
-                                         "page",  "quarterly", "report", "meeting", "budget", "review", "draft"};
+    static const char* const kWords[] = {"store",   "message", "folder", "table",     "heap",
+                                         "node",    "block",   "page",   "quarterly", "report",
+                                         "meeting", "budget",  "review", "draft"};
     std::string text;
     uint32_t x = 12345;
     while (text.size() < (1u << 20)) {
@@ -134,9 +135,13 @@ int main(int argc, char** argv) {
         // B bytes of stored text: B/2 characters in a Unicode store.
         m.body = StoreText(d.layout, Slice(filler, i + 1, unicode ? body_bytes / 2 : body_bytes));
         const std::string html_open = "<html><body><p>", html_close = "</p></body></html>";
-        const size_t inner = body_bytes > html_open.size() + html_close.size() ? body_bytes - html_open.size() - html_close.size() : 0;
+        const size_t inner = body_bytes > html_open.size() + html_close.size()
+                                 ? body_bytes - html_open.size() - html_close.size()
+                                 : 0;
         m.html = ToBytes(html_open + Slice(filler, i + 2, inner) + html_close);
-        if (i % 7 == 3) m.attachments.push_back({"attachment " + std::to_string(i + 1) + ".txt", "ATTACH~1.TXT", ToBytes(Slice(filler, i + 3, body_bytes))});
+        if (i % 7 == 3)
+            m.attachments.push_back({"attachment " + std::to_string(i + 1) + ".txt", "ATTACH~1.TXT",
+                                     ToBytes(Slice(filler, i + 3, body_bytes))});
         d.folders[i % folders].messages.push_back(std::move(m));
     }
     try {
@@ -147,16 +152,19 @@ int main(int argc, char** argv) {
         const auto t2 = std::chrono::steady_clock::now();
         if (std::getenv("MAKE_STORE_TIMING"))
             std::fprintf(stderr, "generate %.1f s, describe %.1f s, write %.1f s\n",
-                         std::chrono::duration<double>(t0 - start).count(), std::chrono::duration<double>(t1 - t0).count(),
+                         std::chrono::duration<double>(t0 - start).count(),
+                         std::chrono::duration<double>(t1 - t0).count(),
                          std::chrono::duration<double>(t2 - t1).count());
         std::ofstream out(out_path, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(image.bytes.data()), static_cast<std::streamsize>(image.bytes.size()));
+        out.write(reinterpret_cast<const char*>(image.bytes.data()),
+                  static_cast<std::streamsize>(image.bytes.size()));
         out.close();
         if (!out) {
             std::fprintf(stderr, "make-store: %s: cannot write the store\n", out_path);
             return kStatusFailed;
         }
-        const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        const double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         std::fprintf(stderr, "make-store: %s: %llu messages in %llu folders, %zu bytes, %.1f s\n", out_path,
                      static_cast<unsigned long long>(messages), static_cast<unsigned long long>(folders),
                      image.bytes.size(), seconds);

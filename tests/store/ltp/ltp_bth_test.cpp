@@ -29,7 +29,8 @@ Built Build(uint8_t key_size, uint8_t entry_size, size_t count, const BthOptions
     std::vector<BthRecord> records;
     for (size_t i = 0; i < count; ++i) {
         Bytes value = Le(1000 + i, entry_size);
-        if (entry_size == 6) value = Bytes{std::byte{0x03}, std::byte{0}, value[0], value[1], value[2], value[3]};
+        if (entry_size == 6)
+            value = Bytes{std::byte{0x03}, std::byte{0}, value[0], value[1], value[2], value[3]};
         records.push_back({static_cast<uint32_t>(3 * i + 10), value});
     }
     Built b;
@@ -64,8 +65,8 @@ void ExpectWholeTree(const std::shared_ptr<bth_node<K, V>>& root, size_t count) 
         EXPECT_EQ(e.which(), 9);
     }
     size_t seen = 0;
-    for (auto it = ndb::btree_iterator<K, V>::begin(root), end = ndb::btree_iterator<K, V>::end(root); !(it == end);
-         ++it, ++seen) {
+    for (auto it = ndb::btree_iterator<K, V>::begin(root), end = ndb::btree_iterator<K, V>::end(root);
+         !(it == end); ++it, ++seen) {
         ASSERT_EQ(it.key(), static_cast<K>(3 * seen + 10));
     }
     EXPECT_EQ(seen, count);
@@ -188,9 +189,8 @@ TEST(BthTest, HeaderChecks) {
     HeapWriter heap(PstLayout::kUnicode, kClientSigPc);
     const uint32_t short_header = heap.Allocate(Bytes{std::byte{0xB5}, std::byte{2}, std::byte{6}});
     auto store = OpenNode(PstLayout::kUnicode, {heap.Finish(), {}});
-    EXPECT_EQ(MessageOf<std::length_error>([&] {
-                  open_bth<prop_id, prop_entry>(heap_impl::open(store.node(0x21)), short_header);
-              }),
+    EXPECT_EQ(MessageOf<std::length_error>(
+                  [&] { open_bth<prop_id, prop_entry>(heap_impl::open(store.node(0x21)), short_header); }),
               "buffer.size() > size()");
 }
 

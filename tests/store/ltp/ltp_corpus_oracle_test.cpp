@@ -48,7 +48,8 @@ std::string Utf8(const std::u16string& text) {
 class CorpusSubjectTest : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(CorpusSubjectTest, SubjectsMatchPffexport) {
-    if (std::system("command -v pffexport >/dev/null 2>&1") != 0) GTEST_SKIP() << "pffexport (pff-tools) is not installed";
+    if (std::system("command -v pffexport >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "pffexport (pff-tools) is not installed";
     const std::string path = std::string(TARN_SHARED_DIR) + "/corpus/pst/" + GetParam();
 
     std::vector<std::string> ours;
@@ -65,14 +66,16 @@ TEST_P(CorpusSubjectTest, SubjectsMatchPffexport) {
 
     tarn::testing::ScratchDir dir;
     const fs::path out = dir.path() / "out";
-    const std::string run = "pffexport -q -f all -m items -t '" + out.string() + "' '" + path + "' >/dev/null 2>&1";
+    const std::string run =
+        "pffexport -q -f all -m items -t '" + out.string() + "' '" + path + "' >/dev/null 2>&1";
     ASSERT_EQ(std::system(run.c_str()), 0) << run;
     std::vector<std::string> theirs;
     for (const auto& entry : fs::recursive_directory_iterator(out.string() + ".export")) {
         if (entry.path().filename() != "OutlookHeaders.txt") continue;
         std::ifstream in(entry.path(), std::ios::binary);
         for (std::string line; std::getline(in, line);) {
-            if (line.rfind("Subject:", 0) == 0) theirs.push_back(line.substr(std::min(line.size(), line.find_first_not_of('\t', 8))));
+            if (line.rfind("Subject:", 0) == 0)
+                theirs.push_back(line.substr(std::min(line.size(), line.find_first_not_of('\t', 8))));
         }
     }
     std::sort(ours.begin(), ours.end());
@@ -84,7 +87,8 @@ TEST_P(CorpusSubjectTest, SubjectsMatchPffexport) {
 // Stores in which every item pffexport exports is a message (no contacts or appointments).
 INSTANTIATE_TEST_SUITE_P(UnicodeCorpus, CorpusSubjectTest,
                          ::testing::Values("unicode-dfrws2009-rodeo.pst", "unicode-gopst-support-html.pst",
-                                           "unicode-hello-cjk.pst", "unicode-nocrypt-pst2john-quickquick.pst"),
+                                           "unicode-hello-cjk.pst",
+                                           "unicode-nocrypt-pst2john-quickquick.pst"),
                          [](const ::testing::TestParamInfo<const char*>& info) {
                              std::string name = info.param;
                              name = name.substr(0, name.find('.'));

@@ -114,7 +114,8 @@ TEST_P(LtpCorpusTest, ReadsFoldersContentsTablesAndMessages) {
             // ANSI stores index rows with 2-byte row numbers in 6-byte records; this reader's fixed
             // 8-byte stride reads such an index out of step, so most row ids are not found in it
             // (and one that is may map to a wrong row). Counted, not failed: the stride is deliberate.
-            const bool narrow_index = dynamic_cast<const basic_table<uint16_t>*>(contents.get_impl().get()) != nullptr;
+            const bool narrow_index =
+                dynamic_cast<const basic_table<uint16_t>*>(contents.get_impl().get()) != nullptr;
             table_rows[(info.id & ~0x1Fu) | 0x02] = contents.size();
             for (uint32_t row = 0; row < contents.size(); ++row) {
                 const const_table_row r = contents[row];

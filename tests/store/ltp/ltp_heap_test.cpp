@@ -52,8 +52,8 @@ TEST(HeapTest, AllocationsOnEveryPageReadBackInBothLayoutsAndEncodings) {
 TEST(HeapTest, SignaturesAreCheckedHeapFirstThenClient) {
     struct Case {
         uint8_t heap_sig, client_sig;
-        const char* plain;   // open without a client signature
-        const char* as_pc;   // open expecting 0xBC
+        const char* plain;  // open without a client signature
+        const char* as_pc;  // open expecting 0xBC
     };
     const Case cases[] = {
         {0xEC, 0xBC, "", ""},
@@ -67,7 +67,8 @@ TEST(HeapTest, SignaturesAreCheckedHeapFirstThenClient) {
         heap.SetRoot(heap.Allocate(ToBytes("x")));
         auto store = OpenNode(PstLayout::kUnicode, {heap.Finish(), {}}, 0x8022);
         EXPECT_EQ(MessageOf<ndb::sig_mismatch>([&] { heap_impl::open(store.node(0x8022)); }), c.plain);
-        EXPECT_EQ(MessageOf<ndb::sig_mismatch>([&] { heap_impl::open(store.node(0x8022), heap_sig_pc); }), c.as_pc);
+        EXPECT_EQ(MessageOf<ndb::sig_mismatch>([&] { heap_impl::open(store.node(0x8022), heap_sig_pc); }),
+                  c.as_pc);
     }
     // The error names the node, the byte found and the one expected.
     HeapWriter heap(PstLayout::kAnsi, 0x7C);
@@ -84,8 +85,10 @@ TEST(HeapTest, SignaturesAreCheckedHeapFirstThenClient) {
 
 TEST(HeapTest, DataTooShortForTheHeaderFailsWithTheNodeMessages) {
     // Sizes 0, 1, 11 and 12; 12 is exactly the header, whose root then reads as 0.
-    const std::pair<size_t, const char*> cases[] = {
-        {0, "offset >= size()"}, {1, "sizeof(T) + offset >= size()"}, {11, "sizeof(T) + offset >= size()"}, {12, ""}};
+    const std::pair<size_t, const char*> cases[] = {{0, "offset >= size()"},
+                                                    {1, "sizeof(T) + offset >= size()"},
+                                                    {11, "sizeof(T) + offset >= size()"},
+                                                    {12, ""}};
     for (const auto& [size, message] : cases) {
         Bytes data(size, std::byte{0});
         if (size > 2) data[2] = std::byte{0xEC};
@@ -117,7 +120,8 @@ TEST(HeapTest, AllocationBoundsAndTheirMessages) {
     EXPECT_EQ(MessageOf<std::length_error>([&] { h->read_alloc(one, 0, 0); }), "buffer.size() > size()");
 
     // The three length checks, in their order, and the exact fits beside them.
-    EXPECT_EQ(MessageOf<std::length_error>([&] { h->read_alloc(seven, small, 0); }), "buffer.size() > size()");
+    EXPECT_EQ(MessageOf<std::length_error>([&] { h->read_alloc(seven, small, 0); }),
+              "buffer.size() > size()");
     EXPECT_EQ(MessageOf<std::length_error>([&] { h->read_alloc({}, small, 7); }), "offset > size()");
     EXPECT_EQ(MessageOf<std::length_error>([&] { h->read_alloc(six, small, 1); }), "size + offset > size()");
     EXPECT_EQ(h->read_alloc({}, small, 6), 0u);
@@ -131,7 +135,8 @@ TEST(HeapTest, AllocationBoundsAndTheirMessages) {
     // page 0 that is padding (0), so the size is 0 minus the last end, near 4 GiB, and reading it is
     // refused; on the last page the map ends there, and our bound refuses the read of that word.
     EXPECT_EQ(h->alloc_size(0x60), 0u - 28u);
-    EXPECT_EQ(MessageOf<ndb::database_corrupt>([&] { h->read_whole(0x60); }), "heap allocation runs past its block");
+    EXPECT_EQ(MessageOf<ndb::database_corrupt>([&] { h->read_whole(0x60); }),
+              "heap allocation runs past its block");
     EXPECT_EQ(MessageOf<ndb::database_corrupt>([&] { h->alloc_size(0x10040); }),
               "heap page map ends before the allocation's offsets");
     // A page past the node's last fails in the node.
@@ -150,7 +155,8 @@ TEST(HeapTest, AllocationBoundsAndTheirMessages) {
     };
     const Damage damages[] = {
         {"page map offset past its page", page1, page1_size + 1, on_page_1, "page_map_offset > node size"},
-        {"page map offset at the page end", page1, page1_size, on_page_1, "heap page map is cut off by the end of its block"},
+        {"page map offset at the page end", page1, page1_size, on_page_1,
+         "heap page map is cut off by the end of its block"},
         {"end below start", map0 + 4 + 2, 10, small, "heap allocation runs past its block"},
         {"end past the page", map0 + 4 + 4, 9000, 0x40, "heap allocation runs past its block"},
     };

@@ -31,18 +31,18 @@ std::vector<std::byte> Drain(hnid_stream_device device) {
 // A property of each way of storing, with the value the writer put there.
 std::vector<PcProperty> Sample() {
     return {
-        {0x0017, 0x0003, Le(2, 4)},                              // 4-byte integer, in the entry
+        {0x0017, 0x0003, Le(2, 4)},  // 4-byte integer, in the entry
         {0x0E07, 0x0003, Le(0xDEADBEEF, 4)},
-        {0x0057, 0x000B, Le(1, 4)},                              // boolean
-        {0x3FDE, 0x0002, Le(0xFFFE, 2)},                         // 2-byte integer
-        {0x0039, 0x0040, Le(0x01D2C3B4A5968778ull, 8)},          // 8 bytes, through the heap
+        {0x0057, 0x000B, Le(1, 4)},                      // boolean
+        {0x3FDE, 0x0002, Le(0xFFFE, 2)},                 // 2-byte integer
+        {0x0039, 0x0040, Le(0x01D2C3B4A5968778ull, 8)},  // 8 bytes, through the heap
         {0x0037, 0x001F, Utf16(std::string_view("Subject line"))},
         {0x0C1A, 0x001E, ToBytes("Sender")},
-        {0x1000, 0x001F, PatternBytes(20000, 7)},                // too big for the heap: a subnode
-        {0x1013, 0x0102, PatternBytes(300, 8), true},            // small, but put in a subnode
-        {0x1009, 0x0102, PatternBytes(3580, 9)},                 // the largest heap allocation
-        {0x3701, 0x0102, {}},                                    // empty: HNID 0
-        {0x0E04, 0x001F, {}, true},                              // empty subnode
+        {0x1000, 0x001F, PatternBytes(20000, 7)},      // too big for the heap: a subnode
+        {0x1013, 0x0102, PatternBytes(300, 8), true},  // small, but put in a subnode
+        {0x1009, 0x0102, PatternBytes(3580, 9)},       // the largest heap allocation
+        {0x3701, 0x0102, {}},                          // empty: HNID 0
+        {0x0E04, 0x001F, {}, true},                    // empty subnode
     };
 }
 
@@ -64,7 +64,8 @@ TEST(PropertyBagTest, EveryAccessorReturnsWhatWasWritten) {
             EXPECT_EQ(bag.get_prop_type(p.id), p.type);
             if (IsInlineType(p.type)) {
                 uint32_t v = 0;
-                for (size_t i = 0; i < p.value.size(); ++i) v |= std::to_integer<uint32_t>(p.value[i]) << (8 * i);
+                for (size_t i = 0; i < p.value.size(); ++i)
+                    v |= std::to_integer<uint32_t>(p.value[i]) << (8 * i);
                 EXPECT_EQ(bag.get_value_4(p.id), v);
                 EXPECT_EQ(bag.get_value_2(p.id), static_cast<uint16_t>(v));
                 EXPECT_EQ(bag.get_value_1(p.id), static_cast<uint8_t>(v));
@@ -85,11 +86,13 @@ TEST(PropertyBagTest, EveryAccessorReturnsWhatWasWritten) {
 TEST(PropertyBagTest, ReadWstringWidensEightBitTextAndKeepsWhatIsStored) {
     const std::vector<PcProperty> props = {
         {0x0001, 0x001E, Bytes{std::byte{0x63}, std::byte{0x61}, std::byte{0x66}, std::byte{0xE9}}},
-        {0x0002, 0x001F, Bytes{std::byte{'a'}, std::byte{0}, std::byte{'b'}, std::byte{0}, std::byte{0x34},
-                               std::byte{0x12}, std::byte{0x7F}}},  // 7 bytes: 3 units
-        {0x0003, 0x001F, Utf16(std::u16string_view(u"hi\0", 3))},       // a stored terminator is kept
+        {0x0002, 0x001F,
+         Bytes{std::byte{'a'}, std::byte{0}, std::byte{'b'}, std::byte{0}, std::byte{0x34}, std::byte{0x12},
+               std::byte{0x7F}}},                                  // 7 bytes: 3 units
+        {0x0003, 0x001F, Utf16(std::u16string_view(u"hi\0", 3))},  // a stored terminator is kept
         {0x0004, 0x001E, Bytes{std::byte{'x'}, std::byte{0x80}, std::byte{0}}},
-        {0x0005, 0x0102, Bytes{std::byte{'o'}, std::byte{0}, std::byte{'k'}, std::byte{0}}},  // binary: UTF-16
+        {0x0005, 0x0102,
+         Bytes{std::byte{'o'}, std::byte{0}, std::byte{'k'}, std::byte{0}}},  // binary: UTF-16
     };
     auto store = OpenNode(PstLayout::kUnicode, WritePropertyContext(PstLayout::kUnicode, props));
     const property_bag bag(store.node(0x21));
@@ -103,9 +106,10 @@ TEST(PropertyBagTest, ReadWstringWidensEightBitTextAndKeepsWhatIsStored) {
 TEST(PropertyBagTest, StreamsSeekWithinTheirValueInBothModes) {
     const Bytes value = PatternBytes(9000, 3);
     const Bytes small = PatternBytes(100, 4);
-    auto store = OpenNode(PstLayout::kUnicode,
-                          WritePropertyContext(PstLayout::kUnicode, {{0x1000, 0x0102, value}, {0x1001, 0x0102, small},
-                                                                     {0x1002, 0x0102, {}}}));
+    auto store = OpenNode(
+        PstLayout::kUnicode,
+        WritePropertyContext(PstLayout::kUnicode,
+                             {{0x1000, 0x0102, value}, {0x1001, 0x0102, small}, {0x1002, 0x0102, {}}}));
     for (prop_id id : {prop_id{0x1000}, prop_id{0x1001}}) {
         const Bytes& expected = id == 0x1000 ? value : small;
         const std::streamoff size = static_cast<std::streamoff>(expected.size());
@@ -136,8 +140,9 @@ TEST(PropertyBagTest, StreamsSeekWithinTheirValueInBothModes) {
 }
 
 TEST(PropertyBagTest, FailuresACallerCanMeet) {
-    auto content = WritePropertyContext(PstLayout::kUnicode, {{0x0037, 0x001F, Utf16(std::string_view("s"))},
-                                                              {0x0039, 0x0040, Le(5, 3)}});  // 8-byte type, 3 bytes
+    auto content =
+        WritePropertyContext(PstLayout::kUnicode, {{0x0037, 0x001F, Utf16(std::string_view("s"))},
+                                                   {0x0039, 0x0040, Le(5, 3)}});  // 8-byte type, 3 bytes
     auto store = OpenNode(PstLayout::kUnicode, content);
     const property_bag bag(store.node(0x21));
     EXPECT_FALSE(bag.prop_exists(0x0E04));
@@ -167,10 +172,11 @@ TEST(PropertyBagTest, FailuresACallerCanMeet) {
     EXPECT_THROW(lost.prop_size(0x1000), key_not_found<uint32_t>);
 
     // A bag's copy skips the client signature; building one from a table's heap does not.
-    auto table_heap = WritePropertyContext(PstLayout::kUnicode, {{0x0037, 0x001F, Utf16(std::string_view("t"))}},
-                                           {.client_sig = kClientSigTc});
+    auto table_heap = WritePropertyContext(
+        PstLayout::kUnicode, {{0x0037, 0x001F, Utf16(std::string_view("t"))}}, {.client_sig = kClientSigTc});
     auto tc_store = OpenNode(PstLayout::kUnicode, table_heap);
-    EXPECT_EQ(MessageOf<ndb::sig_mismatch>([&] { property_bag b(tc_store.node(0x21)); }), "invalid client_sig");
+    EXPECT_EQ(MessageOf<ndb::sig_mismatch>([&] { property_bag b(tc_store.node(0x21)); }),
+              "invalid client_sig");
     const property_bag copy(bag);
     EXPECT_EQ(copy.read_wstring(0x0037), u"s");
     EXPECT_NE(copy.heap(), bag.heap());
@@ -199,7 +205,8 @@ TEST(PropertyBagTest, AnIndexThatRevisitsAnAllocationIsRefused) {
     auto store = OpenNode(PstLayout::kUnicode, {heap.Finish(), {}});
     const property_bag bag(store.node(0x21));
     EXPECT_EQ(bag.get_value_4(0x0037), 7u);
-    EXPECT_EQ(MessageOf<ndb::database_corrupt>([&] { bag.prop_list(); }), "property index reaches one allocation twice");
+    EXPECT_EQ(MessageOf<ndb::database_corrupt>([&] { bag.prop_list(); }),
+              "property index reaches one allocation twice");
 }
 
 }  // namespace

@@ -42,7 +42,8 @@ Bytes CompressedRtf(const std::string& rtf) {
     data.push_back(static_cast<std::byte>(end >> 8));
     data.push_back(static_cast<std::byte>(end & 0xFF));
     Bytes out = Le(data.size() + 12, 4);
-    for (uint64_t v : {uint64_t{rtf.size()}, uint64_t{0x75465A4C}, uint64_t{PstCrc(data.data(), data.size())}}) {
+    for (uint64_t v :
+         {uint64_t{rtf.size()}, uint64_t{0x75465A4C}, uint64_t{PstCrc(data.data(), data.size())}}) {
         const Bytes b = Le(v, 4);
         out.insert(out.end(), b.begin(), b.end());
     }
@@ -62,7 +63,8 @@ StoreDescription Sample(PstLayout layout) {
     StoreDescription d;
     d.layout = layout;
     d.encoding = unicode ? PstEncoding::kCyclic : PstEncoding::kPermute;
-    const std::vector<std::pair<std::string, size_t>> folders = {{"Inbox", 4}, {"Archive 2019", 3}, {"Empty", 0}};
+    const std::vector<std::pair<std::string, size_t>> folders = {
+        {"Inbox", 4}, {"Archive 2019", 3}, {"Empty", 0}};
     size_t i = 0;
     for (const auto& [name, count] : folders) {
         StoreFolder folder{name, {}};
@@ -76,9 +78,11 @@ StoreDescription Sample(PstLayout layout) {
             m.submit_time = 0x01D5C0DE00000000ull + i * 864000000000ull;
             m.importance = static_cast<uint32_t>(i % 3);
             m.body = StoreText(layout, BodyText(i));
-            if (i != 1) m.html = ToBytes("<html><body><p>Message " + std::to_string(i) + "</p></body></html>");
+            if (i != 1)
+                m.html = ToBytes("<html><body><p>Message " + std::to_string(i) + "</p></body></html>");
             if (i == 3) m.rtf_compressed = CompressedRtf(kRtfText);
-            if (i == 1) m.attachments.push_back({"report final.txt", "REPORT~1.TXT", PatternBytes(20000, 11)});
+            if (i == 1)
+                m.attachments.push_back({"report final.txt", "REPORT~1.TXT", PatternBytes(20000, 11)});
             if (i == 5) {
                 m.attachments.push_back({"a.bin", "A.BIN", ToBytes("first attachment")});
                 m.attachments.push_back({"b.bin", "B.BIN", PatternBytes(3000, 12)});
@@ -120,7 +124,8 @@ TEST(StoreWriterTest, OurReaderFindsEverythingThatWasWritten) {
         for (size_t f = 0; f < d.folders.size(); ++f) {
             SCOPED_TRACE(d.folders[f].name);
             EXPECT_EQ(hierarchy[static_cast<uint32_t>(f)].get_row_id(), map.folders[f]);
-            EXPECT_EQ(hierarchy[static_cast<uint32_t>(f)].read_wstring(0x3001), Expected16(layout, d.folders[f].name));
+            EXPECT_EQ(hierarchy[static_cast<uint32_t>(f)].read_wstring(0x3001),
+                      Expected16(layout, d.folders[f].name));
             const property_bag folder(store.node(map.folders[f]));
             EXPECT_EQ(folder.read_wstring(0x3001), Expected16(layout, d.folders[f].name));
             EXPECT_EQ(folder.get_value_4(0x3602), d.folders[f].messages.size());
@@ -159,10 +164,13 @@ TEST(StoreWriterTest, OurReaderFindsEverythingThatWasWritten) {
                 const table attachments(node.lookup(kAttachmentTableSubnode));
                 ASSERT_EQ(attachments.size(), m.attachments.size());
                 for (uint32_t a = 0; a < attachments.size(); ++a) {
-                    EXPECT_EQ(attachments[a].read_wstring(0x3707), Expected16(layout, m.attachments[a].long_name));
+                    EXPECT_EQ(attachments[a].read_wstring(0x3707),
+                              Expected16(layout, m.attachments[a].long_name));
                     const property_bag attachment(node.lookup(attachments[a].get_row_id()));
-                    EXPECT_EQ(attachment.read_wstring(0x3707), Expected16(layout, m.attachments[a].long_name));
-                    EXPECT_EQ(attachment.read_wstring(0x3704), Expected16(layout, m.attachments[a].short_name));
+                    EXPECT_EQ(attachment.read_wstring(0x3707),
+                              Expected16(layout, m.attachments[a].long_name));
+                    EXPECT_EQ(attachment.read_wstring(0x3704),
+                              Expected16(layout, m.attachments[a].short_name));
                     EXPECT_EQ(Drain(attachment.open_prop_stream(0x3701)), m.attachments[a].data);
                 }
             }
@@ -172,11 +180,14 @@ TEST(StoreWriterTest, OurReaderFindsEverythingThatWasWritten) {
 
 // ---- Black-box readers ------------------------------------------------------------------------
 
-bool HaveTool(const char* name) { return std::system((std::string("command -v ") + name + " >/dev/null 2>&1").c_str()) == 0; }
+bool HaveTool(const char* name) {
+    return std::system((std::string("command -v ") + name + " >/dev/null 2>&1").c_str()) == 0;
+}
 
 std::string Unhex(const std::string& hex) {
     std::string out;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) out.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        out.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
     return out;
 }
 
@@ -210,8 +221,8 @@ std::string Join(std::vector<std::string> names) {
 }
 
 void PrintTo(const Seen& s, std::ostream* os) {
-    *os << "{" << s.subject << " | " << s.plain.size() << " plain bytes | " << s.html << " | " << s.attachments << " | "
-        << s.rtf << "}";
+    *os << "{" << s.subject << " | " << s.plain.size() << " plain bytes | " << s.html << " | "
+        << s.attachments << " | " << s.rtf << "}";
 }
 
 // The writer's side: subjects, the text the plain bodies were made from, HTML, attachment names
@@ -223,7 +234,8 @@ FolderView Model(const StoreDescription& d, bool with_rtf) {
     for (const StoreFolder& f : d.folders) {
         for (const StoreMessage& m : f.messages) {
             Seen s{*m.subject, Lf(BodyText(i++)), "", ""};
-            if (m.html) s.html = Lf(std::string(reinterpret_cast<const char*>(m.html->data()), m.html->size()));
+            if (m.html)
+                s.html = Lf(std::string(reinterpret_cast<const char*>(m.html->data()), m.html->size()));
             std::vector<std::string> names;
             for (const StoreAttachment& a : m.attachments) names.push_back(a.long_name);
             s.attachments = Join(names);
@@ -238,15 +250,17 @@ FolderView Model(const StoreDescription& d, bool with_rtf) {
 class OracleTest : public ::testing::TestWithParam<PstLayout> {};
 
 TEST_P(OracleTest, ReadpstSeesTheSameFoldersSubjectsBodiesAndAttachments) {
-    if (!HaveTool("readpst") || !HaveTool("python3")) GTEST_SKIP() << "readpst (pst-utils) or python3 is not installed";
+    if (!HaveTool("readpst") || !HaveTool("python3"))
+        GTEST_SKIP() << "readpst (pst-utils) or python3 is not installed";
     const StoreDescription d = Sample(GetParam());
     tarn::testing::ScratchDir dir;
     const fs::path pst = dir.Write("sample.pst", WritePst(DescribeStore(d)).bytes);
     fs::create_directory(dir.path() / "out");
     // -e: one .eml per message in a folder tree; -b: no RTF body attachments; -8: UTF-8 bodies.
-    const std::string run = "readpst -q -D -b -8 -e -o '" + (dir.path() / "out").string() + "' '" + pst.string() +
-                            "' >/dev/null 2>&1 && python3 '" TARN_SOURCE_DIR "/tests/store/ltp/eml_digest.py' '" +
-                            (dir.path() / "out").string() + "' > '" + (dir.path() / "digest.txt").string() + "'";
+    const std::string run =
+        "readpst -q -D -b -8 -e -o '" + (dir.path() / "out").string() + "' '" + pst.string() +
+        "' >/dev/null 2>&1 && python3 '" TARN_SOURCE_DIR "/tests/store/ltp/eml_digest.py' '" +
+        (dir.path() / "out").string() + "' > '" + (dir.path() / "digest.txt").string() + "'";
     ASSERT_EQ(std::system(run.c_str()), 0) << run;
     FolderView seen;
     std::istringstream lines(Read(dir.path() / "digest.txt"));
@@ -271,7 +285,8 @@ TEST_P(OracleTest, PffexportSeesTheSameFoldersSubjectsBodiesAndAttachments) {
     tarn::testing::ScratchDir dir;
     const fs::path pst = dir.Write("sample.pst", WritePst(DescribeStore(d)).bytes);
     const fs::path out = dir.path() / "out";
-    const std::string run = "pffexport -q -f all -m items -t '" + out.string() + "' '" + pst.string() + "' >/dev/null 2>&1";
+    const std::string run =
+        "pffexport -q -f all -m items -t '" + out.string() + "' '" + pst.string() + "' >/dev/null 2>&1";
     ASSERT_EQ(std::system(run.c_str()), 0) << run;
     FolderView seen;
     const fs::path top = out.string() + ".export/Top of Personal Folders";
@@ -281,14 +296,16 @@ TEST_P(OracleTest, PffexportSeesTheSameFoldersSubjectsBodiesAndAttachments) {
             Seen s;
             std::istringstream headers(Read(item.path() / "OutlookHeaders.txt"));
             for (std::string line; std::getline(headers, line);) {
-                if (line.rfind("Subject:", 0) == 0) s.subject = line.substr(std::min(line.size(), line.find_first_not_of('\t', 8)));
+                if (line.rfind("Subject:", 0) == 0)
+                    s.subject = line.substr(std::min(line.size(), line.find_first_not_of('\t', 8)));
             }
             if (fs::exists(item.path() / "Message.txt")) s.plain = Lf(Read(item.path() / "Message.txt"));
             if (fs::exists(item.path() / "Message.rtf")) s.rtf = Read(item.path() / "Message.rtf");
             if (fs::exists(item.path() / "Message.html")) s.html = Lf(Read(item.path() / "Message.html"));
             std::vector<std::string> names;
             if (fs::exists(item.path() / "Attachments")) {
-                for (const auto& a : fs::directory_iterator(item.path() / "Attachments")) names.push_back(a.path().filename().string());
+                for (const auto& a : fs::directory_iterator(item.path() / "Attachments"))
+                    names.push_back(a.path().filename().string());
             }
             // Files are named "N_name", N counted from 1 in attachment order.
             for (std::string& n : names) n = n.substr(n.find('_') + 1);
@@ -302,7 +319,8 @@ TEST_P(OracleTest, PffexportSeesTheSameFoldersSubjectsBodiesAndAttachments) {
 
 INSTANTIATE_TEST_SUITE_P(BothLayouts, OracleTest, ::testing::Values(PstLayout::kAnsi, PstLayout::kUnicode),
                          [](const ::testing::TestParamInfo<PstLayout>& info) {
-                             return info.param == PstLayout::kAnsi ? std::string("Ansi") : std::string("Unicode");
+                             return info.param == PstLayout::kAnsi ? std::string("Ansi")
+                                                                   : std::string("Unicode");
                          });
 
 }  // namespace

@@ -69,16 +69,19 @@ TEST(TableTest, EveryCellOfEveryRowReadsBack) {
                 const size_t count = in_subnode ? 30 : 20;
                 const std::vector<TcRow> rows = Rows(count);
                 // A 2-byte row index is written with the 8-byte stride this reader takes.
-                TcOptions options{.matrix_in_subnode = in_subnode, .row_index_entry_size = width,
+                TcOptions options{.matrix_in_subnode = in_subnode,
+                                  .row_index_entry_size = width,
                                   .stride = width == 2 ? BthStride::kFixed8 : BthStride::kFile};
                 auto store = OpenNode(layout, WriteTableContext(layout, kColumns, rows, options), 0x802E,
                                       PstEncoding::kCyclic);
                 const table t(store.node(0x802E));
-                EXPECT_EQ(dynamic_cast<const basic_table<uint16_t>*>(t.get_impl().get()) != nullptr, width == 2);
+                EXPECT_EQ(dynamic_cast<const basic_table<uint16_t>*>(t.get_impl().get()) != nullptr,
+                          width == 2);
                 ASSERT_EQ(t.size(), count);
                 std::set<prop_id> columns;
                 for (prop_id id : t.get_impl()->column_list()) columns.insert(id);
-                EXPECT_EQ(columns, (std::set<prop_id>{0x67F2, 0x67F3, 0x0E08, 0x0017, 0x0039, 0x3FDE, 0x0057, 0x0037, 0x1013}));
+                EXPECT_EQ(columns, (std::set<prop_id>{0x67F2, 0x67F3, 0x0E08, 0x0017, 0x0039, 0x3FDE, 0x0057,
+                                                      0x0037, 0x1013}));
                 for (uint32_t r = 0; r < count; ++r) {
                     SCOPED_TRACE(r);
                     const const_table_row row = t[r];
@@ -126,8 +129,8 @@ TEST(TableTest, SubnodeMatrixRowsNeverCrossABlock) {
     const size_t per_block = LeafDataSize(PstLayout::kUnicode) / where.row_size;
     std::vector<TcRow> rows;
     for (uint32_t r = 0; r < 2 * per_block + 3; ++r) rows.push_back({r * 8 + 4, {{0x1001, Le(r * 7, 8)}}});
-    auto store = OpenNode(PstLayout::kUnicode,
-                          WriteTableContext(PstLayout::kUnicode, wide, rows, {.matrix_in_subnode = true}, &where));
+    auto store = OpenNode(PstLayout::kUnicode, WriteTableContext(PstLayout::kUnicode, wide, rows,
+                                                                 {.matrix_in_subnode = true}, &where));
     const table t(store.node(0x21));
     EXPECT_EQ(t.size(), rows.size());
     EXPECT_EQ(where.rows_per_block, per_block);
@@ -140,7 +143,7 @@ TEST(TableTest, SubnodeMatrixRowsNeverCrossABlock) {
 
 struct Damage {
     const char* what;
-    size_t at;        // offset in the table info (or, with `in_heap_header`, in the node data)
+    size_t at;  // offset in the table info (or, with `in_heap_header`, in the node data)
     uint64_t value;
     size_t width;
 };
@@ -167,10 +170,14 @@ TEST(TableTest, FailuresOfTheFormatsRules) {
     // The gust table is refused before its node is read: it is not even in this store.
     auto sound = Damaged({"none", 0, 0, 0});
     node_id gust = kGustTableNodeId;
-    EXPECT_EQ(MessageOf<ndb::not_implemented>([&] { open_table(ndb::node(sound.db, {gust, 0, 0, 0})); }), "gust table");
+    EXPECT_EQ(MessageOf<ndb::not_implemented>([&] {
+                  open_table(ndb::node(sound.db, {gust, 0, 0, 0}));
+              }),
+              "gust table");
 
     const table t(sound.node(0x21));
-    EXPECT_EQ(MessageOf<std::out_of_range>([&] { t.get_impl()->get_cell_value(4, 0x0E08); }), "row >= size()");
+    EXPECT_EQ(MessageOf<std::out_of_range>([&] { t.get_impl()->get_cell_value(4, 0x0E08); }),
+              "row >= size()");
     EXPECT_EQ(MessageOf<std::out_of_range>([&] { t.get_impl()->cell_exists(4, 0x0E08); }), "row >= size()");
     EXPECT_FALSE(t.get_impl()->cell_exists(4, 0x4444));  // no column: false before the row is checked
     try {
@@ -196,7 +203,8 @@ TEST(TableTest, FailuresOfTheFormatsRules) {
     // A cell size of 3 fails for that column only.
     auto odd = Damaged({"cbData 3", DescriptorField(0x0017, 6), 3, 1});
     const table o(odd.node(0x21));
-    EXPECT_EQ(MessageOf<ndb::database_corrupt>([&] { o[1].get_value_4(0x0017); }), "get_cell_value: invalid cell size");
+    EXPECT_EQ(MessageOf<ndb::database_corrupt>([&] { o[1].get_value_4(0x0017); }),
+              "get_cell_value: invalid cell size");
     EXPECT_EQ(o[1].get_value_4(0x0E08), 1001u);
 
     // A later descriptor with the same id replaces the earlier one.

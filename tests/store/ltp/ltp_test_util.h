@@ -45,7 +45,9 @@ inline OpenStore OpenNode(PstLayout layout, const fixture::LtpNodeData& content,
 // Offset in node data of the allocation `hid` (block start plus rgibAlloc), read from the page map.
 inline size_t AllocOffset(const Bytes& data, uint32_t hid, PstLayout layout) {
     const size_t block = size_t{hid >> 16} * fixture::LeafDataSize(layout);
-    auto le16 = [&](size_t at) { return std::to_integer<size_t>(data.at(at)) | std::to_integer<size_t>(data.at(at + 1)) << 8; };
+    auto le16 = [&](size_t at) {
+        return std::to_integer<size_t>(data.at(at)) | std::to_integer<size_t>(data.at(at + 1)) << 8;
+    };
     const size_t map = block + le16(block);
     return block + le16(map + 4 + 2 * (((hid >> 5) & 0x7FF) - 1));
 }
