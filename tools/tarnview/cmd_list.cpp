@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <exception>
 #include <iostream>
 #include <map>
 #include <optional>
@@ -69,7 +70,14 @@ int RunList(const Args& args) {
     if (!options) return 2;
     const bool progress = isatty(STDERR_FILENO) != 0;
 
-    const tarn::ndb::db_ptr db = tarn::ndb::open_database(tarn::host::WideFromUtf8(options->file));
+    tarn::ndb::db_ptr db;
+    try {
+        db = tarn::ndb::open_database(tarn::host::WideFromUtf8(options->file));
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "tarnview list: %s: not a readable PST store: %s\n", options->file.c_str(),
+                     e.what());
+        return 1;
+    }
     std::map<tarn::ndb::node_id, std::string> folder_names;
     std::vector<Entry> entries;
     int32_t running = 0;
