@@ -10,6 +10,7 @@
 #include "cfb/compound_stream.h"
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn.h"
+#include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
 #include "tools/tarnview/json.h"
 
@@ -29,30 +30,10 @@ struct Options {
 };
 
 std::optional<Options> Parse(const Args& args) {
-    Options options;
-    for (const auto& a : args) {
-        if (a == "--json") {
-            options.json = true;
-        } else if (a.size() > 1 && a[0] == '-') {
-            std::fprintf(stderr, "tarnview cfb: unknown option '%s' (try --help)\n", a.c_str());
-            return std::nullopt;
-        } else if (options.file.empty()) {
-            options.file = a;
-        } else if (!options.path) {
-            options.path = a;
-        } else {
-            std::fprintf(stderr, "tarnview cfb: one FILE and at most one PATH (try --help)\n");
-            return std::nullopt;
-        }
-    }
-    if (options.file.empty()) {
-        std::fprintf(stderr, "tarnview cfb: FILE is missing (try --help)\n");
-        return std::nullopt;
-    }
-    if (options.json && options.path) {
-        std::fprintf(stderr, "tarnview cfb: --json lists the directory; leave out PATH\n");
-        return std::nullopt;
-    }
+    const auto parsed = ParseArguments(args, {"cfb", {"--json"}, {}, {"FILE"}, {"PATH"}});
+    if (!parsed) return std::nullopt;
+    Options options{parsed->positional[0], std::nullopt, parsed->Has("--json")};
+    if (parsed->positional.size() > 1) options.path = parsed->positional[1];
     return options;
 }
 

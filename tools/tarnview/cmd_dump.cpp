@@ -12,6 +12,7 @@
 #include "common/store_file.h"
 #include "store/ndb/database.h"
 #include "store/ndb/format.h"
+#include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
 #include "tools/tarnview/json.h"
 
@@ -27,25 +28,9 @@ struct Options {
 };
 
 std::optional<Options> Parse(const Args& args) {
-    Options options;
-    for (const auto& a : args) {
-        if (a == "--json") {
-            options.json = true;
-        } else if (a.size() > 1 && a[0] == '-') {
-            std::fprintf(stderr, "tarnview dump: unknown option '%s' (try --help)\n", a.c_str());
-            return std::nullopt;
-        } else if (options.file.empty()) {
-            options.file = a;
-        } else {
-            std::fprintf(stderr, "tarnview dump: one FILE only (try --help)\n");
-            return std::nullopt;
-        }
-    }
-    if (options.file.empty()) {
-        std::fprintf(stderr, "tarnview dump: FILE is missing (try --help)\n");
-        return std::nullopt;
-    }
-    return options;
+    const auto parsed = ParseArguments(args, {"dump", {"--json"}, {}, {"FILE"}, {}});
+    if (!parsed) return std::nullopt;
+    return Options{parsed->positional[0], parsed->Has("--json")};
 }
 
 // UTF-8 to UTF-16 for the path; invalid sequences become U+FFFD, which then fails to open cleanly.

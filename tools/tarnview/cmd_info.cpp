@@ -12,6 +12,7 @@
 #include "kernel/tarnkrn.h"
 #include "kernel/tarnkrn_control.h"
 #include "pst/probe.h"
+#include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
 #include "tools/tarnview/filter_library.h"
 #include "tools/tarnview/json.h"
@@ -41,37 +42,12 @@ struct Options {
     bool json = false;
 };
 
-// Parses the arguments; prints the reason and returns nothing on a usage error.
 std::optional<Options> Parse(const Args& args) {
-    Options options;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        if (a == "--json") {
-            options.json = true;
-        } else if (a == "--message") {
-            if (i + 1 >= args.size()) {
-                std::fprintf(stderr, "tarnview info: --message needs a number\n");
-                return std::nullopt;
-            }
-            if (!ParseMessageNumber(args[++i], &options.message)) {
-                std::fprintf(stderr, "tarnview info: --message: '%s' is not a number\n", args[i].c_str());
-                return std::nullopt;
-            }
-        } else if (a.size() > 1 && a[0] == '-') {
-            std::fprintf(stderr, "tarnview info: unknown option '%s' (try --help)\n", a.c_str());
-            return std::nullopt;
-        } else if (options.file.empty()) {
-            options.file = a;
-        } else {
-            std::fprintf(stderr, "tarnview info: one FILE only (try --help)\n");
-            return std::nullopt;
-        }
-    }
-    if (options.file.empty()) {
-        std::fprintf(stderr, "tarnview info: FILE is missing (try --help)\n");
-        return std::nullopt;
-    }
-    return options;
+    const auto parsed = ParseArguments(args, {"info", {"--json"}, {"--message"}, {"FILE"}, {}});
+    if (!parsed) return std::nullopt;
+    const auto message = MessageNumber(*parsed, "info");
+    if (!message) return std::nullopt;
+    return Options{parsed->positional[0], *message, parsed->Has("--json")};
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include "pst/message_walk.h"
 #include "store/ltp/property_bag.h"
 #include "store/ndb/database.h"
+#include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
 #include "tools/tarnview/json.h"
 
@@ -30,25 +31,9 @@ struct Options {
 };
 
 std::optional<Options> Parse(const Args& args) {
-    Options options;
-    for (const std::string& a : args) {
-        if (a == "--json") {
-            options.json = true;
-        } else if (a.size() > 1 && a[0] == '-') {
-            std::fprintf(stderr, "tarnview list: unknown option '%s' (try --help)\n", a.c_str());
-            return std::nullopt;
-        } else if (options.file.empty()) {
-            options.file = a;
-        } else {
-            std::fprintf(stderr, "tarnview list: one FILE only (try --help)\n");
-            return std::nullopt;
-        }
-    }
-    if (options.file.empty()) {
-        std::fprintf(stderr, "tarnview list: FILE is missing (try --help)\n");
-        return std::nullopt;
-    }
-    return options;
+    const auto parsed = ParseArguments(args, {"list", {"--json"}, {}, {"FILE"}, {}});
+    if (!parsed) return std::nullopt;
+    return Options{parsed->positional[0], parsed->Has("--json")};
 }
 
 struct Entry {

@@ -11,6 +11,7 @@
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn_control.h"
 #include "pst/filter_data.h"
+#include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
 #include "tools/tarnview/filter_library.h"
 
@@ -28,37 +29,11 @@ struct Options {
 };
 
 std::optional<Options> Parse(const Args& args) {
-    Options options;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        if (a == "--text") {
-            options.text = true;
-        } else if (a == "--message" || a == "-o") {
-            if (i + 1 >= args.size()) {
-                std::fprintf(stderr, "tarnview render: %s needs a value\n", a.c_str());
-                return std::nullopt;
-            }
-            if (a == "-o") {
-                options.out = args[++i];
-            } else if (!ParseMessageNumber(args[++i], &options.message)) {
-                std::fprintf(stderr, "tarnview render: --message: '%s' is not a number\n", args[i].c_str());
-                return std::nullopt;
-            }
-        } else if (a.size() > 1 && a[0] == '-') {
-            std::fprintf(stderr, "tarnview render: unknown option '%s' (try --help)\n", a.c_str());
-            return std::nullopt;
-        } else if (options.file.empty()) {
-            options.file = a;
-        } else {
-            std::fprintf(stderr, "tarnview render: one FILE only (try --help)\n");
-            return std::nullopt;
-        }
-    }
-    if (options.file.empty()) {
-        std::fprintf(stderr, "tarnview render: FILE is missing (try --help)\n");
-        return std::nullopt;
-    }
-    return options;
+    const auto parsed = ParseArguments(args, {"render", {"--text"}, {"--message", "-o"}, {"FILE"}, {}});
+    if (!parsed) return std::nullopt;
+    const auto message = MessageNumber(*parsed, "render");
+    if (!message) return std::nullopt;
+    return Options{parsed->positional[0], *message, parsed->Has("--text"), parsed->Value("-o").value_or("")};
 }
 
 const char* Extension(int32_t format) {

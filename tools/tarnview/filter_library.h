@@ -35,15 +35,6 @@ inline bool LoadFilter(const std::string& path, tarn::host::EntryPoints* entries
     return true;
 }
 
-// Parses a message number as the toolkit's 32-bit field; false when it is not one.
-inline bool ParseMessageNumber(const std::string& text, int32_t* number) {
-    char* end = nullptr;
-    const long long value = std::strtoll(text.c_str(), &end, 10);
-    if (end == text.c_str() || *end != '\0' || value < INT32_MIN || value > INT32_MAX) return false;
-    *number = static_cast<int32_t>(value);
-    return true;
-}
-
 }  // namespace tarnview
 
 #endif  // TARN_TOOLS_TARNVIEW_FILTER_LIBRARY_H_

@@ -1,0 +1,46 @@
+// The one argument parser of tarnview's subcommands: flags, options that take a value, and a bounded
+// number of positional arguments, with the same one-line usage errors for every command.
+#ifndef TARN_TOOLS_TARNVIEW_ARGUMENTS_H_
+#define TARN_TOOLS_TARNVIEW_ARGUMENTS_H_
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tools/tarnview/commands.h"
+
+namespace tarnview {
+
+struct ArgumentSpec {
+    const char* command;                // "info", for messages
+    std::set<std::string> flags;        // "--json", ...
+    std::set<std::string> valued;       // "--message", "-o", ...: each takes the next argument
+    std::vector<const char*> required;  // names of the positional arguments that must be there
+    std::vector<const char*> optional;  // names of those that may follow them
+};
+
+struct ParsedArguments {
+    std::vector<std::string> positional;
+    std::set<std::string> flags;
+    std::map<std::string, std::string> values;
+
+    bool Has(const std::string& flag) const { return flags.count(flag) != 0; }
+    std::optional<std::string> Value(const std::string& option) const {
+        auto it = values.find(option);
+        if (it == values.end()) return std::nullopt;
+        return it->second;
+    }
+};
+
+// The parsed arguments, or nothing after printing the reason on stderr.
+std::optional<ParsedArguments> ParseArguments(const Args& args, const ArgumentSpec& spec);
+
+// The value of a message-number option (default `fallback`), or nothing after printing the reason.
+std::optional<int32_t> MessageNumber(const ParsedArguments& parsed, const char* command, int32_t fallback = 1);
+
+}  // namespace tarnview
+
+#endif  // TARN_TOOLS_TARNVIEW_ARGUMENTS_H_
