@@ -23,6 +23,7 @@
 #include "store/ltp/property_bag.h"
 #include "store/ndb/database.h"
 #include "tests/pst/store_fixture.h"
+#include "tests/support/test_util.h"
 
 namespace tarn::testing {
 namespace {
@@ -251,11 +252,7 @@ const CorpusCase kCorpus[] = {
 
 INSTANTIATE_TEST_SUITE_P(SharedCorpus, PstCorpus, ::testing::ValuesIn(kCorpus),
                          [](const ::testing::TestParamInfo<CorpusCase>& info) {
-                             std::string name = info.param.file;
-                             name = name.substr(0, name.find('.'));
-                             for (char& ch : name)
-                                 if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
-                             return name;
+                             return tarn::testing::CorpusCaseName(info.param.file);
                          });
 
 }  // namespace

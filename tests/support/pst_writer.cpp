@@ -458,9 +458,8 @@ void PstImage::Truncate(size_t size) { bytes.resize(std::min(size, bytes.size())
 PstImage WritePst(const PstDescription& description) { return Writer(description).Run(); }
 
 Bytes ToBytes(std::string_view text) {
-    Bytes out(text.size());
-    std::memcpy(out.data(), text.data(), text.size());
-    return out;
+    const auto* bytes = reinterpret_cast<const std::byte*>(text.data());
+    return Bytes(bytes, bytes + text.size());
 }
 
 Bytes PatternBytes(size_t size, uint32_t seed) {

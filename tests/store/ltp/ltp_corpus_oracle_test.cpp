@@ -14,6 +14,7 @@
 #include "store/ltp/property_bag.h"
 #include "store/ndb/database.h"
 #include "tests/support/scratch_file.h"
+#include "tests/support/test_util.h"
 
 namespace {
 
@@ -90,11 +91,7 @@ INSTANTIATE_TEST_SUITE_P(UnicodeCorpus, CorpusSubjectTest,
                                            "unicode-hello-cjk.pst",
                                            "unicode-nocrypt-pst2john-quickquick.pst"),
                          [](const ::testing::TestParamInfo<const char*>& info) {
-                             std::string name = info.param;
-                             name = name.substr(0, name.find('.'));
-                             for (char& ch : name)
-                                 if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
-                             return name;
+                             return tarn::testing::CorpusCaseName(info.param);
                          });
 
 }  // namespace

@@ -56,8 +56,8 @@ TEST(HeapTest, SignaturesAreCheckedHeapFirstThenClient) {
         const char* as_pc;  // open expecting 0xBC
     };
     const Case cases[] = {
-        {0xEC, 0xBC, "", ""},
-        {0xEC, 0x7C, "", "invalid client_sig"},
+        {0xEC, 0xBC, "(no error)", "(no error)"},
+        {0xEC, 0x7C, "(no error)", "invalid client_sig"},
         {0xED, 0x7C, "invalid heap_sig", "invalid heap_sig"},
         {0x00, 0xBC, "invalid heap_sig", "invalid heap_sig"},
     };
@@ -88,7 +88,7 @@ TEST(HeapTest, DataTooShortForTheHeaderFailsWithTheNodeMessages) {
     const std::pair<size_t, const char*> cases[] = {{0, "offset >= size()"},
                                                     {1, "sizeof(T) + offset >= size()"},
                                                     {11, "sizeof(T) + offset >= size()"},
-                                                    {12, ""}};
+                                                    {12, "(no error)"}};
     for (const auto& [size, message] : cases) {
         Bytes data(size, std::byte{0});
         if (size > 2) data[2] = std::byte{0xEC};

@@ -12,6 +12,7 @@
 #include "store/ndb/database.h"
 #include "tests/support/ltp_writer.h"
 #include "tests/support/pst_writer.h"
+#include "tests/support/test_util.h"
 
 namespace tarn::testing {
 
@@ -54,17 +55,6 @@ inline size_t AllocOffset(const Bytes& data, uint32_t hid, PstLayout layout) {
 
 inline void Put(Bytes& data, size_t at, uint64_t value, size_t width) {
     for (size_t i = 0; i < width; ++i) data.at(at + i) = static_cast<std::byte>((value >> (8 * i)) & 0xFF);
-}
-
-// Runs `f` and returns the message of the exception of type E it throws ("" when none is thrown).
-template <typename E>
-std::string MessageOf(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.what();
-    }
-    return "";
 }
 
 }  // namespace tarn::testing

@@ -9,22 +9,16 @@
 #include "store/ndb/database.h"
 #include "store/ndb/format.h"
 #include "tests/support/pst_writer.h"
+#include "tests/support/test_util.h"
 
 namespace {
+
+using tarn::testing::MessageOf;
 
 using namespace tarn::ndb;
 using namespace tarn::fixture;
 namespace fmt = tarn::ndb::format;
 
-template <typename E>
-std::string MessageOf(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.what();
-    }
-    return "(no error)";
-}
 
 size_t MaxData(PstLayout layout) { return layout == PstLayout::kAnsi ? 8180 : 8176; }
 

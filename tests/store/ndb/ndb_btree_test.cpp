@@ -9,22 +9,16 @@
 #include "store/ndb/database.h"
 #include "store/ndb/format.h"
 #include "tests/support/pst_writer.h"
+#include "tests/support/test_util.h"
 
 namespace {
+
+using tarn::testing::MessageOf;
 
 using namespace tarn::ndb;
 using namespace tarn::fixture;
 namespace fmt = tarn::ndb::format;
 
-template <typename E>
-std::string MessageOf(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.what();
-    }
-    return "(no error)";
-}
 
 // Node ids 0x22, 0x42, 0x62, ... (type 2, as folders): room below, between and above for misses.
 PstDescription Nodes(PstLayout layout, size_t count, size_t fanout) {

@@ -9,6 +9,7 @@
 
 #include "store/ndb/database.h"
 #include "store/ndb/database_impl.h"
+#include "tests/support/test_util.h"
 
 namespace {
 
@@ -389,11 +390,7 @@ const CorpusCase kCorpus[] = {
 
 INSTANTIATE_TEST_SUITE_P(SharedCorpus, CorpusTest, ::testing::ValuesIn(kCorpus),
                          [](const ::testing::TestParamInfo<CorpusCase>& info) {
-                             std::string name = info.param.file;
-                             name = name.substr(0, name.find('.'));
-                             for (char& ch : name)
-                                 if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
-                             return name;
+                             return tarn::testing::CorpusCaseName(info.param.file);
                          });
 
 }  // namespace

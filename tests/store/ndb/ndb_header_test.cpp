@@ -12,8 +12,11 @@
 #include "store/ndb/format.h"
 #include "store/ndb/signature.h"
 #include "tests/support/pst_writer.h"
+#include "tests/support/test_util.h"
 
 namespace {
+
+using tarn::testing::MessageOf;
 
 using namespace tarn::ndb;
 using namespace tarn::fixture;
@@ -29,15 +32,6 @@ bool IsUnicode(const std::shared_ptr<db_context>& db) {
     return dynamic_cast<database_impl<uint64_t>*>(db.get()) != nullptr;
 }
 
-template <typename E>
-std::string MessageOf(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.what();
-    }
-    return "(no error)";
-}
 
 TEST(NdbHeader, VersionAloneDecidesTheLayout) {
     // Versions 14 and 15 (and anything below 20) are ANSI; 20 and up Unicode. Each header is written

@@ -8,21 +8,15 @@
 #include "kernel/tarnkrn_control.h"
 #include "store/ndb/database.h"
 #include "tests/support/pst_writer.h"
+#include "tests/support/test_util.h"
 
 namespace {
+
+using tarn::testing::MessageOf;
 
 using namespace tarn::ndb;
 using namespace tarn::fixture;
 
-template <typename E>
-std::string MessageOf(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.what();
-    }
-    return "(no error)";
-}
 
 // A message-like node: `count` subnodes with ids 0x1F, 0x3F, ...; the first one has two subnodes of
 // its own (an attachment holding an embedded message's parts), one of which is large.
