@@ -7,6 +7,7 @@
 
 #include "common/filterdata.h"
 #include "common/status.h"
+#include "platform/unicode.h"
 
 namespace tarn::host {
 namespace {
@@ -297,46 +298,7 @@ CallOutcome SourceSession::ReleaseSlot(const EntryPoints& entries) {
     return outcome;
 }
 
-std::u16string WideFromUtf8(const std::string& text) {
-    std::u16string out;
-    size_t i = 0;
-    while (i < text.size()) {
-        const auto b0 = static_cast<unsigned char>(text[i]);
-        char32_t c = 0xFFFD;
-        size_t extra = 0;
-        if (b0 < 0x80) {
-            c = b0;
-        } else if ((b0 & 0xE0) == 0xC0) {
-            c = b0 & 0x1F, extra = 1;
-        } else if ((b0 & 0xF0) == 0xE0) {
-            c = b0 & 0x0F, extra = 2;
-        } else if ((b0 & 0xF8) == 0xF0) {
-            c = b0 & 0x07, extra = 3;
-        }
-        size_t used = 1;
-        bool valid = b0 < 0x80 || extra > 0;
-        for (size_t k = 0; valid && k < extra; ++k) {
-            if (i + 1 + k >= text.size() || (static_cast<unsigned char>(text[i + 1 + k]) & 0xC0) != 0x80) {
-                valid = false;
-                break;
-            }
-            c = (c << 6) | (static_cast<unsigned char>(text[i + 1 + k]) & 0x3F);
-            ++used;
-        }
-        if (!valid || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) {
-            c = 0xFFFD;
-            used = 1;
-        }
-        if (c >= 0x10000) {
-            out += static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10));
-            out += static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF));
-        } else {
-            out += static_cast<char16_t>(c);
-        }
-        i += used;
-    }
-    return out;
-}
+std::u16string WideFromUtf8(const std::string& text) { return platform::Utf16FromUtf8(text); }
 
 std::string Utf8FromWide(const char16_t* text) {
     if (text == nullptr) return {};

@@ -1,4 +1,5 @@
 #include "tests/support/store_writer.h"
+#include "platform/unicode.h"
 
 #include <utility>
 
@@ -270,26 +271,7 @@ class Builder {
 
 }  // namespace
 
-std::u16string Utf8ToUtf16(const std::string& utf8) {
-    // Enough for fixtures: well-formed UTF-8 decodes; a truncated sequence is taken byte by byte.
-    std::u16string out;
-    for (size_t i = 0; i < utf8.size();) {
-        const unsigned char c = static_cast<unsigned char>(utf8[i]);
-        size_t length = c < 0x80 ? 1 : c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC0 ? 2 : 1;
-        if (i + length > utf8.size()) length = 1;
-        uint32_t cp = length == 1 ? c : c & (0xFFu >> (length + 1));
-        for (size_t k = 1; k < length; ++k) cp = (cp << 6) | (static_cast<unsigned char>(utf8[i + k]) & 0x3F);
-        i += length;
-        if (cp >= 0x10000) {
-            cp -= 0x10000;
-            out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
-            out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
-        } else {
-            out.push_back(static_cast<char16_t>(cp));
-        }
-    }
-    return out;
-}
+std::u16string Utf8ToUtf16(const std::string& utf8) { return platform::Utf16FromUtf8(utf8); }
 
 Bytes StoreText(PstLayout layout, const std::string& utf8) {
     if (utf8.empty()) return {};
