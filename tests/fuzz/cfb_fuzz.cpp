@@ -1,36 +1,19 @@
 // Opens a compound file from the input, walks every entry and reads every stream in full, the way the
 // message reader and tarnview use the layer. The kernel reads files by name only, so the input goes to
 // a scratch file first.
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
 #include "cfb/compound_storage.h"
 #include "cfb/compound_stream.h"
 #include "kernel/tarnkrn.h"
-
-namespace {
-
-const std::string& ScratchPath() {
-    static const std::string path = [] {
-        const char* dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-        return std::string(dir) + "/tarn-cfb-fuzz-" + std::to_string(getpid());
-    }();
-    return path;
-}
-
-}  // namespace
+#include "tests/fuzz/scratch_input.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string& path = ScratchPath();
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (f == nullptr) return 0;
-    if (size > 0) std::fwrite(data, 1, size, f);
-    std::fclose(f);
-    std::u16string wide(path.begin(), path.end());
+    static const tarn::fuzz::ScratchInput input("cfb");
+    if (!input.Write(data, size)) return 0;
+    const std::u16string wide = input.wide_path();
     krn_handle handle = krnOpenFile(wide.c_str(), 0, 256);
     if (handle == KRN_NO_HANDLE) return 0;
     {
@@ -49,6 +32,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
     krnCloseFile(handle);
-    std::remove(path.c_str());
     return 0;
 }

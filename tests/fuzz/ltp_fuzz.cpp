@@ -6,8 +6,6 @@
 // a finding.
 //
 // The store reads through the kernel's file functions, so the input goes to a temporary file first.
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -19,6 +17,7 @@
 #include "store/ltp/property_bag.h"
 #include "store/ltp/table.h"
 #include "store/ndb/database.h"
+#include "tests/fuzz/scratch_input.h"
 
 namespace {
 
@@ -30,17 +29,6 @@ using tarn::ndb::node_info;
 constexpr uint64_t kMaxBytesRead = 8u << 20;
 constexpr size_t kMaxObjects = 2048;
 constexpr size_t kMaxCells = 1u << 16;
-
-const std::string& InputPath() {
-    static const std::string path = [] {
-        const char* dir = std::getenv("TMPDIR");
-        std::string pattern = std::string(dir ? dir : "/tmp") + "/ltp-fuzz-XXXXXX";
-        const int fd = mkstemp(pattern.data());
-        if (fd >= 0) close(fd);
-        return pattern;
-    }();
-    return path;
-}
 
 struct Budget {
     uint64_t bytes = 0;
@@ -157,13 +145,10 @@ void WalkStore(const std::shared_ptr<db_context>& db) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string& path = InputPath();
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (f == nullptr) return 0;
-    std::fwrite(data, 1, size, f);
-    std::fclose(f);
+    static const tarn::fuzz::ScratchInput input("ltp");
+    if (!input.Write(data, size)) return 0;
     try {
-        WalkStore(tarn::ndb::open_database(std::u16string(path.begin(), path.end())));
+        WalkStore(tarn::ndb::open_database(input.wide_path()));
     } catch (const std::exception&) {
     }
     return 0;

@@ -3,8 +3,6 @@
 // rejection; a crash, a sanitizer report, a hang or a leak is a finding.
 //
 // The store reads through the kernel's file functions, so the input goes to a temporary file first.
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -14,6 +12,7 @@
 #include <vector>
 
 #include "store/ndb/database.h"
+#include "tests/fuzz/scratch_input.h"
 
 namespace {
 
@@ -23,17 +22,6 @@ using namespace tarn::ndb;
 // minute of copying: the reader bounds its structures by the file, the harness bounds its appetite.
 constexpr uint64_t kMaxBytesRead = 8u << 20;
 constexpr size_t kMaxNodes = 4096;
-
-const std::string& InputPath() {
-    static const std::string path = [] {
-        const char* dir = std::getenv("TMPDIR");
-        std::string pattern = std::string(dir ? dir : "/tmp") + "/ndb-fuzz-XXXXXX";
-        const int fd = mkstemp(pattern.data());
-        if (fd >= 0) close(fd);
-        return pattern;
-    }();
-    return path;
-}
 
 struct Budget {
     uint64_t bytes = 0;
@@ -89,13 +77,10 @@ void WalkStore(const std::shared_ptr<db_context>& db) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string& path = InputPath();
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (f == nullptr) return 0;
-    std::fwrite(data, 1, size, f);
-    std::fclose(f);
+    static const tarn::fuzz::ScratchInput input("ndb");
+    if (!input.Write(data, size)) return 0;
     try {
-        WalkStore(open_database(std::u16string(path.begin(), path.end())));
+        WalkStore(open_database(input.wide_path()));
     } catch (const std::exception&) {
     }
     return 0;

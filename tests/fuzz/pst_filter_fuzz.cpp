@@ -3,8 +3,6 @@
 // release, and a plain-text fltLoad of the first message without a slot. Errors the store layers throw
 // while the store is opened or counted leave the entry points by design and are caught here, as the
 // toolkit stand-in catches them; whatever path is taken, nothing may be left in the kernel.
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -16,29 +14,20 @@
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn_control.h"
 #include "pst/pst.h"
+#include "tests/fuzz/scratch_input.h"
 
 namespace {
 
 const tarn::host::EntryPoints kFilter{fltInfo, fltLoad, fltFreeData};
 
-// The filter reads sources by name, so each input is written to one file of this process.
-const std::string& InputPath() {
-    static const std::string path = "/tmp/tarn-pst-filter-fuzz-" + std::to_string(getpid()) + ".pst";
-    return path;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    {
-        FILE* file = std::fopen(InputPath().c_str(), "wb");
-        if (file == nullptr) return 0;
-        std::fwrite(data, 1, size, file);
-        std::fclose(file);
-    }
+    static const tarn::fuzz::ScratchInput input("pst-filter");
+    if (!input.Write(data, size)) return 0;
     krnctlSetMode(3);  // in memory: no temporary files to write for every input
     tarn::host::Toolkit toolkit;
-    const std::u16string path = tarn::host::WideFromUtf8(InputPath());
+    const std::u16string path = input.wide_path();
     {
         tarn::host::SourceSession session(path);
         tarn::KernelFileHandle handle(krnOpenFile(path.c_str(), 0, 256));
@@ -51,7 +40,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         tarn::host::SourceSession session(path);
         tarn::host::CallLoad(kFilter, &session.BuildLoadRequest(1, /*plain_text=*/true, /*with_slot=*/false));
     }
-    std::remove(InputPath().c_str());
     // The fuzzer itself must stop at a leak, not only the replay of committed inputs.
     if (const size_t length = krnctlLeakReport(nullptr, 0); length != 0) {
         std::string report(length + 1, '\0');
