@@ -8,25 +8,15 @@
 #include <string>
 #include <vector>
 
+#include "bench/corpus.h"
 #include "cfb/compound_storage.h"
 #include "cfb/compound_stream.h"
 #include "kernel/tarnkrn.h"
 
 namespace {
 
-std::string LargestMessage() {
-    std::string best;
-    std::uintmax_t best_size = 0;
-    for (const auto& e : std::filesystem::directory_iterator(std::string(TARN_SHARED_DIR) + "/corpus/msg")) {
-        if (e.path().extension() != ".msg" || e.file_size() <= best_size) continue;
-        best_size = e.file_size();
-        best = e.path().string();
-    }
-    return best;
-}
-
 void BM_OpenAndReadEveryStream(benchmark::State& state) {
-    static const std::string file = LargestMessage();
+    static const std::string file = tarn::bench::LargestCorpusFile("msg", ".msg");
     std::u16string wide(file.begin(), file.end());
     std::vector<char> buffer(1 << 16);
     uint64_t bytes = 0, streams = 0;

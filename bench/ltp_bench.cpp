@@ -10,27 +10,13 @@
 #include <string>
 #include <vector>
 
+#include "bench/corpus.h"
 #include "store/ltp/property_bag.h"
 #include "store/ndb/database.h"
 
 namespace {
 
 using namespace tarn::ltp;
-
-// The largest store; of equal sizes the first by name, as `ls -S` picks it.
-std::string LargestStore() {
-    std::string best;
-    std::uintmax_t best_size = 0;
-    for (const auto& e : std::filesystem::directory_iterator(std::string(TARN_SHARED_DIR) + "/corpus/pst")) {
-        if (e.path().extension() != ".pst") continue;
-        const auto size = e.file_size();
-        if (size > best_size || (size == best_size && e.path().string() < best)) {
-            best_size = size;
-            best = e.path().string();
-        }
-    }
-    return best;
-}
 
 bool IsInline(prop_type type) {
     return type == 0x0002 || type == 0x0003 || type == 0x0004 || type == 0x000A || type == 0x000B;
@@ -64,7 +50,7 @@ void ReadEveryMessageProperty(benchmark::State& state, const std::string& file) 
 }
 
 void BM_CorpusMessageProperties(benchmark::State& state) {
-    static const std::string file = LargestStore();
+    static const std::string file = tarn::bench::LargestCorpusFile("pst", ".pst");
     ReadEveryMessageProperty(state, file);
 }
 BENCHMARK(BM_CorpusMessageProperties)->Unit(benchmark::kMillisecond);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/corpus.h"
 #include "kernel/tarnkrn.h"
 #include "store/ndb/database.h"
 
@@ -15,23 +16,8 @@ namespace {
 
 using namespace tarn::ndb;
 
-// The largest store; of equal sizes the first by name, as `ls -S` picks it.
-std::string LargestStore() {
-    std::string best;
-    std::uintmax_t best_size = 0;
-    for (const auto& e : std::filesystem::directory_iterator(std::string(TARN_SHARED_DIR) + "/corpus/pst")) {
-        if (e.path().extension() != ".pst") continue;
-        const auto size = e.file_size();
-        if (size > best_size || (size == best_size && e.path().string() < best)) {
-            best_size = size;
-            best = e.path().string();
-        }
-    }
-    return best;
-}
-
 const std::string& File() {
-    static const std::string file = LargestStore();
+    static const std::string file = tarn::bench::LargestCorpusFile("pst", ".pst");
     return file;
 }
 

@@ -24,10 +24,12 @@ class invalid_format : public database_corrupt {
     invalid_format() : database_corrupt("Unexpected Database Format") {}
 };
 
-// A header CRC differs. Location and id are 0 for the header.
-class crc_fail : public database_corrupt {
+// A checked value differs from the one computed: where (location and id; both 0 for the header), and
+// the two values.
+class value_mismatch : public database_corrupt {
   public:
-    crc_fail(const std::string& message, uint64_t location, uint64_t id, uint32_t computed, uint32_t stored)
+    value_mismatch(const std::string& message, uint64_t location, uint64_t id, uint32_t computed,
+                   uint32_t stored)
         : database_corrupt(message), location_(location), id_(id), computed_(computed), stored_(stored) {}
     uint64_t location() const { return location_; }
     uint64_t id() const { return id_; }
@@ -39,6 +41,12 @@ class crc_fail : public database_corrupt {
     uint64_t id_;
     uint32_t computed_;
     uint32_t stored_;
+};
+
+// A CRC differs.
+class crc_fail : public value_mismatch {
+  public:
+    using value_mismatch::value_mismatch;
 };
 
 class unexpected_page : public database_corrupt {
@@ -53,21 +61,9 @@ class unexpected_block : public database_corrupt {
 
 // A page or block signature differs (the layers above use it for their own signature bytes too:
 // location 0, the node id, the value found and the value expected).
-class sig_mismatch : public database_corrupt {
+class sig_mismatch : public value_mismatch {
   public:
-    sig_mismatch(const std::string& message, uint64_t location, uint64_t id, uint32_t computed,
-                 uint32_t stored)
-        : database_corrupt(message), location_(location), id_(id), computed_(computed), stored_(stored) {}
-    uint64_t location() const { return location_; }
-    uint64_t id() const { return id_; }
-    uint32_t computed() const { return computed_; }
-    uint32_t stored() const { return stored_; }
-
-  private:
-    uint64_t location_;
-    uint64_t id_;
-    uint32_t computed_;
-    uint32_t stored_;
+    using value_mismatch::value_mismatch;
 };
 
 // A B-tree has no entry for the key. Deliberately not a runtime_error: callers use it to ask
