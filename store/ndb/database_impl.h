@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -74,10 +75,13 @@ class database_impl : public db_context {
     std::shared_ptr<subnode_block> build_subnode_block(const db_ptr& db, const block_info& bi,
                                                        const std::vector<std::byte>& bytes);
     uint64_t file_eof() const;
+    // The file's real size, asked of the kernel once, on first use.
+    uint64_t file_size();
     uint8_t crypt_method() const;
 
     tarn::StoreFile file_;
     std::vector<std::byte> header_;
+    std::optional<uint64_t> file_size_;
     std::shared_ptr<bbt_page> bbt_root_;
     std::shared_ptr<nbt_page> nbt_root_;
 };
