@@ -13,6 +13,7 @@
 #include "store/ltp/table.h"
 #include "store/ndb/database.h"
 #include "tests/pst/store_fixture.h"
+#include "tests/store/ltp/ltp_test_util.h"
 #include "tests/support/ltp_writer.h"
 #include "tests/support/rtf_writer.h"
 #include "tests/support/test_util.h"
@@ -27,10 +28,6 @@ constexpr uint64_t kClaimId = 0xF0002;  // internal, and far above the ids the w
 constexpr uint32_t kClaims[] = {0xFFFFF000, 0x7FFFF000};
 constexpr char kRefusal[] = "extended block claims more data than the file holds";
 
-void Put(Bytes& data, size_t at, uint64_t value, size_t width) {
-    for (size_t i = 0; i < width; ++i) data.at(at + i) = static_cast<std::byte>((value >> (8 * i)) & 0xFF);
-}
-
 // A level-2 extended block whose children are all holes (id 0) covering `total` bytes. Holes read as
 // zeros without touching the file, so these few bytes describe the whole claim readably.
 fixture::PstRawBlock HoleTree(PstLayout layout, uint32_t total) {
@@ -43,17 +40,6 @@ fixture::PstRawBlock HoleTree(PstLayout layout, uint32_t total) {
     Put(data, 2, children, 2);
     Put(data, 4, total, 4);
     return {.id = kClaimId, .data = data};
-}
-
-struct Opened {
-    std::unique_ptr<fixture::TempPstFile> file;
-    ndb::db_ptr db;
-};
-
-Opened Open(const fixture::PstDescription& d) {
-    Opened o{std::make_unique<fixture::TempPstFile>(fixture::WritePst(d).bytes), nullptr};
-    o.db = ndb::open_database(o.file->path());
-    return o;
 }
 
 // Points the subnode of `subnodes` whose data is `data` at the claim.
@@ -74,7 +60,7 @@ TEST(ClaimLimit, ANodesDataTree) {
             d.layout = layout;
             d.nodes.push_back({.id = 0x21, .data_bid = kClaimId});
             d.raw_blocks.push_back(HoleTree(layout, claim));
-            const Opened store = Open(d);
+            const OpenStore store = Open(d);
             const ndb::node n = store.db->lookup_node(0x21);
             EXPECT_EQ(MessageOf<ndb::database_corrupt>([&] { (void)n.size(); }), kRefusal);
             std::vector<std::byte> piece(16);
@@ -93,7 +79,7 @@ TEST(ClaimLimit, APropertyValueInASubnode) {
         fixture::PstDescription d;
         d.nodes.push_back({.id = 0x21, .data = content.data, .subnodes = content.subnodes});
         d.raw_blocks.push_back(HoleTree(PstLayout::kUnicode, claim));
-        const Opened store = Open(d);
+        const OpenStore store = Open(d);
         const ltp::property_bag bag(store.db->lookup_node(0x21));
         EXPECT_EQ(MessageOf<ndb::database_corrupt>([&] { bag.get_value_variable(0x0037); }), kRefusal);
         EXPECT_EQ(MessageOf<ndb::database_corrupt>([&] { bag.read_wstring(0x0037); }), kRefusal);
@@ -113,7 +99,7 @@ TEST(ClaimLimit, ATablesRowMatrix) {
         fixture::PstDescription d;
         d.nodes.push_back({.id = 0x21, .data = content.data, .subnodes = content.subnodes});
         d.raw_blocks.push_back(HoleTree(PstLayout::kUnicode, claim));
-        const Opened store = Open(d);
+        const OpenStore store = Open(d);
         const ltp::table t(store.db->lookup_node(0x21));
         // Hundreds of millions of zero rows otherwise.
         EXPECT_EQ(MessageOf<ndb::database_corrupt>([&] { (void)t.size(); }), kRefusal);
