@@ -16,10 +16,11 @@
 #include <string>
 #include <string_view>
 
-#include "kernel/tarnkrn_control.h"
 #include "pst/render/charset.h"
 #include "pst/render/iso2022jp.h"
 #include "pst/render/text_buffer.h"
+#include "tests/fuzz/leak_check.h"
+#include "tests/support/counted_text.h"
 
 namespace {
 
@@ -31,19 +32,10 @@ constexpr uint8_t kSelectEnsureUtf8Meta = 2;
 // that nothing converts.
 constexpr int32_t kCodePages[8] = {1252, 1251, 932, 950, 50220, 65000, 1200, 1234};
 
-tarn::CountedString Counted(std::string_view bytes) {
-    tarn::GrowBuffer buffer;
-    buffer.Init(0, 0);
-    buffer.Assign(bytes.data(), bytes.size());
-    tarn::CountedString out;
-    buffer.MoveInto(out);
-    return out;
-}
-
 // Runs `edit` on a copy of `input`; a failure must leave the copy untouched.
 template <typename Edit>
 void Check(std::string_view input, Edit edit) {
-    tarn::CountedString body = Counted(input);
+    tarn::CountedString body = tarn::testing::Counted(input);
     if (edit(&body) == tarn::kStatusOk) return;
     const std::string_view after(reinterpret_cast<const char*>(body.data()), body.size());
     if (after != input) {
@@ -78,12 +70,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         default:
             return 0;
     }
-    // The fuzzer itself must stop at a leak, not only the replay of committed inputs.
-    if (const size_t length = krnctlLeakReport(nullptr, 0); length != 0) {
-        std::string report(length + 1, '\0');
-        krnctlLeakReport(report.data(), report.size());
-        std::fprintf(stderr, "kernel leak report not empty:\n%s", report.c_str());
-        std::abort();
-    }
+    tarn::fuzz::AbortOnKernelLeak();
     return 0;
 }

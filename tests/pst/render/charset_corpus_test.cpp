@@ -13,25 +13,19 @@
 
 #include "common/status.h"
 #include "pst/render/charset.h"
+#include "tests/support/counted_text.h"
 #include "tests/support/scratch_file.h"
 
 namespace tarn {
 namespace {
+
+using testing::Counted;
 
 namespace fs = std::filesystem;
 
 std::string ReadFile(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-CountedString Counted(std::string_view bytes) {
-    GrowBuffer buffer;
-    buffer.Init(0, 0);
-    buffer.Assign(bytes.data(), bytes.size());
-    CountedString out;
-    buffer.MoveInto(out);
-    return out;
 }
 
 TEST(CharsetCorpus, BodiesMatchAnIndependentMimeReader) {

@@ -10,22 +10,13 @@
 
 #include "common/status.h"
 #include "kernel/tarnkrn_control.h"
+#include "tests/support/counted_text.h"
 
 namespace tarn {
 namespace {
 
-CountedString Counted(std::string_view bytes) {
-    GrowBuffer buffer;
-    buffer.Init(0, 0);
-    buffer.Assign(bytes.data(), bytes.size());
-    CountedString out;
-    buffer.MoveInto(out);
-    return out;
-}
-
-std::string Bytes(const CountedString& string) {
-    return {reinterpret_cast<const char*>(string.data()), string.size()};
-}
+using testing::Bytes;
+using testing::Counted;
 
 TEST(Charset, NamesAreMatchedInTheirOwnWays) {
     struct Case {

@@ -15,22 +15,13 @@
 #include "platform/codepage.h"
 #include "platform/unicode.h"
 #include "pst/render/jisx0208_table.h"
+#include "tests/support/counted_text.h"
 
 namespace tarn {
 namespace {
 
-CountedString Counted(std::string_view bytes) {
-    GrowBuffer buffer;
-    buffer.Init(0, 0);
-    buffer.Assign(bytes.data(), bytes.size());
-    CountedString out;
-    buffer.MoveInto(out);
-    return out;
-}
-
-std::string Bytes(const CountedString& string) {
-    return {reinterpret_cast<const char*>(string.data()), string.size()};
-}
+using testing::Bytes;
+using testing::Counted;
 
 std::string Decoded(std::string_view text, size_t start = 0) {
     CountedString body = Counted(text);
