@@ -67,16 +67,16 @@ OpenResult CompoundStorage::load() {
     krnSeekFile(handle_, 0, 0, KRN_SEEK_START);
 
     KernelArray<std::byte> header_bytes;
-    if (!header_bytes.allocate(kHeaderSize)) return OpenResult::OpenFailed;
+    if (!header_bytes.allocate(format::kHeaderSize)) return OpenResult::OpenFailed;
     size_t header_read = read_at(0, header_bytes.span());
     header_ = parse_compound_header(header_bytes.span());
     if (!header_.signature_ok) return OpenResult::NotCompound;
     // A file cut inside its header would have its missing fields read as zeros; none of them can be
     // trusted, so the file is refused rather than guessed at.
-    if (header_read < kHeaderSize) return OpenResult::BadCompound;
+    if (header_read < format::kHeaderSize) return OpenResult::BadCompound;
 
-    if (header_.mini_stream_cutoff != kMiniStreamCutoff || header_.fat_sector_count == 0 ||
-        (header_.fat_sector_count < kHeaderDifatCount && header_.difat_sector_count != 0) ||
+    if (header_.mini_stream_cutoff != format::kMiniStreamCutoff || header_.fat_sector_count == 0 ||
+        (header_.fat_sector_count < format::kHeaderDifatCount && header_.difat_sector_count != 0) ||
         header_.mini_sector_shift > header_.sector_shift || header_.sector_shift < kMinSectorShift ||
         header_.sector_shift > kMaxSectorShift)
         return OpenResult::BadCompound;
@@ -94,9 +94,9 @@ OpenResult CompoundStorage::load() {
     const uint64_t fat_count = header_.fat_sector_count;
     if (!fat_sectors_.allocate(static_cast<size_t>(fat_count))) return OpenResult::OpenFailed;
     size_t listed = 0;
-    for (size_t i = 0; i < std::min<uint64_t>(fat_count, kHeaderDifatCount); ++i)
+    for (size_t i = 0; i < std::min<uint64_t>(fat_count, format::kHeaderDifatCount); ++i)
         fat_sectors_[listed++] = static_cast<uint32_t>(header_.difat[i]);
-    if (fat_count > kHeaderDifatCount && header_.difat_sector_count != 0) {
+    if (fat_count > format::kHeaderDifatCount && header_.difat_sector_count != 0) {
         KernelArray<std::byte> difat_block;
         SectorSet seen;
         if (!difat_sectors_.allocate(static_cast<size_t>(header_.difat_sector_count)) ||
@@ -192,7 +192,7 @@ void CompoundStorage::read_chain(std::span<const uint32_t> chain, std::span<std:
 
 bool CompoundStorage::sector_in_file(uint64_t sector) const {
     // sector < 2^32 and the block below 2^31, so the product cannot wrap.
-    return sector < kDifatSectorMark && (sector + 1) * big_block_size() < file_size_;
+    return sector < format::kDifatSectorMark && (sector + 1) * big_block_size() < file_size_;
 }
 
 }  // namespace tarn::cfb

@@ -249,7 +249,7 @@ TEST(CompoundStorage, StreamSizeIsTheLowHalfAndPicksTheChain) {
     ASSERT_EQ(s.start, 0u);                   // big data comes first, so "s" starts at sector 0 ...
     ASSERT_EQ(image.Find({u"m"}).start, 0u);  // ... and "m" at small block 0
     // A high half of 1 is ignored: the stream keeps its 5000 bytes from big blocks.
-    image.Put32(image.EntryOffset(s.index) + 124, 1);
+    image.Put32(image.EntryOffset(s.index) + format::kStreamSizeHighOffset, 1);
     {
         KernelTempFile file(image.bytes);
         CompoundStorage storage(file.handle());
@@ -258,7 +258,7 @@ TEST(CompoundStorage, StreamSizeIsTheLowHalfAndPicksTheChain) {
     }
     // Below 4096 the size alone sends the stream to the mini FAT, where its start 0 is small block 0:
     // the four blocks of "m" come back.
-    image.SetEntryField(s.index, 120, 4095);
+    image.SetEntryField(s.index, format::kStreamSizeOffset, 4095);
     KernelTempFile file(image.bytes);
     CompoundStorage storage(file.handle());
     ASSERT_TRUE(storage.open());
@@ -276,7 +276,7 @@ TEST(CompoundStorage, HeaderChecksGiveTheirResults) {
     CfbOptions padded;
     padded.min_fat_sectors = 109;
     CfbImage with109 = BuildCfb(SampleTree(), padded);
-    with109.Put32(test::kCfbDifatCountOffset, 1);
+    with109.Put32(format::kDifatSectorCountOffset, 1);
     struct Case {
         const char* what;
         const CfbImage* image;
@@ -292,23 +292,23 @@ TEST(CompoundStorage, HeaderChecksGiveTheirResults) {
         {"seven bytes", &base, 7, 0, 0, OpenResult::NotCompound},
         {"header cut at 300", &base, 300, 0, 0, OpenResult::BadCompound},
         {"header only", &base, 512, 0, 0, OpenResult::BadCompound},
-        {"cutoff 2048", &base, test::kCfbCutoffOffset, 4, 2048, OpenResult::BadCompound},
-        {"sector shift 6", &base, test::kCfbSectorShiftOffset, 2, 6, OpenResult::BadCompound},
-        {"sector shift 31", &base, test::kCfbSectorShiftOffset, 2, 31, OpenResult::BadCompound},
-        {"sector shift 30 in a small file", &base, test::kCfbSectorShiftOffset, 2, 30,
+        {"cutoff 2048", &base, format::kMiniStreamCutoffOffset, 4, 2048, OpenResult::BadCompound},
+        {"sector shift 6", &base, format::kSectorShiftOffset, 2, 6, OpenResult::BadCompound},
+        {"sector shift 31", &base, format::kSectorShiftOffset, 2, 31, OpenResult::BadCompound},
+        {"sector shift 30 in a small file", &base, format::kSectorShiftOffset, 2, 30,
          OpenResult::BadCompound},
-        {"mini shift above shift", &base, test::kCfbMiniSectorShiftOffset, 2, 10, OpenResult::BadCompound},
-        {"no FAT sectors", &base, test::kCfbFatCountOffset, 4, 0, OpenResult::BadCompound},
-        {"more FAT sectors than the file", &base, test::kCfbFatCountOffset, 4, 100000,
+        {"mini shift above shift", &base, format::kMiniSectorShiftOffset, 2, 10, OpenResult::BadCompound},
+        {"no FAT sectors", &base, format::kFatSectorCountOffset, 4, 0, OpenResult::BadCompound},
+        {"more FAT sectors than the file", &base, format::kFatSectorCountOffset, 4, 100000,
          OpenResult::BadCompound},
-        {"DIFAT count with few FAT sectors", &base, test::kCfbDifatCountOffset, 4, 1,
+        {"DIFAT count with few FAT sectors", &base, format::kDifatSectorCountOffset, 4, 1,
          OpenResult::BadCompound},
-        {"empty directory", &base, test::kCfbFirstDirectoryOffset, 4, 0xFFFFFFFE, OpenResult::BadCompound},
-        {"directory past the end", &base, test::kCfbFirstDirectoryOffset, 4, 5000, OpenResult::BadCompound},
+        {"empty directory", &base, format::kFirstDirectorySectorOffset, 4, 0xFFFFFFFE, OpenResult::BadCompound},
+        {"directory past the end", &base, format::kFirstDirectorySectorOffset, 4, 5000, OpenResult::BadCompound},
         {"109 FAT sectors and a DIFAT count", &with109, 0, 1, 0xD0, OpenResult::Ok},
-        {"108 FAT sectors and a DIFAT count", &with109, test::kCfbFatCountOffset, 4, 108,
+        {"108 FAT sectors and a DIFAT count", &with109, format::kFatSectorCountOffset, 4, 108,
          OpenResult::BadCompound},
-        {"more DIFAT sectors than the file", &with109, test::kCfbDifatCountOffset, 4, 0x00FFFFFF,
+        {"more DIFAT sectors than the file", &with109, format::kDifatSectorCountOffset, 4, 0x00FFFFFF,
          OpenResult::BadCompound},
     };
     for (const auto& c : cases) {
@@ -332,7 +332,7 @@ TEST(CompoundStorage, HeaderChecksGiveTheirResults) {
         EXPECT_EQ(OpenBytes(image.bytes), c.expected);
         // A refused header costs the header buffer and nothing sized from its fields (the two directory
         // cases get past the header and read the FAT first).
-        bool refused_in_header = c.expected != OpenResult::Ok && c.offset != test::kCfbFirstDirectoryOffset;
+        bool refused_in_header = c.expected != OpenResult::Ok && c.offset != format::kFirstDirectorySectorOffset;
         if (refused_in_header) {
             EXPECT_LE(krnctlAllocationCount() - allocations, 1u);
         }
@@ -377,8 +377,8 @@ TEST(CompoundStorage, ExactlyHeaderFatSectorsNeverReadTheDifat) {
     CfbOptions options;
     options.min_fat_sectors = 109;
     CfbImage image = BuildCfb(SampleTree(), options);
-    image.Put32(test::kCfbDifatCountOffset, 1);
-    image.Put32(test::kCfbFirstDifatOffset, image.fat_sectors.front());  // would corrupt the list if read
+    image.Put32(format::kDifatSectorCountOffset, 1);
+    image.Put32(format::kFirstDifatSectorOffset, image.fat_sectors.front());  // would corrupt the list if read
     KernelTempFile file(image.bytes);
     CompoundStorage storage(file.handle());
     ASSERT_TRUE(storage.open());
@@ -447,8 +447,8 @@ TEST(CompoundStorage, DamagedChainsAreCut) {
     // Start sectors that the file does not hold: the stream reads as empty. The root's start is the
     // mini stream's, so every small stream goes with it.
     CfbImage image = base;
-    image.SetEntryField(big.index, 116, 70000);
-    image.SetEntryField(0, 116, 0xFFFFFFFD);
+    image.SetEntryField(big.index, format::kStartSectorOffset, 70000);
+    image.SetEntryField(0, format::kStartSectorOffset, format::kFatSectorMark);
     KernelTempFile file(image.bytes);
     CompoundStorage storage(file.handle());
     ASSERT_TRUE(storage.open());
@@ -468,12 +468,12 @@ TEST(CompoundStorage, DirectoryLoopsEndWalksAndLookups) {
         size_t field;
         uint32_t value;
     } cases[] = {
-        {"a storage is its own child", inner.index, 76, inner.index},
-        {"a child points back up to an ancestor", inner.index, 76, outer.index},
-        {"a leaf's sibling points at the top of its tree", leaf.index, 72, inner.index + 1},
-        {"siblings point at each other", leaf.index, 68, inner.index + 1},
-        {"the root's child points at the root", 0, 76, 0},
-        {"a child far past the directory", outer.index, 76, 0x7FFFFFFF},
+        {"a storage is its own child", inner.index, format::kChildOffset, inner.index},
+        {"a child points back up to an ancestor", inner.index, format::kChildOffset, outer.index},
+        {"a leaf's sibling points at the top of its tree", leaf.index, format::kRightSiblingOffset, inner.index + 1},
+        {"siblings point at each other", leaf.index, format::kLeftSiblingOffset, inner.index + 1},
+        {"the root's child points at the root", 0, format::kChildOffset, 0},
+        {"a child far past the directory", outer.index, format::kChildOffset, 0x7FFFFFFF},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);

@@ -8,6 +8,8 @@
 
 #include "cfb/compound_storage.h"
 #include "cfb/compound_stream.h"
+#include "cfb/format.h"
+#include "common/apiutils.h"
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn.h"
 #include "tools/tarnview/arguments.h"
@@ -79,13 +81,13 @@ const char* Reason(OpenResult result) {
 // Start sectors in the table: the special numbers by name, so that an empty stream reads "end".
 std::string StartText(uint64_t sector) {
     switch (sector) {
-        case tarn::cfb::kEndOfChain:
+        case tarn::cfb::format::kEndOfChain:
             return "end";
-        case tarn::cfb::kFreeSector:
+        case tarn::cfb::format::kFreeSector:
             return "free";
-        case tarn::cfb::kFatSectorMark:
+        case tarn::cfb::format::kFatSectorMark:
             return "fat";
-        case tarn::cfb::kDifatSectorMark:
+        case tarn::cfb::format::kDifatSectorMark:
             return "difat";
         default:
             return std::to_string(sector);
@@ -161,7 +163,7 @@ int RunCfb(const Args& args) {
     auto options = Parse(args);
     if (!options) return 2;
     std::u16string wide = tarn::host::WideFromUtf8(options->file);
-    krn_handle handle = krnOpenFile(wide.c_str(), 0, 256);
+    krn_handle handle = krnOpenFile(wide.c_str(), 0, tarn::kOpenShareMode);
     if (handle == KRN_NO_HANDLE) {
         std::fprintf(stderr, "tarnview cfb: %s: cannot open\n", options->file.c_str());
         return 1;
