@@ -95,7 +95,6 @@ std::string StartText(uint64_t sector) {
 }
 
 int ListDirectory(const CompoundStorage& storage, bool json) {
-    const DirectoryEntry& root = storage.directory().entry(0);
     if (json) {
         JsonWriter w(std::cout);
         w.BeginArray();
@@ -113,6 +112,9 @@ int ListDirectory(const CompoundStorage& storage, bool json) {
         return ok ? 0 : 1;
     }
     std::printf("%-40s %-8s %10s %10s\n", "NAME", "TYPE", "SIZE", "START");
+    // A file whose directory chain holds no entry opens with nothing in it, not even a root.
+    if (storage.directory().size() == 0) return 0;
+    const DirectoryEntry& root = storage.directory().entry(0);
     std::printf("%-40s %-8s %10llu %10s\n", Printable(root.name()).c_str(), TypeName(root),
                 static_cast<unsigned long long>(root.size), StartText(root.start_sector).c_str());
     return storage.directory().walk([&](std::string_view, const DirectoryEntry& e, size_t, size_t depth) {
