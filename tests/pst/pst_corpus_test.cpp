@@ -88,8 +88,8 @@ std::vector<std::string> FoldersPypffMisses(const ndb::db_ptr& db, const PypffCo
         if ((info.id & 0x1F) != 0x02 || pypff.reached.count(info.id) != 0) continue;
         std::string name = "(display name unreadable)";
         try {
-            name = host::Utf8FromWide(
-                ltp::property_bag(db->lookup_node(info.id)).read_wstring(0x3001).c_str());
+            name =
+                host::Utf8FromWide(ltp::property_bag(db->lookup_node(info.id)).read_wstring(0x3001).c_str());
         } catch (const std::exception&) {
             // Only the label of this report; the folder is reported either way.
         }
