@@ -175,8 +175,14 @@ int32_t WriteCodePageRun(RtfWriter& writer, RtfFontTable& table, int32_t& curren
 int32_t FaceHasGlyphs(const RtfFontTable& table, std::string_view face, const char16_t* units, size_t count) {
     if (face.empty() || count > static_cast<size_t>(kMaxUnits)) return 0;
     KrnFontDescription description{};
-    {
-        // Face names are bytes of the document's code page; a name that does not convert cannot be
+    bool ascii = true;
+    for (char c : face) ascii = ascii && static_cast<uint8_t>(c) < 0x80;
+    if (ascii) {
+        // Every face we add, and nearly every face a table names, is ASCII: the same in any code page
+        // a document may declare, even one that has no converter here.
+        for (size_t i = 0; i < face.size() && i < KRN_FACE_SIZE - 1; ++i) description.face_name[i] = face[i];
+    } else {
+        // Other names are bytes of the document's code page; a name that does not convert cannot be
         // asked about.
         const uint32_t code_page =
             table.document_code_page != 0 ? table.document_code_page : platform::kCpAcp;
