@@ -8,6 +8,7 @@
 #include "common/apiutils.h"
 #include "kernel/tarnkrn.h"
 #include "platform/codepage.h"
+#include "platform/font_coverage.h"
 #include "platform/script_cmap.h"
 
 namespace tarn {
@@ -24,16 +25,6 @@ KernelPtr<T> AllocateArray(size_t count) {
 }
 
 bool IsAscii(char16_t unit) { return unit < 0x80; }
-
-char FoldAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
-bool SameFace(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (FoldAscii(a[i]) != FoldAscii(b[i])) return false;
-    }
-    return true;
-}
 
 // Appends to the header buffer and keeps the first failure, so that the steps need not check each
 // write and the caller gets the buffer's own status.
@@ -235,7 +226,8 @@ int32_t FindCoveringFont(RtfFontTable& table, const char16_t* units, size_t coun
     }
     for (std::string_view face : kFallbackFaces) {
         bool in_table = false;
-        for (const RtfFont& entry : table.entries()) in_table = in_table || SameFace(entry.face_name(), face);
+        for (const RtfFont& entry : table.entries())
+            in_table = in_table || platform::SameFaceName(entry.face_name(), face);
         if (in_table) continue;
         const int32_t passes = FaceHasGlyphs(table, face, units, count);
         if (passes < 0) return passes;
