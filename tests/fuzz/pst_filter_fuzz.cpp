@@ -5,8 +5,6 @@
 // toolkit stand-in catches them; whatever path is taken, nothing may be left in the kernel.
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <limits>
 #include <string>
 
@@ -14,6 +12,7 @@
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn_control.h"
 #include "pst/pst.h"
+#include "tests/fuzz/leak_check.h"
 #include "tests/fuzz/scratch_input.h"
 
 namespace {
@@ -40,12 +39,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         tarn::host::SourceSession session(path);
         tarn::host::CallLoad(kFilter, &session.BuildLoadRequest(1, /*plain_text=*/true, /*with_slot=*/false));
     }
-    // The fuzzer itself must stop at a leak, not only the replay of committed inputs.
-    if (const size_t length = krnctlLeakReport(nullptr, 0); length != 0) {
-        std::string report(length + 1, '\0');
-        krnctlLeakReport(report.data(), report.size());
-        std::fprintf(stderr, "kernel leak report not empty:\n%s", report.c_str());
-        std::abort();
-    }
+    tarn::fuzz::AbortOnKernelLeak();
     return 0;
 }
