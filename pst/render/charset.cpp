@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "common/apiutils.h"
+#include "common/kernel_memory.h"
 #include "kernel/tarnkrn.h"
 #include "platform/codepage.h"
 #include "pst/render/iso2022jp.h"
@@ -40,18 +40,17 @@ int32_t AppendConverted(std::string_view bytes, int32_t code_page, GrowBuffer& o
     const int units = platform::MultiByteToWideChar(page, 0, bytes.data(), source_bytes, nullptr, 0);
     if (units <= 0 || static_cast<size_t>(units) > static_cast<size_t>(INT32_MAX) / kUtf8BytesPerUnit)
         return kStatusFailure;
-    KernelPtr<char16_t> wide(
-        static_cast<char16_t*>(krnAlloc(static_cast<size_t>(units), sizeof(char16_t), __FILE__, __LINE__)));
-    if (!wide) return kStatusFailure;
-    if (platform::MultiByteToWideChar(page, 0, bytes.data(), source_bytes, wide.get(), units) != units)
+    KernelArray<char16_t> wide;
+    if (!wide.allocate(static_cast<size_t>(units))) return kStatusFailure;
+    if (platform::MultiByteToWideChar(page, 0, bytes.data(), source_bytes, wide.data(), units) != units)
         return kStatusFailure;
 
     const int32_t capacity = units * static_cast<int32_t>(kUtf8BytesPerUnit);
-    KernelPtr<char> utf8(static_cast<char*>(krnAlloc(static_cast<size_t>(capacity), 1, __FILE__, __LINE__)));
-    if (!utf8) return kStatusFailure;
-    const int32_t written = krnUtf16ToUtf8(wide.get(), units, utf8.get(), capacity);
+    KernelArray<char> utf8;
+    if (!utf8.allocate(static_cast<size_t>(capacity))) return kStatusFailure;
+    const int32_t written = krnUtf16ToUtf8(wide.data(), units, utf8.data(), capacity);
     if (written <= 0) return kStatusConversionFailed;
-    return out.Append(utf8.get(), static_cast<size_t>(written));
+    return out.Append(utf8.data(), static_cast<size_t>(written));
 }
 
 // The name under which a converted set is declared in a body, as ConvertToUtf8 looks for it.

@@ -24,12 +24,12 @@ const tarn::host::EntryPoints kFilter{fltInfo, fltLoad, fltFreeData};
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const tarn::fuzz::ScratchInput input("pst-filter");
     if (!input.Write(data, size)) return 0;
-    krnctlSetMode(3);  // in memory: no temporary files to write for every input
+    krnctlSetMode(tarn::kKernelModeInMemory);  // in memory: no temporary files to write for every input
     tarn::host::Toolkit toolkit;
     const std::u16string path = input.wide_path();
     {
         tarn::host::SourceSession session(path);
-        tarn::KernelFileHandle handle(krnOpenFile(path.c_str(), 0, 256));
+        tarn::KernelFileHandle handle(krnOpenFile(path.c_str(), 0, tarn::kOpenShareMode));
         tarn::InfoRequest& info = session.BuildInfoRequest(handle.get(), std::numeric_limits<int32_t>::max());
         if (tarn::host::CallInfo(kFilter, &info).status == 1)
             tarn::host::CallLoad(kFilter, &session.BuildLoadRequest(info.message_number + 1));
