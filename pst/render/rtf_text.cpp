@@ -45,6 +45,18 @@ class RtfWriter {
         Put(std::string_view(escape, 4));
     }
 
+    // A byte that a code page gave: below 128 as it is, above as "\'" and two hex digits. Deliberately
+    // unescaped, as header text has always been written: a double-byte code page's trail byte can be a
+    // backslash or a brace (Shift-JIS 0x83 0x5C is U+30BD), and it then reaches the document raw.
+    void PutCodePageByte(uint8_t byte) {
+        if (byte < 128) {
+            const char c = static_cast<char>(byte);
+            Put(std::string_view(&c, 1));
+            return;
+        }
+        PutByte(byte);
+    }
+
     // "\fN " when `font` is not the current font, which it then becomes.
     void SwitchFont(int32_t& current, int32_t font) {
         if (font == current) return;
@@ -125,9 +137,7 @@ size_t WriteAsciiRun(RtfWriter& writer, int32_t& current, int32_t base, Text tex
 }
 
 // Writes text[start, end) in `code_page`: its non-ASCII stretches in bytes of that code page behind a
-// switch to a font for it, its ASCII stretches in the base font. Bytes below 128 that RTF would read
-// as structure (a double-byte code page's trail byte may be a backslash or a brace) are escaped like
-// the rest.
+// switch to a font for it, its ASCII stretches in the base font.
 int32_t WriteCodePageRun(RtfWriter& writer, RtfFontTable& table, int32_t& current, int32_t base,
                          uint32_t code_page, Text text, size_t start, size_t end) {
     const int32_t font = FontForCodePage(table, code_page);
@@ -151,7 +161,7 @@ int32_t WriteCodePageRun(RtfWriter& writer, RtfFontTable& table, int32_t& curren
                                                           needed, nullptr, nullptr);
         if (written <= 0) return kStatusBadArgument;
         writer.SwitchFont(current, font);
-        for (int i = 0; i < written; ++i) writer.PutByte(static_cast<uint8_t>(bytes.data()[i]));
+        for (int i = 0; i < written; ++i) writer.PutCodePageByte(static_cast<uint8_t>(bytes.data()[i]));
         at = stop;
     }
     return writer.status();
