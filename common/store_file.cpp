@@ -4,10 +4,12 @@
 #include <limits>
 #include <stdexcept>
 
+#include "common/apiutils.h"
+
 namespace tarn {
 
 StoreFile::StoreFile(std::u16string name) : name_(std::move(name)) {
-    handle_ = krnOpenFile(name_.c_str(), 0, 256);
+    handle_ = krnOpenFile(name_.c_str(), 0, kOpenShareMode);
     if (handle_ == KRN_NO_HANDLE) throw std::runtime_error("fopen failed");
 }
 

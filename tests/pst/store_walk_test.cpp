@@ -30,7 +30,7 @@ Described Describe(const std::u16string& path, int32_t message_number) {
     host::Toolkit toolkit;
     host::SourceSession session(path);
     krnctlSetMode(3);
-    KernelFileHandle handle(krnOpenFile(path.c_str(), 0, 256));
+    KernelFileHandle handle(krnOpenFile(path.c_str(), 0, kOpenShareMode));
     const host::CallOutcome outcome =
         host::CallInfo(kLinkedFilter, &session.BuildInfoRequest(handle.get(), message_number));
     Described d{outcome.status, outcome.error, session.file_info().message_count,
