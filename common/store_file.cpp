@@ -35,4 +35,10 @@ void StoreFile::read_at(std::span<std::byte> buffer, uint64_t offset) {
     if (done != buffer.size()) throw std::out_of_range("fread failed");
 }
 
+uint64_t StoreFile::size() {
+    const int64_t end = krnSeekFile(handle_, 0, 0, KRN_SEEK_END);
+    if (end < 0) throw std::out_of_range("fseek failed");
+    return static_cast<uint64_t>(end);
+}
+
 }  // namespace tarn

@@ -37,10 +37,12 @@ int32_t CountMessages(const ndb::db_ptr& db, MessageListPtr* list) {
         if (!IsNormalFolder(info.id)) continue;
         const ltp::property_bag folder(db->lookup_node(info.id));
         if (folder.read_wstring(kPropDisplayName) == kFreebusyFolderName) continue;
-        total += folder.get_value_4(kPropContentCount);
+        // A signed count, summed wide: a damaged folder may say -1, and many may overflow 32 bits.
+        total += static_cast<int32_t>(folder.get_value_4(kPropContentCount));
     }
     if (total < 1) return kStatusBadArgument;
-    // Every message is a node of its own, so a larger total is damage; refused before it allocates.
+    // Ours, not the format's: every message is a node of its own, so a total above the node count (or
+    // beyond what the list's count can hold) is damage, refused before it allocates.
     if (static_cast<uint64_t>(total) > nodes || total > std::numeric_limits<int32_t>::max())
         return kStatusFailure;
 

@@ -5,7 +5,6 @@
 #include <span>
 
 #include "common/crc32.h"
-#include "common/kernel_memory.h"
 #include "common/little_endian.h"
 
 namespace tarn {
@@ -123,6 +122,9 @@ uint32_t RtfCrc(const std::byte* data, size_t size) {
 
 int32_t DecompressRtfStream(std::istream& stream, CountedString& document) {
     stream.clear();
+    // Set before the first seek: an error of the value's own blocks must reach the caller as itself,
+    // not as a fail bit that reads like a short or empty body.
+    stream.exceptions(std::ios::badbit);
     stream.seekg(0, std::ios::end);
     const std::streamoff size = stream.tellg();
     stream.seekg(0, std::ios::beg);
@@ -131,12 +133,12 @@ int32_t DecompressRtfStream(std::istream& stream, CountedString& document) {
     if (size > std::numeric_limits<int32_t>::max()) return kStatusUnsupported;
     const auto length = static_cast<size_t>(size);
 
-    KernelArray<std::byte> input;
-    if (!input.allocate(length)) return kStatusFailure;
-    stream.read(reinterpret_cast<char*>(input.data()), static_cast<std::streamsize>(length));
-    if (static_cast<size_t>(stream.gcount()) != length) return kStatusUnsupported;
+    GrowBuffer input;
+    const int32_t read = AppendFromStream(stream, length, input);
+    if (read == kStatusShortRead) return kStatusUnsupported;
+    if (read != kStatusOk) return kStatusFailure;
 
-    const std::span<const std::byte> data = input.span();
+    const std::span<const std::byte> data(input.data(), length);
     const Header header = ReadHeader(data.data());
     if (header.comp_size != length - 4) return kStatusUnsupported;
     // Checked for stored data too, although writers store a CRC of 0 there: such bodies are refused.
