@@ -73,7 +73,7 @@ bench_ltp() {
   dir="$(mktemp -d)"
   echo "== ltp: every property of every message of $(basename "$file"), and of a 1 GiB store from make-store"
   /usr/bin/time -f "make-store 1 GiB: %e s wall, %U s user, %S s sys" \
-    "$build/tools/make-store" --messages 56000 --folders 20 --body-bytes 8192 "$dir/made.pst"
+    "$build/tests/tools/make-store" --messages 56000 --folders 20 --body-bytes 8192 "$dir/made.pst"
   TARN_BENCH_LTP_STORE="$dir/made.pst" "$build/bench/ltp_bench" --benchmark_min_time=3
   "$python" bench/ltp_pypff.py "$file" 5
   "$python" bench/ltp_pypff.py "$dir/made.pst" 1

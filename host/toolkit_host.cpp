@@ -1,5 +1,6 @@
 #include "host/toolkit_host.h"
 
+#include <array>
 #include <cstring>
 #include <exception>
 #include <fstream>
@@ -62,96 +63,80 @@ int32_t Describe(Toolkit& toolkit, FileInfo* info) {
     return kStatusOk;
 }
 
-int32_t InfoByName(const char16_t* path, FileInfo* info, int32_t info_size, int32_t flags,
-                   LoadOptions* options) {
+// Every loader has the same shape: take the active toolkit, record a copy of what the loader was handed
+// (`fill` copies what only this loader takes), then answer as the toolkit's loader would: an info call
+// with the description, a load with the configured status.
+template <typename Fill>
+int32_t RecordCall(LoaderKind kind, const LoadOptions* options, FileInfo* info, Fill&& fill) {
     Toolkit* toolkit = Toolkit::Active();
     if (toolkit == nullptr) return kStatusFailure;
     LoaderCall call;
-    call.kind = LoaderKind::kInfoByName;
-    CopyFile(call, path);
-    call.info_size = info_size;
-    call.flags = flags;
+    call.kind = kind;
+    fill(call);
     CopyOptions(call, options);
     call.info = CopyInfo(info);
     toolkit->Record(std::move(call));
-    return Describe(*toolkit, info);
+    const bool info_call = kind == LoaderKind::kInfoByName || kind == LoaderKind::kInfoInMemory;
+    return info_call ? Describe(*toolkit, info) : toolkit->description().status;
+}
+
+// What a standard load takes besides the document: the bitmap, the four constants and the caller's values.
+void CopyStandardLoad(LoaderCall& call, const void* bitmap, std::array<int32_t, 4> constants, int32_t value_1,
+                      int32_t value_2) {
+    call.bitmap = bitmap;
+    call.constants = constants;
+    call.caller_value_1 = value_1;
+    call.caller_value_2 = value_2;
+}
+
+int32_t InfoByName(const char16_t* path, FileInfo* info, int32_t info_size, int32_t flags,
+                   LoadOptions* options) {
+    return RecordCall(LoaderKind::kInfoByName, options, info, [&](LoaderCall& call) {
+        CopyFile(call, path);
+        call.info_size = info_size;
+        call.flags = flags;
+    });
 }
 
 int32_t InfoInMemory(const void* document, FileInfo* info, int32_t info_size, int32_t length, int32_t flags,
                      LoadOptions* options) {
-    Toolkit* toolkit = Toolkit::Active();
-    if (toolkit == nullptr) return kStatusFailure;
-    LoaderCall call;
-    call.kind = LoaderKind::kInfoInMemory;
-    CopyBytes(call, document, length);
-    call.info_size = info_size;
-    call.flags = flags;
-    CopyOptions(call, options);
-    call.info = CopyInfo(info);
-    toolkit->Record(std::move(call));
-    return Describe(*toolkit, info);
+    return RecordCall(LoaderKind::kInfoInMemory, options, info, [&](LoaderCall& call) {
+        CopyBytes(call, document, length);
+        call.info_size = info_size;
+        call.flags = flags;
+    });
 }
 
 int32_t LoadByName(const char16_t* path, void* bitmap, int32_t c216, int32_t c24, int32_t c1, int32_t c32,
                    int32_t caller_value_1, int32_t caller_value_2, LoadOptions* options, FileInfo* info) {
-    Toolkit* toolkit = Toolkit::Active();
-    if (toolkit == nullptr) return kStatusFailure;
-    LoaderCall call;
-    call.kind = LoaderKind::kLoadByName;
-    CopyFile(call, path);
-    call.bitmap = bitmap;
-    call.constants = {c216, c24, c1, c32};
-    call.caller_value_1 = caller_value_1;
-    call.caller_value_2 = caller_value_2;
-    CopyOptions(call, options);
-    call.info = CopyInfo(info);
-    toolkit->Record(std::move(call));
-    return toolkit->description().status;
+    return RecordCall(LoaderKind::kLoadByName, options, info, [&](LoaderCall& call) {
+        CopyFile(call, path);
+        CopyStandardLoad(call, bitmap, {c216, c24, c1, c32}, caller_value_1, caller_value_2);
+    });
 }
 
 int32_t LoadInMemory(const void* document, void* bitmap, int32_t c216, int32_t c24, int32_t c1, int32_t c32,
                      int32_t caller_value_1, int32_t caller_value_2, int32_t length, LoadOptions* options,
                      FileInfo* info) {
-    Toolkit* toolkit = Toolkit::Active();
-    if (toolkit == nullptr) return kStatusFailure;
-    LoaderCall call;
-    call.kind = LoaderKind::kLoadInMemory;
-    CopyBytes(call, document, length);
-    call.bitmap = bitmap;
-    call.constants = {c216, c24, c1, c32};
-    call.caller_value_1 = caller_value_1;
-    call.caller_value_2 = caller_value_2;
-    CopyOptions(call, options);
-    call.info = CopyInfo(info);
-    toolkit->Record(std::move(call));
-    return toolkit->description().status;
+    return RecordCall(LoaderKind::kLoadInMemory, options, info, [&](LoaderCall& call) {
+        CopyBytes(call, document, length);
+        CopyStandardLoad(call, bitmap, {c216, c24, c1, c32}, caller_value_1, caller_value_2);
+    });
 }
 
 int32_t AltLoadByName(const char16_t* path, int32_t alternative_value, LoadOptions* options, FileInfo* info) {
-    Toolkit* toolkit = Toolkit::Active();
-    if (toolkit == nullptr) return kStatusFailure;
-    LoaderCall call;
-    call.kind = LoaderKind::kAltLoadByName;
-    CopyFile(call, path);
-    call.alternative_value = alternative_value;
-    CopyOptions(call, options);
-    call.info = CopyInfo(info);
-    toolkit->Record(std::move(call));
-    return toolkit->description().status;
+    return RecordCall(LoaderKind::kAltLoadByName, options, info, [&](LoaderCall& call) {
+        CopyFile(call, path);
+        call.alternative_value = alternative_value;
+    });
 }
 
 int32_t AltLoadInMemory(const void* document, int32_t alternative_value, int32_t length, LoadOptions* options,
                         FileInfo* info) {
-    Toolkit* toolkit = Toolkit::Active();
-    if (toolkit == nullptr) return kStatusFailure;
-    LoaderCall call;
-    call.kind = LoaderKind::kAltLoadInMemory;
-    CopyBytes(call, document, length);
-    call.alternative_value = alternative_value;
-    CopyOptions(call, options);
-    call.info = CopyInfo(info);
-    toolkit->Record(std::move(call));
-    return toolkit->description().status;
+    return RecordCall(LoaderKind::kAltLoadInMemory, options, info, [&](LoaderCall& call) {
+        CopyBytes(call, document, length);
+        call.alternative_value = alternative_value;
+    });
 }
 
 // Runs `call` and turns anything that escapes the filter into one line: a bad source must never end
@@ -172,21 +157,12 @@ CallOutcome Guarded(const char* entry_name, Call&& call) {
 }  // namespace
 
 const char* LoaderKindName(LoaderKind kind) {
-    switch (kind) {
-        case LoaderKind::kInfoByName:
-            return "info by name";
-        case LoaderKind::kInfoInMemory:
-            return "info in memory";
-        case LoaderKind::kLoadByName:
-            return "load by name";
-        case LoaderKind::kLoadInMemory:
-            return "load in memory";
-        case LoaderKind::kAltLoadByName:
-            return "alternative load by name";
-        case LoaderKind::kAltLoadInMemory:
-            return "alternative load in memory";
-    }
-    return "unknown loader";
+    // In the order of the enumeration.
+    static constexpr const char* kNames[] = {
+        "info by name",   "info in memory",           "load by name",
+        "load in memory", "alternative load by name", "alternative load in memory"};
+    const auto i = static_cast<size_t>(kind);
+    return i < std::size(kNames) ? kNames[i] : "unknown loader";
 }
 
 Toolkit::Toolkit() : previous_(g_active) { g_active = this; }
@@ -302,13 +278,7 @@ std::u16string WideFromUtf8(const std::string& text) { return platform::Utf16Fro
 
 std::string Utf8FromWide(const char16_t* text) {
     if (text == nullptr) return {};
-    int32_t units = 0;
-    while (text[units] != 0) ++units;
-    if (units == 0) return {};
-    std::string out(static_cast<size_t>(units) * 3, '\0');
-    const int32_t written = krnUtf16ToUtf8(text, units, out.data(), static_cast<int32_t>(out.size()));
-    out.resize(static_cast<size_t>(written > 0 ? written : 0));
-    return out;
+    return platform::Utf8FromUtf16(text).value_or(std::string());
 }
 
 }  // namespace tarn::host

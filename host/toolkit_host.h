@@ -174,7 +174,7 @@ class SourceSession {
 // UTF-8 to UTF-16 for names given on a command line (no validation beyond what decoding needs:
 // malformed bytes become U+FFFD).
 std::u16string WideFromUtf8(const std::string& text);
-// UTF-16 to UTF-8 through the kernel's conversion; empty when it fails.
+// UTF-16 to UTF-8; empty when the text holds an unpaired surrogate.
 std::string Utf8FromWide(const char16_t* text);
 
 }  // namespace tarn::host

@@ -54,22 +54,24 @@ int32_t CountMessages(const ndb::db_ptr& db, MessageListPtr* list) {
     return kStatusOk;
 }
 
-int32_t WalkMessages(const ndb::db_ptr& db, const MessageVisitor& visit) {
+int32_t WalkMessages(const ndb::db_ptr& db, const MessageVisitor& visit, const WalkFailureReport& report) {
     try {
         for (const ndb::node_info& info : ndb::page_range(db->read_nbt_root())) {
             if (!IsNormalFolder(info.id)) continue;
             int32_t result = kWalkNext;
             try {
                 result = WalkFolder(db, info.id, visit);
-            } catch (const std::exception&) {
+            } catch (const std::exception& e) {
                 // A damaged folder costs only its own messages; the next folder is read as usual.
+                if (report) report({info.id, e.what()});
                 continue;
             }
             if (result == kWalkFinished) return kStatusOk;
             if (result < kStatusOk) return result;
         }
-    } catch (const std::exception&) {
+    } catch (const std::exception& e) {
         // The node B-tree itself failed: what was walked stands, and the caller finds what it found.
+        if (report) report({std::nullopt, e.what()});
     }
     return kStatusOk;
 }

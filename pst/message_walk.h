@@ -6,6 +6,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <string>
 
 #include "common/kernel_memory.h"
 #include "pst/filter_data.h"
@@ -45,10 +47,21 @@ constexpr int32_t kWalkNext = kStatusOk;
 constexpr int32_t kWalkFinished = 3;
 using MessageVisitor = std::function<int32_t(ndb::node_id folder, PstMessage& message)>;
 
+// An error the walk absorbed: it abandoned `folder` there (the folder's later messages are not
+// visited), or, with no folder, it ended the whole walk (the node B-tree itself failed).
+struct WalkFailure {
+    std::optional<ndb::node_id> folder;
+    std::string error;
+};
+using WalkFailureReport = std::function<void(const WalkFailure&)>;
+
 // Visits every message of every normal folder ("Freebusy Data" too) in walk order. An error of the
 // standard family thrown while a folder's messages are walked (its contents table, a message, the
-// visitor) ends that folder only; one thrown outside them ends the walk, which then gives 1.
-int32_t WalkMessages(const ndb::db_ptr& db, const MessageVisitor& visit);
+// visitor) ends that folder only; one thrown outside them ends the walk, which then gives 1. Either
+// way the status stays as it is, and `report` (when given) hears of it, so that a tool can say what
+// it could not read. Requires: `report` does not throw.
+int32_t WalkMessages(const ndb::db_ptr& db, const MessageVisitor& visit,
+                     const WalkFailureReport& report = {});
 
 // Composes every message up to the one at `index` (running index; skipped messages take none) into the
 // list's entries. 1 (also when the target is never reached: its entry then has no body), or the

@@ -4,7 +4,7 @@
 //
 //   ltp_make_seeds OUT_DIR
 #include <cstdio>
-#include <fstream>
+#include <cstdlib>
 #include <string>
 
 #include "tests/support/ltp_writer.h"
@@ -15,8 +15,9 @@ namespace {
 using namespace tarn::fixture;
 
 void Save(const std::string& dir, const std::string& name, const Bytes& bytes) {
-    std::ofstream out(dir + "/" + name, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    if (SaveFile(dir + "/" + name, bytes)) return;
+    std::fprintf(stderr, "ltp_make_seeds: %s/%s: cannot write\n", dir.c_str(), name.c_str());
+    std::exit(1);
 }
 
 StoreDescription SmallStore(PstLayout layout, PstEncoding encoding) {

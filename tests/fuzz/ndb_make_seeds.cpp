@@ -2,7 +2,7 @@
 // and all three encodings that between them hold every structure the reader knows (deep B-trees,
 // XBLOCK trees, both levels of subnode trees, nested subnodes). Usage: ndb_make_seeds DIR
 #include <cstdio>
-#include <fstream>
+#include <cstdlib>
 #include <string>
 
 #include "tests/support/pst_writer.h"
@@ -12,10 +12,9 @@ namespace {
 using namespace tarn::fixture;
 
 void Save(const std::string& dir, const std::string& name, const PstDescription& d) {
-    const PstImage image = WritePst(d);
-    std::ofstream out(dir + "/" + name, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(image.bytes.data()),
-              static_cast<std::streamsize>(image.bytes.size()));
+    if (SaveFile(dir + "/" + name, WritePst(d).bytes)) return;
+    std::fprintf(stderr, "ndb_make_seeds: %s/%s: cannot write\n", dir.c_str(), name.c_str());
+    std::exit(1);
 }
 
 PstDescription Base(PstLayout layout, PstEncoding encoding) {

@@ -9,10 +9,11 @@
 
 #include "kernel/tarnkrn.h"
 #include "kernel/tarnkrn_control.h"
+#include "tests/support/test_util.h"
 
 namespace {
 
-std::u16string Wide(const std::string& s) { return std::u16string(s.begin(), s.end()); }
+using tarn::testing::Wide;
 
 std::string ReportText() {
     std::string report(krnctlLeakReport(nullptr, 0) + 1, '\0');

@@ -3,7 +3,6 @@
 // so that every byte of it is ours. Usage: make_sample_store [--ansi] OUT.pst (--ansi: the 8-bit layout,
 // which the fuzz seeds use besides the sample itself).
 #include <cstdio>
-#include <fstream>
 #include <string>
 
 #include "tests/support/rtf_writer.h"
@@ -82,11 +81,7 @@ int main(int argc, char** argv) {
     }
     const char* path = argv[argc - 1];
     const PstImage image = WritePst(DescribeStore(Sample(ansi ? PstLayout::kAnsi : PstLayout::kUnicode)));
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(image.bytes.data()),
-              static_cast<std::streamsize>(image.bytes.size()));
-    out.close();
-    if (!out) {
+    if (!SaveFile(path, image.bytes)) {
         std::fprintf(stderr, "make_sample_store: %s: cannot write\n", path);
         return 1;
     }

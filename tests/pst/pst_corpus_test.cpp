@@ -158,11 +158,7 @@ std::multiset<SubjectAndSender> Listed(const std::string& path) {
     std::multiset<SubjectAndSender> out;
     std::istringstream lines(Run("'" TARNVIEW_PATH "' list '" + path + "'"));
     for (std::string line; std::getline(lines, line);) {
-        std::vector<std::string> fields;
-        size_t start = 0;
-        for (size_t tab; (tab = line.find('\t', start)) != std::string::npos; start = tab + 1)
-            fields.push_back(line.substr(start, tab - start));
-        fields.push_back(line.substr(start));
+        const std::vector<std::string> fields = ListFields(line);
         if (fields.size() == 5) out.insert({fields[2], fields[3]});
     }
     return out;

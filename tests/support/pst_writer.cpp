@@ -14,6 +14,7 @@
 #include <stdexcept>
 
 #include "common/signatures.h"
+#include "platform/unicode.h"
 #include "store/ndb/crypt_tables.h"
 #include "store/ndb/format.h"
 
@@ -497,16 +498,18 @@ TempPstFile::TempPstFile(const Bytes& bytes) {
     if (fd < 0) throw std::runtime_error("cannot make a temporary PST file");
     close(fd);
     path_ = pattern;
-    std::ofstream out(path_, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    if (!out) throw std::runtime_error("cannot write a temporary PST file");
+    if (!SaveFile(path_, bytes)) throw std::runtime_error("cannot write a temporary PST file");
 }
 
 TempPstFile::~TempPstFile() { std::remove(path_.c_str()); }
 
-std::u16string TempPstFile::path() const {
-    // Temporary paths are ASCII.
-    return std::u16string(path_.begin(), path_.end());
+std::u16string TempPstFile::path() const { return platform::Utf16FromUtf8(path_); }
+
+bool SaveFile(const std::string& path, const Bytes& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    out.close();
+    return static_cast<bool>(out);
 }
 
 }  // namespace tarn::fixture

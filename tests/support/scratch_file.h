@@ -13,6 +13,8 @@
 #include <string_view>
 #include <vector>
 
+#include "tests/support/test_util.h"
+
 namespace tarn::testing {
 
 class ScratchDir {
@@ -46,12 +48,6 @@ class ScratchDir {
   private:
     std::filesystem::path path_;
 };
-
-// A path as the zero-terminated UTF-16 the kernel takes (the test paths are ASCII).
-inline std::u16string Wide(const std::filesystem::path& path) {
-    const std::string text = path.string();
-    return std::u16string(text.begin(), text.end());
-}
 
 }  // namespace tarn::testing
 

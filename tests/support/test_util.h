@@ -3,8 +3,12 @@
 #define TARN_TESTS_SUPPORT_TEST_UTIL_H_
 
 #include <cctype>
+#include <filesystem>
 #include <functional>
 #include <string>
+#include <vector>
+
+#include "platform/unicode.h"
 
 namespace tarn::testing {
 
@@ -17,6 +21,28 @@ std::string MessageOf(const std::function<void()>& f) {
         return e.what();
     }
     return "(no error)";
+}
+
+// A path (UTF-8, as the file system gives it) as the UTF-16 the kernel and the store take.
+inline std::u16string Wide(const std::filesystem::path& path) {
+    return platform::Utf16FromUtf8(path.string());
+}
+
+// A line of `tarnview list`: its fields split at the tabs, with the escapes inside them (\t, \r, \n and
+// \\) undone.
+inline std::vector<std::string> ListFields(const std::string& line) {
+    std::vector<std::string> fields(1);
+    for (size_t i = 0; i < line.size(); ++i) {
+        if (line[i] == '\t') {
+            fields.emplace_back();
+        } else if (line[i] == '\\' && i + 1 < line.size()) {
+            const char next = line[++i];
+            fields.back() += next == 't' ? '\t' : next == 'r' ? '\r' : next == 'n' ? '\n' : next;
+        } else {
+            fields.back() += line[i];
+        }
+    }
+    return fields;
 }
 
 // A corpus file name as a test name: its stem, every character other than a letter or digit as '_'.

@@ -11,6 +11,7 @@
 #include "common/little_endian.h"
 #include "common/signatures.h"
 #include "common/store_file.h"
+#include "platform/unicode.h"
 #include "store/ndb/database.h"
 #include "store/ndb/format.h"
 #include "tools/tarnview/arguments.h"
@@ -32,31 +33,6 @@ std::optional<Options> Parse(const Args& args) {
     const auto parsed = ParseArguments(args, {"dump", {"--json"}, {}, {"FILE"}, {}});
     if (!parsed) return std::nullopt;
     return Options{parsed->positional[0], parsed->Has("--json")};
-}
-
-// UTF-8 to UTF-16 for the path; invalid sequences become U+FFFD, which then fails to open cleanly.
-std::u16string Wide(const std::string& text) {
-    std::u16string out;
-    for (size_t i = 0; i < text.size();) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        const size_t length = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
-        if (length == 0 || i + length > text.size()) {
-            out.push_back(u'\uFFFD');
-            ++i;
-            continue;
-        }
-        uint32_t cp = length == 1 ? c : c & (0x7F >> length);
-        for (size_t k = 1; k < length; ++k) cp = (cp << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
-        if (cp >= 0x10000) {
-            cp -= 0x10000;
-            out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
-            out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
-        } else {
-            out.push_back(static_cast<char16_t>(cp));
-        }
-        i += length;
-    }
-    return out;
 }
 
 // The header as the store sees it, read here rather than asked of the database, so that a header the
@@ -332,7 +308,8 @@ int DumpJson(const Options& options, const Header& h, const std::shared_ptr<ndb:
 int RunDump(const Args& args) {
     const auto options = Parse(args);
     if (!options) return 2;
-    const std::u16string path = Wide(options->file);
+    // Ill-formed UTF-8 becomes U+FFFD, which then fails to open cleanly.
+    const std::u16string path = tarn::platform::Utf16FromUtf8(options->file);
     Header header;
     try {
         header = ReadHeader(path);

@@ -1,6 +1,8 @@
 // tarnview list: every message of a PST in the order the filter numbers them, with its folder, subject,
 // sender and sent time. Reads through the store layers directly, with the filter's own walk, so the
 // index shown is the one `--message` takes (plus one) as long as the message's body is readable.
+// The walk skips a folder it cannot read, as the filter does; the list says so on stderr and exits 1,
+// so that a short list is never mistaken for the whole store.
 #include <unistd.h>
 
 #include <cstdio>
@@ -48,6 +50,62 @@ std::string Utf8(const std::u16string& text) { return tarn::host::Utf8FromWide(t
 
 std::string Text(const tarn::CountedString& s) { return std::string(s.text()); }
 
+// One message, one line: the characters that would split a line or a field are written as C escapes,
+// and the backslash too, so that the value can be recovered exactly.
+std::string Escaped(const std::string& value) {
+    std::string out;
+    out.reserve(value.size());
+    for (const char c : value) {
+        switch (c) {
+            case '\t':
+                out += "\\t";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            default:
+                out += c;
+        }
+    }
+    return out;
+}
+
+std::string ReadFolderName(const tarn::ndb::db_ptr& db, tarn::ndb::node_id folder) {
+    const tarn::ltp::property_bag bag(db->lookup_node(folder));
+    return Utf8(bag.read_wstring(tarn::kPropDisplayName));
+}
+
+// The folder's display name for a report, or nothing when its property context cannot say.
+std::optional<std::string> FolderName(const tarn::ndb::db_ptr& db, tarn::ndb::node_id folder) {
+    try {
+        return ReadFolderName(db, folder);
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
+
+// What the walk could not read, one line each: `FILE: folder "NAME" (nid 0x...): ERROR`.
+void ReportFailures(const std::string& file, const tarn::ndb::db_ptr& db,
+                    const std::vector<tarn::WalkFailure>& failures) {
+    for (const tarn::WalkFailure& f : failures) {
+        if (!f.folder) {
+            std::fprintf(stderr, "tarnview list: %s: node b-tree: %s; the walk ended there\n", file.c_str(),
+                         f.error.c_str());
+            continue;
+        }
+        const std::optional<std::string> name = FolderName(db, *f.folder);
+        const std::string named = name ? "\"" + *name + "\" " : "";
+        std::fprintf(stderr, "tarnview list: %s: folder %s(nid 0x%x): %s\n", file.c_str(), named.c_str(),
+                     static_cast<unsigned>(*f.folder), f.error.c_str());
+    }
+}
+
 }  // namespace
 
 int RunList(const Args& args) {
@@ -65,23 +123,22 @@ int RunList(const Args& args) {
     }
     std::map<tarn::ndb::node_id, std::string> folder_names;
     std::vector<Entry> entries;
+    std::vector<tarn::WalkFailure> failures;
     int32_t running = 0;
-    tarn::WalkMessages(db, [&](tarn::ndb::node_id folder, tarn::PstMessage& message) {
+    const auto visit = [&](tarn::ndb::node_id folder, tarn::PstMessage& message) {
         const std::u16string subject = tarn::ReadSubject(message.properties());
         // The filter gives these no page and no index.
         if (subject == tarn::kLocalFreebusySubject) return tarn::kWalkNext;
         auto name = folder_names.find(folder);
-        if (name == folder_names.end()) {
-            const tarn::ltp::property_bag bag(db->lookup_node(folder));
-            name = folder_names.emplace(folder, Utf8(bag.read_wstring(tarn::kPropDisplayName))).first;
-        }
+        if (name == folder_names.end()) name = folder_names.emplace(folder, ReadFolderName(db, folder)).first;
         tarn::MessageDocument fields;
         tarn::ReadHeaderFields(message.properties(), fields);
         entries.push_back({running++, name->second, Utf8(subject), Text(fields.header[tarn::kSlotFrom]),
                            Text(fields.header[tarn::kSlotSent])});
         if (progress) std::fprintf(stderr, "\rtarnview list: %d messages", running);
         return tarn::kWalkNext;
-    });
+    };
+    tarn::WalkMessages(db, visit, [&](const tarn::WalkFailure& f) { failures.push_back(f); });
     if (progress) std::fprintf(stderr, "\r\033[K");
 
     if (options->json) {
@@ -97,11 +154,13 @@ int RunList(const Args& args) {
         std::cout << '\n';
     } else {
         for (const Entry& e : entries) {
-            std::cout << e.index << '\t' << e.folder << '\t' << e.subject << '\t' << e.sender << '\t'
-                      << e.sent << '\n';
+            std::cout << e.index << '\t' << Escaped(e.folder) << '\t' << Escaped(e.subject) << '\t'
+                      << Escaped(e.sender) << '\t' << Escaped(e.sent) << '\n';
         }
     }
-    return 0;
+    std::cout.flush();
+    ReportFailures(options->file, db, failures);
+    return failures.empty() ? 0 : 1;
 }
 
 }  // namespace tarnview

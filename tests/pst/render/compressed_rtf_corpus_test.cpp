@@ -16,6 +16,7 @@
 #include "store/ltp/property_bag.h"
 #include "store/ltp/prop_stream.h"
 #include "store/ndb/database.h"
+#include "tests/support/test_util.h"
 
 namespace {
 
@@ -46,8 +47,7 @@ TEST(CompressedRtfCorpus, EveryStoreBodyMatchesAnIndependentDecompressor) {
     for (const auto& entry : fs::directory_iterator(corpus)) {
         if (entry.path().extension() != ".pst") continue;
         const std::string file = entry.path().filename().string();
-        const std::string narrow = entry.path().string();
-        auto db = ndb::open_database(std::u16string(narrow.begin(), narrow.end()));
+        auto db = ndb::open_database(tarn::testing::Wide(entry.path()));
         for (const ndb::node_info& info : ndb::page_range(db->read_nbt_root())) {
             if ((info.id & 0x1F) != 0x04) continue;
             ltp::property_bag message(db->lookup_node(info.id));

@@ -32,7 +32,7 @@ TEST_P(CorpusSubjectTest, SubjectsMatchPffexport) {
     const std::string path = std::string(TARN_SHARED_DIR) + "/corpus/pst/" + GetParam();
 
     std::vector<std::string> ours;
-    auto db = tarn::ndb::open_database(std::u16string(path.begin(), path.end()));
+    auto db = tarn::ndb::open_database(tarn::testing::Wide(path));
     for (const auto& info : tarn::ndb::page_range(db->read_nbt_root())) {
         if ((info.id & 0x1F) != 0x04) continue;
         const property_bag message(db->lookup_node(info.id));

@@ -22,7 +22,7 @@ using tarn::ndb::node_info;
 using tarn::ndb::open_database;
 using tarn::ndb::page_range;
 
-std::u16string Wide(const std::string& s) { return std::u16string(s.begin(), s.end()); }
+using tarn::testing::Wide;
 
 // Types whose value sits in the 4-byte entry itself, and the 8-byte ones held through an HNID.
 bool IsInline(prop_type type) {

@@ -15,7 +15,7 @@ namespace {
 
 using namespace tarn::ndb;
 
-std::u16string Wide(const std::string& s) { return std::u16string(s.begin(), s.end()); }
+using tarn::testing::Wide;
 
 struct WalkTotals {
     std::map<unsigned, unsigned> nodes_by_type;  // nid & 0x1F

@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 
 #include "tests/support/store_writer.h"
@@ -155,11 +154,7 @@ int main(int argc, char** argv) {
                          std::chrono::duration<double>(t0 - start).count(),
                          std::chrono::duration<double>(t1 - t0).count(),
                          std::chrono::duration<double>(t2 - t1).count());
-        std::ofstream out(out_path, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(image.bytes.data()),
-                  static_cast<std::streamsize>(image.bytes.size()));
-        out.close();
-        if (!out) {
+        if (!SaveFile(out_path, image.bytes)) {
             std::fprintf(stderr, "make-store: %s: cannot write the store\n", out_path);
             return kStatusFailed;
         }
