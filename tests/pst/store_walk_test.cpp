@@ -104,7 +104,7 @@ TEST(StoreWalk, MessageNumbersFollowFolderAndRowOrder) {
             const Loaded loaded = LoadMessage(path, c.number);
             EXPECT_EQ(loaded.status, c.status);
             if (c.status == kStatusOk) {
-                EXPECT_EQ(loaded.document, c.document);
+                EXPECT_EQ(loaded.body, c.document);
                 EXPECT_EQ(loaded.format, 369);
             }
             const Described d = Describe(path, c.number);
@@ -124,10 +124,10 @@ TEST(StoreWalk, FreebusyDataIsWalkedThoughNotCounted) {
                      {"Inbox", {HtmlMessage("i1", "<p>i1</p>"), HtmlMessage("i2", "<p>i2</p>")}}};
     const std::u16string path = WriteStore(dir, store);
     EXPECT_EQ(Describe(path, 1).message_count, 2);
-    EXPECT_EQ(LoadMessage(path, 1).document, Html("<p>busy</p>"));
-    EXPECT_EQ(LoadMessage(path, 2).document, Html("<p>i1</p>"));
+    EXPECT_EQ(LoadMessage(path, 1).body, Html("<p>busy</p>"));
+    EXPECT_EQ(LoadMessage(path, 2).body, Html("<p>i1</p>"));
     // The count clamps to 2, so i2 can never be reached.
-    EXPECT_EQ(LoadMessage(path, 3).document, Html("<p>i1</p>"));
+    EXPECT_EQ(LoadMessage(path, 3).body, Html("<p>i1</p>"));
 }
 
 TEST(StoreWalk, ADamagedFolderCostsOnlyItsOwnMessages) {
@@ -142,7 +142,7 @@ TEST(StoreWalk, ADamagedFolderCostsOnlyItsOwnMessages) {
     image.Put8(image.Block(image.Node(contents).data_bid).address + 2, 0x00);
     const std::u16string path = Wide(dir.Write("damaged.pst", image.bytes));
 
-    EXPECT_EQ(LoadMessage(path, 1).document, Html("<p>b1</p>"));
+    EXPECT_EQ(LoadMessage(path, 1).body, Html("<p>b1</p>"));
     EXPECT_EQ(LoadMessage(path, 2).status, kStatusUnsupported);
     EXPECT_EQ(Describe(path, 1).message_count, 3);
 }
@@ -229,9 +229,10 @@ TEST(Composer, TheLastPresentBodyWins) {
         int32_t format;
         std::string document;
     };
-    // "hi" is 68 00 69 00: its final zero byte is taken for a terminator (L = 3), and the mark is not
-    // counted, so the loader is told of FF FE 68 and nothing more. Both kept as they stand.
-    const std::string marked = std::string("\xFF\xFE", 2) + "h";
+    // "hi" is 68 00 69 00: its final zero byte is taken for a terminator, and the mark is not counted,
+    // so the loader is told of FF FE, the header lines and 68, and nothing more. Both kept as they stand.
+    // The header lines go in front of the text as they are (UTF-8 before the stored UTF-16).
+    const std::string marked = std::string("\xFF\xFE", 2) + "Subject:   \ts\r\n\r\nh";
     const Case cases[] = {
         {"HTML only", {}, AsBytes("<p>x</p>"), {}, false, kStatusOk, 369, Html("<p>x</p>")},
         {"HTML with its own html element is wrapped again",
@@ -282,7 +283,7 @@ TEST(Composer, TheLastPresentBodyWins) {
         EXPECT_EQ(loaded.status, c.status) << c.what;
         if (c.status != kStatusOk) continue;
         EXPECT_EQ(loaded.format, c.format) << c.what;
-        EXPECT_EQ(loaded.document, c.document) << c.what;
+        EXPECT_EQ(loaded.body, c.document) << c.what;
     }
 }
 
@@ -293,7 +294,7 @@ TEST(Composer, AMalformedRtfBodyEndsTheWalkForLaterMessages) {
     StoreDescription store;
     store.folders = {{"Inbox", {HtmlMessage("first", "<p>1</p>"), broken, HtmlMessage("last", "<p>3</p>")}}};
     const std::u16string path = WriteStore(dir, store);
-    EXPECT_EQ(LoadMessage(path, 1).document, Html("<p>1</p>"));
+    EXPECT_EQ(LoadMessage(path, 1).body, Html("<p>1</p>"));
     // Every message before the target is composed too, so the broken body stops the walk on its way.
     EXPECT_EQ(LoadMessage(path, 2).status, kStatusUnsupported);
     EXPECT_EQ(LoadMessage(path, 3).status, kStatusUnsupported);
