@@ -1,18 +1,63 @@
 // The database handle's one implementation, over the on-disk id width: uint32_t for the ANSI layout,
-// uint64_t for the Unicode layout. Both instances are compiled in database.cpp; nothing else needs the
-// member definitions. Open a store with open_database (database.h).
+// uint64_t for the Unicode layout. Its members are defined in three files, each of which instantiates
+// its own for both widths: database.cpp (opening, the header, lookups and the root caches), page.cpp
+// (reading and checking B-tree pages) and block.cpp (reading and checking blocks, and the blocks made in
+// memory). Nothing else needs the member definitions. Open a store with open_database (database.h).
 #ifndef TARN_STORE_NDB_DATABASE_IMPL_H_
 #define TARN_STORE_NDB_DATABASE_IMPL_H_
 
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
+#include "common/little_endian.h"
 #include "common/store_file.h"
 #include "store/ndb/database.h"
+#include "store/ndb/format.h"
 
 namespace tarn::ndb {
+
+// The layout's geometry, picked by the on-disk id width.
+template <typename T>
+struct layout;
+template <>
+struct layout<uint32_t> {
+    static constexpr const format::HeaderLayout& header = format::kAnsiHeader;
+    static constexpr const format::PageLayout& page = format::kAnsiPage;
+    static constexpr const format::BlockLayout& block = format::kAnsiBlock;
+};
+template <>
+struct layout<uint64_t> {
+    static constexpr const format::HeaderLayout& header = format::kUnicodeHeader;
+    static constexpr const format::PageLayout& page = format::kUnicodePage;
+    static constexpr const format::BlockLayout& block = format::kUnicodeBlock;
+};
+
+// An id or address of the layout's width at `offset`, zero-extended. Requires: the bytes are there
+// (every caller reads inside a page, a block span or the header, whose sizes are fixed).
+template <typename T>
+uint64_t load_id(const std::vector<std::byte>& bytes, size_t offset) {
+    return LoadLe<T>(bytes.data() + offset);
+}
+
+inline uint8_t byte_at(const std::vector<std::byte>& bytes, size_t offset) {
+    return std::to_integer<uint8_t>(bytes[offset]);
+}
+
+// True when [address, address + span) does not lie within `eof` (and, for the ANSI layout, within
+// 32-bit addresses). Written so that it cannot overflow.
+template <typename T>
+bool past_eof(uint64_t address, uint64_t span, uint64_t eof) {
+    if (address > eof || span > eof - address) return true;
+    if constexpr (std::is_same_v<T, uint32_t>) {
+        if (address > std::numeric_limits<uint32_t>::max() - span) return true;
+    }
+    return false;
+}
 
 template <typename T>
 class database_impl : public db_context {
@@ -65,14 +110,17 @@ class database_impl : public db_context {
     block_id alloc_bid(bool internal) override;
 
   private:
+    // Page reading (page.cpp).
     std::vector<std::byte> read_page_data(const page_info& pi);
-    std::vector<std::byte> read_block_data(const block_info& bi);
     template <typename K, typename V>
     std::shared_ptr<bt_page<K, V>> build_page(const page_info& pi, const std::vector<std::byte>& bytes);
     template <typename K, typename V>
     std::shared_ptr<bt_page<K, V>> read_typed_page(const page_info& pi, uint8_t want_level);
+    // Block reading (block.cpp).
+    std::vector<std::byte> read_block_data(const block_info& bi);
     std::shared_ptr<subnode_block> build_subnode_block(const db_ptr& db, const block_info& bi,
                                                        const std::vector<std::byte>& bytes);
+    // The header's fields (database.cpp).
     uint64_t file_eof() const;
     uint8_t crypt_method() const;
 
@@ -81,9 +129,6 @@ class database_impl : public db_context {
     std::shared_ptr<bbt_page> bbt_root_;
     std::shared_ptr<nbt_page> nbt_root_;
 };
-
-extern template class database_impl<uint32_t>;
-extern template class database_impl<uint64_t>;
 
 }  // namespace tarn::ndb
 
