@@ -1,5 +1,6 @@
 // The kernel stand-in: files on POSIX, a tracking allocator, the object registry, temporary files,
-// the mode and language answers, UTF-16 to UTF-8 and the memory account.
+// the mode and language answers, UTF-16 to UTF-8, the memory account, fonts and device contexts, and
+// script runs of text.
 //
 // All state is process-wide and guarded by one mutex: the filter is single-threaded per call, but hosts
 // and tests may run several calls side by side.
@@ -8,19 +9,33 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <unicode/uscript.h>
 #include <unicode/ustring.h>
+#include <unicode/utf16.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 #include <unordered_map>
 
 #include "kernel/tarnkrn_control.h"
+
+// The kernel's font and device-context objects; callers see only their addresses.
+struct krn_font_object {
+    std::u16string face;
+    int32_t selections = 0;  // device contexts it is selected into
+};
+
+struct krn_dc_object {
+    krn_font selected = nullptr;
+};
 
 namespace {
 
@@ -82,6 +97,14 @@ struct Kernel {
 
     Fault fail_allocation;
     Fault fail_open, fail_seek, fail_read, fail_write;
+
+    std::map<krn_font, std::unique_ptr<krn_font_object>> fonts;
+    std::map<krn_dc, std::unique_ptr<krn_dc_object>> dcs;
+    // Selected into every new device context, as the system's own default font is; never deleted.
+    krn_font_object stock_font{u"System", 0};
+
+    // Requires: the mutex is held. True for a font the caller may select: one of ours, or the stock font.
+    bool KnownFont(krn_font font) { return font == &stock_font || fonts.count(font) == 1; }
 };
 
 Kernel& K() {
@@ -128,6 +151,9 @@ void* TrackedAllocate(Kernel& k, size_t bytes, bool zeroed, const char* file, in
     ++k.allocation_count;
     return block;
 }
+
+// True for characters that belong to no one script and so join the run they stand in.
+bool JoinsAnyRun(UScriptCode script) { return script == USCRIPT_COMMON || script == USCRIPT_INHERITED; }
 
 int32_t ReadCommon(krn_handle handle, void* buffer, int32_t count) {
     int fd;
@@ -393,6 +419,93 @@ int32_t krnAccountMemory(int64_t delta) {
     return kStatusOk;
 }
 
+krn_font krnCreateFont(const KrnFontDescription* description) {
+    if (description == nullptr) return nullptr;
+    auto font = std::make_unique<krn_font_object>();
+    for (int i = 0; i < KRN_FACE_SIZE - 1 && description->face_name[i] != 0; ++i) {
+        font->face.push_back(description->face_name[i]);
+    }
+    Kernel& k = K();
+    std::lock_guard lock(k.mutex);
+    krn_font handle = font.get();
+    k.fonts.emplace(handle, std::move(font));
+    return handle;
+}
+
+int32_t krnDeleteFont(krn_font font) {
+    Kernel& k = K();
+    std::lock_guard lock(k.mutex);
+    auto it = k.fonts.find(font);
+    if (it == k.fonts.end() || it->second->selections != 0) return kStatusBadArgument;
+    k.fonts.erase(it);
+    return kStatusOk;
+}
+
+krn_dc krnScreenDc(void) {
+    Kernel& k = K();
+    std::lock_guard lock(k.mutex);
+    auto dc = std::make_unique<krn_dc_object>();
+    dc->selected = &k.stock_font;
+    krn_dc handle = dc.get();
+    k.dcs.emplace(handle, std::move(dc));
+    return handle;
+}
+
+int32_t krnReleaseScreenDc(krn_dc dc) {
+    Kernel& k = K();
+    std::lock_guard lock(k.mutex);
+    auto it = k.dcs.find(dc);
+    if (it == k.dcs.end()) return kStatusBadArgument;
+    // Whatever is still selected is free to be deleted once its context is gone.
+    --it->second->selected->selections;
+    k.dcs.erase(it);
+    return kStatusOk;
+}
+
+const char16_t* krnScriptRunEnd(const char16_t* position, int32_t remaining) {
+    if (position == nullptr || remaining <= 0) return position;
+    UScriptCode run_script = USCRIPT_COMMON;
+    int32_t at = 0;
+    while (at < remaining) {
+        const int32_t start = at;
+        UChar32 c;
+        U16_NEXT(position, at, remaining, c);  // an unpaired surrogate comes back as itself
+        UErrorCode error = U_ZERO_ERROR;
+        UScriptCode script = uscript_getScript(c, &error);
+        if (U_FAILURE(error) || JoinsAnyRun(script)) continue;
+        if (JoinsAnyRun(run_script)) {
+            run_script = script;
+        } else if (script != run_script) {
+            return position + start;
+        }
+    }
+    return position + remaining;
+}
+
+krn_font krnSelectFont(krn_dc dc, krn_font font) {
+    Kernel& k = K();
+    std::lock_guard lock(k.mutex);
+    auto it = k.dcs.find(dc);
+    if (it == k.dcs.end() || !k.KnownFont(font)) return nullptr;
+    krn_font previous = it->second->selected;
+    --previous->selections;
+    ++font->selections;
+    it->second->selected = font;
+    return previous;
+}
+
+int32_t krnSelectedFace(krn_dc dc, char16_t* out, int32_t capacity) {
+    Kernel& k = K();
+    std::lock_guard lock(k.mutex);
+    auto it = k.dcs.find(dc);
+    if (it == k.dcs.end() || out == nullptr) return kStatusBadArgument;
+    const std::u16string& face = it->second->selected->face;
+    if (capacity <= 0 || face.size() >= static_cast<size_t>(capacity)) return kStatusBadArgument;
+    std::copy(face.begin(), face.end(), out);
+    out[face.size()] = 0;
+    return static_cast<int32_t>(face.size());
+}
+
 // ---- Controls ------------------------------------------------------------------------------------
 
 void krnctlSetMode(int32_t mode) {
@@ -477,6 +590,12 @@ size_t krnctlLeakReport(char* out, size_t capacity) {
         for (const auto& [handle, file] : k.files) {
             report += "file handle " + std::to_string(handle) + " still open: " + file.path + "\n";
         }
+        for (const auto& [handle, font] : k.fonts) {
+            std::string face;
+            for (char16_t unit : font->face) face.push_back(unit < 0x80 ? static_cast<char>(unit) : '?');
+            report += "font \"" + face + "\" not deleted\n";
+        }
+        if (!k.dcs.empty()) report += std::to_string(k.dcs.size()) + " screen device context(s) not released\n";
         for (const auto& path : k.temp_files) {
             if (::access(path.c_str(), F_OK) == 0) report += "temporary file not deleted: " + path + "\n";
         }

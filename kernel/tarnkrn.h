@@ -97,6 +97,48 @@ TARNKRN_API int32_t krnUnregisterObject(int32_t kind, const void* object, int32_
 // which case nothing is added.
 TARNKRN_API int32_t krnAccountMemory(int64_t delta);
 
+// ---- Fonts and text runs -------------------------------------------------------------------------
+
+// Fonts and device contexts the kernel hands out. Each is tracked until it is deleted or released, and
+// the leak report names any left.
+typedef struct krn_font_object* krn_font;
+typedef struct krn_dc_object* krn_dc;
+
+// Longest face name a font description holds, its terminating zero included.
+#define KRN_FACE_SIZE 32
+
+// A font description in the layout the toolkit passes on to the system. This stand-in reads only the
+// face name; the filter leaves every other field zero.
+typedef struct KrnFontDescription {
+    int32_t height, width, escapement, orientation, weight;
+    uint8_t italic, underline, strike_out, char_set, out_precision, clip_precision, quality, pitch_and_family;
+    TARNKRN_CHAR16 face_name[KRN_FACE_SIZE];  // zero-terminated; a longer name is cut
+} KrnFontDescription;
+
+// 271: creates a font from a description. Null for a null description.
+TARNKRN_API krn_font krnCreateFont(const KrnFontDescription* description);
+// 292: deletes a font from krnCreateFont. 1; -13 for a font the kernel did not hand out, the stock font,
+// or one still selected into a device context (the caller must restore the previous font first).
+TARNKRN_API int32_t krnDeleteFont(krn_font font);
+// 313: a device context for the screen, with the stock font selected. Null when none can be had.
+TARNKRN_API krn_dc krnScreenDc(void);
+// 316: releases a device context from krnScreenDc. 1, or -13 for one the kernel did not hand out.
+TARNKRN_API int32_t krnReleaseScreenDc(krn_dc dc);
+// 440: the end of the run of one script that starts at `position`, `remaining` units of UTF-16 before
+// the text ends. The run takes at least one unit and never passes the end; characters common to all
+// scripts (spaces, punctuation, digits) and combining marks join the run they stand in, and a run that
+// begins with them takes the script of the first character that has one. A surrogate pair is never
+// split. Returns `position` itself when `position` is null or `remaining` is not positive.
+TARNKRN_API const TARNKRN_CHAR16* krnScriptRunEnd(const TARNKRN_CHAR16* position, int32_t remaining);
+
+// Without ordinals: on the toolkit's platform the system's drawing interface answers these. Here the
+// font objects live in the kernel, so the drawing stand-ins of platform/ ask it.
+// Selects `font` into `dc` and returns the font selected before; null when either is unknown.
+TARNKRN_API krn_font krnSelectFont(krn_dc dc, krn_font font);
+// Copies the face name of the font selected into `dc`, zero-terminated, into out[capacity]; returns its
+// length in units, or -13 for an unknown context or a capacity too small.
+TARNKRN_API int32_t krnSelectedFace(krn_dc dc, TARNKRN_CHAR16* out, int32_t capacity);
+
 #if defined(__cplusplus)
 }
 #endif

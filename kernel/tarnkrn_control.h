@@ -41,7 +41,8 @@ TARNKRN_API size_t krnctlOutstandingAllocations(void);
 TARNKRN_API uint64_t krnctlAllocationCount(void);
 
 // Writes a report of what is outstanding: allocations and registered objects with their file and line,
-// open file handles with their paths, and temporary files made by krnTempFileName that still exist.
+// open file handles with their paths, temporary files made by krnTempFileName that still exist, fonts
+// not deleted (by face) and screen device contexts not released.
 // Returns the length of the full report (0 when nothing is outstanding) and copies at most `capacity`-1
 // bytes of it, zero-terminated, into `out` when `out` is not null.
 TARNKRN_API size_t krnctlLeakReport(char* out, size_t capacity);

@@ -162,4 +162,84 @@ TEST(Kernel, ConversionModeAndLanguage) {
     EXPECT_EQ(krnModeQuery(), 0);
 }
 
+KrnFontDescription Face(const std::u16string& face) {
+    KrnFontDescription description{};
+    face.copy(description.face_name, KRN_FACE_SIZE - 1);
+    return description;
+}
+
+std::u16string SelectedFace(krn_dc dc) {
+    char16_t face[KRN_FACE_SIZE];
+    int32_t units = krnSelectedFace(dc, face, KRN_FACE_SIZE);
+    return units < 0 ? u"<error>" : std::u16string(face, static_cast<size_t>(units));
+}
+
+TEST(Kernel, FontsAndScreenContextsAreTrackedUntilGivenBack) {
+    const KrnFontDescription gothic = Face(u"MS Gothic");
+    krn_font font = krnCreateFont(&gothic);
+    ASSERT_NE(font, nullptr);
+    EXPECT_EQ(krnCreateFont(nullptr), nullptr);
+    krn_dc dc = krnScreenDc();
+    ASSERT_NE(dc, nullptr);
+    EXPECT_EQ(SelectedFace(dc), u"System");  // a new context holds the stock font
+
+    krn_font stock = krnSelectFont(dc, font);
+    ASSERT_NE(stock, nullptr);
+    EXPECT_EQ(SelectedFace(dc), u"MS Gothic");
+    EXPECT_LT(krnDeleteFont(font), 0);  // still selected
+    std::string report = ReportText();
+    EXPECT_NE(report.find("font \"MS Gothic\" not deleted"), std::string::npos) << report;
+    EXPECT_NE(report.find("1 screen device context(s) not released"), std::string::npos) << report;
+
+    EXPECT_EQ(krnSelectFont(dc, stock), font);
+    EXPECT_LT(krnDeleteFont(stock), 0);  // the stock font belongs to the kernel
+    EXPECT_EQ(krnDeleteFont(font), 1);
+    EXPECT_LT(krnDeleteFont(font), 0);  // twice
+    EXPECT_EQ(krnSelectFont(dc, font), nullptr);  // a deleted font cannot be selected
+    char16_t tiny[3];
+    EXPECT_LT(krnSelectedFace(dc, tiny, 3), 0);  // "System" does not fit
+    EXPECT_EQ(krnReleaseScreenDc(dc), 1);
+    EXPECT_LT(krnReleaseScreenDc(dc), 0);
+    EXPECT_EQ(krnSelectFont(dc, stock), nullptr);
+
+    // A name longer than a description holds is cut, not read past its field.
+    KrnFontDescription longest{};
+    for (char16_t& unit : longest.face_name) unit = u'x';
+    krn_font cut = krnCreateFont(&longest);
+    krn_dc other = krnScreenDc();
+    krnSelectFont(other, cut);
+    EXPECT_EQ(SelectedFace(other), std::u16string(KRN_FACE_SIZE - 1, u'x'));
+    // Releasing the context frees what was selected into it for deletion.
+    EXPECT_EQ(krnReleaseScreenDc(other), 1);
+    EXPECT_EQ(krnDeleteFont(cut), 1);
+}
+
+TEST(Kernel, ScriptRunsEndWhereTheScriptChanges) {
+    struct Case {
+        std::u16string text;
+        size_t run;  // units in the run that starts at the first unit
+    };
+    const Case cases[] = {
+        {u"abc", 3},
+        {u"\u65e5\u672c\u8a9e abc", 4},                // Han, then a space that joins, then Latin
+        {u"\u5dee\u51fa\u4eba: \u5f35", 6},             // punctuation and spaces stay in the Han run
+        {u"\u3042\u3044\u6f22", 2},                     // Hiragana and Han are two scripts
+        {u"  \u0645\u0646 \u0041", 5},                  // a leading space takes Arabic, then Latin
+        {u"\u0645\u0650\u0646", 3},                     // a combining mark joins its letter
+        {u"\U00020000\U00020001a", 4},                  // pairs are whole, never split
+        {u"\xD800\u0645", 1},                            // a lone surrogate is a run of its own
+        {u"12 34", 5},                                  // nothing but common characters
+        {u"\uac00\u3131 \u0410", 3},                    // Hangul, then Cyrillic
+    };
+    for (const Case& c : cases) {
+        const char16_t* end = krnScriptRunEnd(c.text.data(), static_cast<int32_t>(c.text.size()));
+        EXPECT_EQ(static_cast<size_t>(end - c.text.data()), c.run) << "case with " << c.text.size() << " units";
+    }
+    const char16_t text[] = u"\u0645\u0646";
+    EXPECT_EQ(krnScriptRunEnd(text, 1), text + 1);  // never past the end it is given
+    EXPECT_EQ(krnScriptRunEnd(text, 0), text);
+    EXPECT_EQ(krnScriptRunEnd(text, -5), text);
+    EXPECT_EQ(krnScriptRunEnd(nullptr, 5), nullptr);
+}
+
 }  // namespace
