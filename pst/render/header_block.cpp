@@ -6,6 +6,8 @@
 
 #include "common/status.h"
 #include "pst/render/header_labels.h"
+#include "pst/render/rtf_fonts.h"
+#include "pst/render/rtf_text.h"
 
 namespace tarn {
 namespace {
@@ -26,14 +28,20 @@ constexpr std::string_view kHtmlBlockEnd = "</table>\r\n<p class=MsoNormal><o:p>
 constexpr std::string_view kRtfSeparator =
     "\\pard \\ltrpar\\ql \\li0\\ri0\\widctlpar\\wrapdefault\\aspalpha\\aspnum\\faauto\\adjustright\\rin0"
     "\\lin0\\itap0 {\\rtlch\\fcs1 \\af1 \\ltrch\\fcs0 \\insrsid5716485 \\par }";
+constexpr std::string_view kRtfRowOpening =
+    "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 ";
+constexpr std::string_view kRtfJoint = "\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 ";
+constexpr std::string_view kRtfRowEnd = "\\insrsid5716485 \\par }\r\n";
 constexpr std::string_view kOnBehalfOf = " on behalf of ";
 static_assert(kTableOpening.size() == 80 && kHtmlRowOpening.size() == 160 && kHtmlJoint.size() == 160);
 static_assert(kHtmlRowEnd.size() == 19 && kHtmlBlockEnd.size() == 52 && kRtfSeparator.size() == 151);
+static_assert(kRtfRowOpening.size() == 57 && kRtfJoint.size() == 42 && kRtfRowEnd.size() == 24);
 static_assert(kOnBehalfOf.size() == 14);
 
 // Growth steps: a whole block at a time for HTML, a line at a time for text.
 constexpr size_t kHtmlHeaderGrowth = 1024;
 constexpr size_t kTextLineGrowth = 32;
+constexpr size_t kRtfHeaderGrowth = 1024;
 
 // The English builder's rows, by format and field (From, To, Bcc, Cc, Sent, Subject, Importance).
 constexpr std::string_view kEnglishHtmlRows[] = {
@@ -68,7 +76,7 @@ constexpr std::string_view kEnglishRtfRows[] = {
 // always shown it.
 constexpr std::string_view kEnglishTextRows[] = {"From:   \t", "To:     \t", "Bcc:    \t",  "Cc:     \t",
                                                  "Sent:   \t", "Subject:\t", "Importance: "};
-constexpr std::string_view kEnglishRowEnds[] = {kHtmlRowEnd, "\\insrsid5716485 \\par }\r\n", "\r\n"};
+constexpr std::string_view kEnglishRowEnds[] = {kHtmlRowEnd, kRtfRowEnd, "\r\n"};
 constexpr std::string_view kEnglishBlockEnds[] = {kHtmlBlockEnd, kRtfSeparator, "\r\n"};
 
 // Where each header field lives in the record.
@@ -179,6 +187,125 @@ int32_t BuildHtmlHeader(MessageDocument& record) {
     return FinishHtmlHeader(header, record.document);
 }
 
+// ---- The RTF block ---------------------------------------------------------------------------------
+
+// What the RTF block needs to know of its body, and the header written so far. The header's text goes
+// through the body's font table, which may gain fonts for the header's scripts.
+struct RtfHeader {
+    GrowBuffer header;
+    RtfFontTable fonts;
+    RtfTextState text{&header, &fonts, kNoFont};
+    int32_t default_font = 0;  // "\deff"; read for completeness, the header picks fonts by code page
+    size_t table_start = 0;    // the body's font table is body[table_start, table_end)
+    size_t table_end = 0;
+};
+
+// The decimal number at `at` in `text` (an optional minus sign first), saturating at `low` and `high`;
+// 0 when there are no digits.
+int64_t ReadRtfNumber(std::string_view text, size_t at, int64_t low, int64_t high) {
+    bool negative = false;
+    if (at < text.size() && text[at] == '-') {
+        negative = true;
+        ++at;
+    }
+    int64_t value = 0;
+    for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at)
+        value = std::min<int64_t>(value * 10 + (text[at] - '0'), high + 1);
+    value = negative ? -value : value;
+    return std::clamp(value, low, high);
+}
+
+int32_t AnalyseBodyRtf(RtfHeader& state, const CountedString& body) {
+    const std::string_view text = body.text();
+    uint32_t code_page = 0;
+    if (const size_t at = text.find("\\ansicpg"); at != std::string_view::npos)
+        code_page = static_cast<uint32_t>(ReadRtfNumber(text, at + 8, 0, UINT32_MAX));
+    if (const size_t at = text.find("\\deff"); at != std::string_view::npos)
+        state.default_font = static_cast<int32_t>(ReadRtfNumber(text, at + 5, INT32_MIN, INT32_MAX));
+
+    if (const size_t at = text.find("\\fonttbl"); at != std::string_view::npos) {
+        const char* position = text.data() + at;
+        if (const int32_t status = ParseFontTable(state.fonts, position, text.data() + text.size());
+            status != kStatusOk)
+            return status;
+        state.table_start = at;
+        state.table_end = static_cast<size_t>(position - text.data());
+    } else {
+        // No table of its own: fonts the header adds get one of their own, put behind the "\from..."
+        // word of a body that encapsulates HTML or text.
+        const size_t from = text.find("\\from");
+        if (from == std::string_view::npos) return kStatusUnsupported;
+        size_t end = from + 1;
+        while (end < text.size() && text[end] != '\\' && text[end] != ' ') ++end;
+        if (end < text.size() && text[end] == ' ') ++end;
+        state.table_start = state.table_end = end;
+    }
+    // Parsing starts the table afresh, code page included.
+    state.fonts.document_code_page = code_page;
+    return state.header.Init(0, kRtfHeaderGrowth);
+}
+
+int32_t WriteRtfHeaderRow(RtfHeader& state, const MessageDocument& record, const CountedString& value,
+                          HeaderField field) {
+    if (IsEmpty(value)) return kStatusOk;
+    const std::string_view label = HeaderLabel(field);
+    const std::string_view text = value.text();
+    if (const int32_t status = state.header.Append(kRtfRowOpening); status != kStatusOk) return status;
+    if (const int32_t status = EncodeRtfText(state.text, label.data(), label.size()); status != kStatusOk)
+        return status;
+    if (const int32_t status = state.header.Append(kRtfJoint); status != kStatusOk) return status;
+    if (const int32_t status = EncodeRtfText(state.text, text.data(), text.size()); status != kStatusOk)
+        return status;
+    // The RTF rows show the sender's address but never "on behalf of".
+    const CountedString& address = record.header[kSlotSenderAddress];
+    if (field == kFieldFrom && !IsEmpty(address)) {
+        const std::string_view shown = address.text();
+        if (const int32_t status = state.header.Append(" <"); status != kStatusOk) return status;
+        if (const int32_t status = EncodeRtfText(state.text, shown.data(), shown.size()); status != kStatusOk)
+            return status;
+        if (const int32_t status = state.header.Append(">"); status != kStatusOk) return status;
+    }
+    return state.header.Append(kRtfRowEnd);
+}
+
+int32_t InsertRtfHeader(RtfHeader& state, CountedString& body) {
+    if (state.header.length() == 0) return kStatusOk;
+    if (const int32_t status = state.header.Append(kRtfSeparator); status != kStatusOk) return status;
+    const std::string_view text = body.text();
+    const size_t pard = text.find("\\pard");
+    if (pard == std::string_view::npos) return kStatusFailure;
+    if (!state.fonts.changed) return SpliceInto(body, pard, {}, state.header.view(), {});
+
+    GrowBuffer merged;
+    const std::string_view table = state.fonts.text.view();
+    if (const int32_t status = merged.Init(text.size() + table.size() + state.header.length() + 1, 0);
+        status != kStatusOk)
+        return status;
+    int32_t status = kStatusOk;
+    if (state.table_start < pard && state.table_end <= pard) {
+        status = AppendAll(merged, {text.substr(0, state.table_start), table,
+                                    text.substr(state.table_end, pard - state.table_end)});
+    }
+    // A table at or behind the first "\pard" leaves everything in front of that "\pard" out of the new
+    // body: deliberate, kept as it stands.
+    if (status == kStatusOk) status = AppendAll(merged, {state.header.view(), text.substr(pard)});
+    if (status == kStatusOk) status = merged.AppendByte(0);
+    if (status != kStatusOk) return status;
+    merged.MoveInto(body);
+    return kStatusOk;
+}
+
+int32_t BuildRtfHeader(MessageDocument& record) {
+    RtfHeader state;
+    if (const int32_t status = AnalyseBodyRtf(state, record.document); status != kStatusOk) return status;
+    for (const HeaderField field :
+         {kFieldFrom, kFieldSent, kFieldTo, kFieldCc, kFieldBcc, kFieldSubject, kFieldImportance}) {
+        const int32_t status = WriteRtfHeaderRow(state, record, record.header[kSlotOfField[field]], field);
+        if (status != kStatusOk) return status;
+    }
+    return InsertRtfHeader(state, record.document);
+}
+
 // ---- The localised text block ---------------------------------------------------------------------
 
 int32_t PrependTextHeaderLine(MessageDocument& record, const CountedString& value, HeaderField field) {
@@ -266,6 +393,8 @@ int32_t BuildLocalizedHeader(MessageDocument& record, int32_t body_format) {
     switch (body_format) {
         case kBodyHtml:
             return BuildHtmlHeader(record);
+        case kBodyRtf:
+            return BuildRtfHeader(record);
         case kBodyPlainText:
             return BuildTextHeader(record);
         default:
@@ -297,8 +426,15 @@ int32_t BuildEnglishHeader(MessageDocument& record, int32_t body_format) {
             return MergeEnglishHtml(record.document, header.view());
         case kBodyPlainText:
             return MergeEnglishText(record.text_body, header.view());
-        default:
-            return kStatusOk;
+        default: {  // RTF
+            // The block already ends in the separator paragraph, and the merge adds its own: English RTF
+            // pages have always shown two. Deliberate, kept as it stands.
+            RtfHeader state;
+            if (const int32_t status = AnalyseBodyRtf(state, record.document); status != kStatusOk)
+                return status;
+            if (const int32_t status = state.header.Append(header.view()); status != kStatusOk) return status;
+            return InsertRtfHeader(state, record.document);
+        }
     }
 }
 

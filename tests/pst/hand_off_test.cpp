@@ -37,7 +37,7 @@ class HandOff : public ::testing::Test {
     void SetUp() override {
         StoreMessage rtf;
         rtf.subject = "rtf";
-        const std::string text = "{\\rtf1 r}";
+        const std::string text = "{\\rtf1{\\fonttbl{\\f0 Arial;}}\\pard r}";
         rtf.rtf_compressed =
             AsBytes(CompressedRtf(RtfRuns(RtfLiterals(text)), {.raw_size = uint32_t(text.size())}));
         StoreMessage one = HtmlMessage("one", "<p>1</p>");

@@ -213,13 +213,19 @@ TEST(StoreWalk, TheListAndWhatTheWalkLeavesInIt) {
 
 TEST(Composer, TheLastPresentBodyWins) {
     ScratchDir dir;
-    const std::string rtf = "{\\rtf1\\ansi hello}";
+    const std::string rtf = "{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}}\\pard hello}";
     const Bytes lzfu = AsBytes(CompressedRtf(RtfRuns(RtfLiterals(rtf)), {.raw_size = uint32_t(rtf.size())}));
     // Stored ("MELA") data with the CRC of 0 that writers give it: the stream check refuses it.
     const Bytes mela_zero_crc = AsBytes(CompressedRtf(rtf, {.comp_type = 0x414C454D, .crc = 0}));
     const Bytes mela =
         AsBytes(CompressedRtf(rtf + std::string(1, '\0') + "after", {.comp_type = 0x414C454D}));
     const Bytes text = fixture::StoreText(fixture::PstLayout::kUnicode, "hi");  // 68 00 69 00
+    // The header block goes in front of the first "\pard" and needs a font table or a "\from" word.
+    auto stored = [](const std::string& body) {
+        return AsBytes(CompressedRtf(body, {.comp_type = 0x414C454D}));
+    };
+    const Bytes no_pard = stored("{\\rtf1{\\fonttbl{\\f0 Arial;}} hello}");
+    const Bytes no_table = stored("{\\rtf1\\pard hello}");
 
     struct Case {
         const char* what;
@@ -261,6 +267,15 @@ TEST(Composer, TheLastPresentBodyWins) {
          mela_zero_crc,
          false,
          kStatusUnsupported,
+         0,
+         ""},
+        {"RTF without \\pard: no header, no document", {}, {}, no_pard, false, kStatusFailure, 0, ""},
+        {"RTF without a font table or \\from: no header, no document",
+         {},
+         {},
+         no_table,
+         false,
+         kStatusFailure,
          0,
          ""},
         {"text only has no document", text, {}, {}, false, kStatusUnsupported, 0, ""},
