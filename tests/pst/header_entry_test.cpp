@@ -3,10 +3,16 @@
 // loaders are handed. Expected rows are put together from the published templates and labels.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
+#include <regex>
+#include <set>
 #include <string>
 
 #include "common/status.h"
+#include "tests/pst/render/header_rtf_rows.h"
 #include "tests/pst/store_fixture.h"
+#include "tests/support/rtf_writer.h"
 
 namespace tarn::testing {
 namespace {
@@ -81,6 +87,74 @@ TEST(PstHeader, AFailedBlockFailsTheDocument) {
     const Loaded loaded = LoadMessage(WriteStore(dir, store), 1);
     EXPECT_EQ(loaded.status, kStatusFailure);
     EXPECT_TRUE(loaded.document.empty());
+}
+
+// Font switches ("\fN ") removed: which font covers a run depends on the fonts installed.
+std::string WithoutFontSwitches(const std::string& rtf) {
+    return std::regex_replace(rtf, std::regex(R"(\\f[0-9]+ )"), "");
+}
+
+TEST(PstHeader, RtfDocumentsOfEveryLanguageWithTheInstalledFonts) {
+    // The sent time is formatted in the local time zone; the expected rows are in UTC.
+    const char* zone = std::getenv("TZ");
+    const std::string saved = zone != nullptr ? zone : "";
+    setenv("TZ", "UTC", 1);
+    tzset();
+
+    const std::string body =
+        "{\\rtf1\\ansi\\ansicpg1252\\deff0{\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}}\r\n"
+        "{\\colortbl;}\r\n\\pard\\plain body\\par\r\n}";
+    StoreMessage m;
+    m.subject = "Hi {x}";
+    m.sender_name = "Ann";
+    m.display_to = "Bob";
+    m.display_cc = "Cy";
+    m.display_bcc = "Dee";
+    m.submit_time = (1551794820ull + 11644473600ull) * 10'000'000ull;  // 2019-03-05 14:07 UTC
+    m.importance = 2;
+    m.rtf_compressed = AsBytes(CompressedRtf(body, {.comp_type = 0x414C454D}));
+    ScratchDir dir;
+    StoreDescription store;
+    store.folders = {{"Inbox", {m}}};
+    const std::u16string path = WriteStore(dir, store);
+
+    for (const LanguageRows& expected : kRows) {
+        SCOPED_TRACE(expected.language);
+        krnctlSetLanguage(expected.language);
+        const Loaded loaded = LoadMessage(path, 1);
+        ASSERT_EQ(loaded.status, kStatusOk) << loaded.error;
+        EXPECT_EQ(loaded.format, 226);
+        const std::string& document = loaded.document;
+
+        // The rows as the model has them (a store gives no sender address), whatever fonts they are in.
+        std::string rows;
+        for (const char* row : expected.rows) rows += row;
+        rows.erase(rows.find(" <ann@example.com>"), 18);
+        const std::string tail = "\\pard\\plain body\\par\r\n}";
+        EXPECT_NE(WithoutFontSwitches(document).find(WithoutFontSwitches(rows) + "\\pard \\ltrpar"),
+                  std::string::npos);
+        EXPECT_EQ(document.substr(0, 32), body.substr(0, 32));
+        EXPECT_EQ(document.substr(document.size() - tail.size()), tail);
+
+        // Every font the rows switch to is one the document's font table defines.
+        const size_t table_end = document.find("}}\r\n{\\colortbl");
+        ASSERT_NE(table_end, std::string::npos);
+        const std::string table = document.substr(0, table_end + 2);
+        const std::string header = document.substr(table_end);
+        const std::regex font_switch(R"(\\f([0-9]+) )");
+        for (auto it = std::sregex_iterator(header.begin(), header.end(), font_switch);
+             it != std::sregex_iterator(); ++it) {
+            const std::string number = (*it)[1];
+            EXPECT_TRUE(table.find("{\\f" + number + " ") != std::string::npos ||
+                        table.find("{\\f" + number + "\\") != std::string::npos)
+                << "\\f" << number << " is not in " << table;
+        }
+    }
+    if (zone != nullptr)
+        setenv("TZ", saved.c_str(), 1);
+    else
+        unsetenv("TZ");
+    tzset();
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """A model of the RTF header rows, written from the published row templates, label table, charset
 table and text-encoding rules, with Python's own code-page codecs standing in for the system's. It
-prints the expected bytes that tests/pst/render/header_rtf_test.cpp pins for each language, so that
-those pins come from this model and not from the code under test.
+prints the expected rows of each language that tests/pst/render/header_rtf_rows.h holds, so that the
+tests' pins come from this model and not from the code under test.
 
-Run: python3 tests/pst/render/rtf_header_model.py > /tmp/rows.inc, then paste the table into the test.
+Run: python3 tests/pst/render/rtf_header_model.py, and paste its output as the body of kRows.
 The glyph answer is the test's fixed one: only "MS Gothic" covers text outside the code pages.
 """
 import unicodedata
