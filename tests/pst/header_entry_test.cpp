@@ -3,8 +3,6 @@
 // loaders are handed. Expected rows are put together from the published templates and labels.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <ctime>
 #include <regex>
 #include <set>
 #include <string>
@@ -13,6 +11,7 @@
 #include "tests/pst/render/header_rtf_rows.h"
 #include "tests/pst/store_fixture.h"
 #include "tests/support/rtf_writer.h"
+#include "tests/support/test_util.h"
 
 namespace tarn::testing {
 namespace {
@@ -96,10 +95,7 @@ std::string WithoutFontSwitches(const std::string& rtf) {
 
 TEST(PstHeader, RtfDocumentsOfEveryLanguageWithTheInstalledFonts) {
     // The sent time is formatted in the local time zone; the expected rows are in UTC.
-    const char* zone = std::getenv("TZ");
-    const std::string saved = zone != nullptr ? zone : "";
-    setenv("TZ", "UTC", 1);
-    tzset();
+    TimeZone utc("UTC");
 
     const std::string body =
         "{\\rtf1\\ansi\\ansicpg1252\\deff0{\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}}\r\n"
@@ -150,11 +146,6 @@ TEST(PstHeader, RtfDocumentsOfEveryLanguageWithTheInstalledFonts) {
                 << "\\f" << number << " is not in " << table;
         }
     }
-    if (zone != nullptr)
-        setenv("TZ", saved.c_str(), 1);
-    else
-        unsetenv("TZ");
-    tzset();
 }
 
 }  // namespace

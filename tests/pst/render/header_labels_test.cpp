@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <string>
 
 #include "kernel/tarnkrn_control.h"
@@ -12,13 +13,22 @@
 namespace tarn::testing {
 namespace {
 
+struct LabelCase {
+    uint16_t language;
+    int32_t field;
+    const char* label;
+};
+
+void ExpectLabels(std::initializer_list<LabelCase> cases) {
+    for (const LabelCase& c : cases) {
+        krnctlSetLanguage(c.language);
+        EXPECT_EQ(std::string(HeaderLabel(c.field)), c.label)
+            << std::hex << c.language << " field " << c.field;
+    }
+}
+
 TEST(HeaderLabels, LanguageSelectsTheRowThroughAliasesWithEnglishAsFallback) {
-    struct Case {
-        uint16_t language;
-        int32_t field;
-        const char* label;
-    };
-    const Case cases[] = {
+    ExpectLabels({
         {0x0409, kFieldFrom, "From:      "},
         {0x0409, kFieldImportance, "Importance:"},
         // Not in either table: English.
@@ -41,33 +51,18 @@ TEST(HeaderLabels, LanguageSelectsTheRowThroughAliasesWithEnglishAsFallback) {
         // Outside the table's columns.
         {0x0407, -1, "Unknown"},
         {0x0407, kHeaderFields, "Unknown"},
-    };
-    for (const Case& c : cases) {
-        krnctlSetLanguage(c.language);
-        EXPECT_EQ(std::string(HeaderLabel(c.field)), c.label)
-            << std::hex << c.language << " field " << c.field;
-    }
+    });
 }
 
 TEST(HeaderLabels, TheTablesOdditiesAreKept) {
-    struct Case {
-        uint16_t language;
-        int32_t field;
-        const char* label;
-    };
-    const Case cases[] = {
+    ExpectLabels({
         {0x0407, kFieldHigh, "Höch"},
         {0x040C, kFieldSent, "Envoyè:    "},
         {0x0411, kFieldCc, "抄送:   "},  // the Chinese word in the Japanese row
         {0x2C01, kFieldFrom, "نمن :  "},
         {0x2C01, kFieldSent, "تاريخ الإرسال:"},  // longer than the others, no padding
         {0x0412, kFieldSubject, "제목:     "},
-    };
-    for (const Case& c : cases) {
-        krnctlSetLanguage(c.language);
-        EXPECT_EQ(std::string(HeaderLabel(c.field)), c.label)
-            << std::hex << c.language << " field " << c.field;
-    }
+    });
     // Nine rows, English first, each language once.
     ASSERT_EQ(LanguageLabelRows().size(), 9u);
     EXPECT_EQ(LanguageLabelRows()[0].language, 0x0409);
