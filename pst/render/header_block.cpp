@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <initializer_list>
 #include <string_view>
+#include <utility>
 
 #include "common/status.h"
 #include "pst/render/header_labels.h"
@@ -308,8 +309,9 @@ int32_t BuildRtfHeader(MessageDocument& record) {
 
 // ---- The localised text block ---------------------------------------------------------------------
 
-int32_t PrependTextHeaderLine(MessageDocument& record, const CountedString& value, HeaderField field) {
-    CountedString& body = record.text_body;
+// Puts one line in front of `body`, the text body being built.
+int32_t PrependTextHeaderLine(const MessageDocument& record, CountedString& body, const CountedString& value,
+                              HeaderField field) {
     if (IsEmpty(value) || IsEmpty(body)) return kStatusOk;
     const std::string_view label = HeaderLabel(field);
     GrowBuffer line;
@@ -336,12 +338,20 @@ int32_t PrependTextHeaderLine(MessageDocument& record, const CountedString& valu
 }
 
 int32_t BuildTextHeader(MessageDocument& record) {
+    // An empty text body gets no header at all.
+    if (IsEmpty(record.text_body)) return kStatusOk;
+    // The lines go in front of a copy, which replaces the body only once every line is in.
+    CountedString body;
+    if (const int32_t status = AssignBytes(body, record.text_body.data(), record.text_body.size());
+        status != kStatusOk)
+        return status;
     // Each line goes in front of the body, so the fields are taken last to first.
     for (const HeaderField field :
          {kFieldImportance, kFieldSubject, kFieldBcc, kFieldCc, kFieldTo, kFieldSent, kFieldFrom}) {
-        const int32_t status = PrependTextHeaderLine(record, record.header[kSlotOfField[field]], field);
+        const int32_t status = PrependTextHeaderLine(record, body, record.header[kSlotOfField[field]], field);
         if (status != kStatusOk) return status;
     }
+    record.text_body = std::move(body);
     return kStatusOk;
 }
 

@@ -198,6 +198,17 @@ TEST(LocalizedHeader, TextLinesInFrontWithABlankLineBeforeTheBody) {
         ASSERT_EQ(BuildLocalizedHeader(record, kBodyPlainText), kStatusOk);
         EXPECT_EQ(Bytes(record.text_body), body);
     }
+    // Every allocation that can fail, failed in turn: -1 and the text as it was, no lines half put in.
+    for (uint32_t nth = 1;; ++nth) {
+        MessageDocument record;
+        Fill(record, kAll, std::nullopt, "body");
+        krnctlFailAllocation(nth);
+        const int32_t status = BuildLocalizedHeader(record, kBodyPlainText);
+        krnctlFailAllocation(0);
+        if (status == kStatusOk) break;
+        EXPECT_EQ(status, kStatusFailure) << nth;
+        EXPECT_EQ(Bytes(record.text_body), "body") << nth;
+    }
     // Formats without a block leave everything alone.
     MessageDocument none;
     Fill(none, kAll, "<p/>", "t");
