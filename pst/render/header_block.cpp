@@ -93,13 +93,11 @@ int32_t AppendAll(GrowBuffer& out, std::initializer_list<std::string_view> piece
     return kStatusOk;
 }
 
-// The position of `needle` in `text` at or after `from`, case-insensitively for ASCII letters.
-size_t FindNoCase(std::string_view text, std::string_view needle, size_t from = 0) {
+// Whether `text` begins with `prefix`, ASCII letters compared without regard to case.
+bool StartsWithNoCase(std::string_view text, std::string_view prefix) {
     const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
-    if (from > text.size()) return std::string_view::npos;
-    const auto it = std::search(text.begin() + static_cast<std::ptrdiff_t>(from), text.end(), needle.begin(),
-                                needle.end(), [&](char a, char b) { return lower(a) == lower(b); });
-    return it == text.end() ? std::string_view::npos : static_cast<size_t>(it - text.begin());
+    return text.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), text.begin(),
+                                                      [&](char a, char b) { return lower(a) == lower(b); });
 }
 
 // Where an HTML header goes: just behind the first "<body ...>", or at the start without one. -9 when
@@ -116,8 +114,8 @@ int32_t HtmlInsertionPoint(std::string_view body, size_t* point) {
     return kStatusOk;
 }
 
-// Replaces `body` with its text split at `point` around `pieces`-in-the-middle, NUL-terminated. The
-// body is touched only once the new one is whole.
+// Replaces `body` with `before`, its text up to `point`, `middle`, the rest of its text and `after`,
+// NUL-terminated. The body is touched only once the new one is whole.
 int32_t SpliceInto(CountedString& body, size_t point, std::initializer_list<std::string_view> before,
                    std::string_view middle, std::initializer_list<std::string_view> after) {
     const std::string_view text = body.text();
@@ -384,7 +382,7 @@ int32_t MergeEnglishHtml(CountedString& body, std::string_view header) {
     size_t point = 0;
     if (const int32_t status = HtmlInsertionPoint(text, &point); status != kStatusOk) return status;
     const size_t start = std::min(text.find_first_not_of(" \r\n"), text.size());
-    if (FindNoCase(text.substr(start), "<html") == 0) return SpliceInto(body, point, {}, header, {});
+    if (StartsWithNoCase(text.substr(start), "<html")) return SpliceInto(body, point, {}, header, {});
     return SpliceInto(body, point, {"<html>"}, header, {"</html>"});
 }
 
