@@ -203,6 +203,8 @@ TEST_P(PstCorpus, CountRenderAndList) {
             EXPECT_EQ(loaded.status, kStatusOk) << loaded.error;
             EXPECT_TRUE(loaded.format == 369 || loaded.format == 226) << loaded.format;
             EXPECT_FALSE(loaded.document.empty());
+            // These messages all have header fields, so each document carries a header block.
+            EXPECT_NE(loaded.body.size(), loaded.document.size()) << "no header block";
         }
     }
     for (const size_t index :
