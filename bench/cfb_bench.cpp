@@ -11,6 +11,7 @@
 #include "bench/corpus.h"
 #include "cfb/compound_storage.h"
 #include "cfb/compound_stream.h"
+#include "common/apiutils.h"
 #include "kernel/tarnkrn.h"
 
 namespace {
@@ -21,7 +22,7 @@ void BM_OpenAndReadEveryStream(benchmark::State& state) {
     std::vector<char> buffer(1 << 16);
     uint64_t bytes = 0, streams = 0;
     for (auto _ : state) {
-        krn_handle handle = krnOpenFile(wide.c_str(), 0, 256);
+        krn_handle handle = krnOpenFile(wide.c_str(), 0, tarn::kOpenShareMode);
         if (handle == KRN_NO_HANDLE) {
             state.SkipWithError("cannot open the corpus message");
             return;

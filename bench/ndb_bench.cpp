@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bench/corpus.h"
+#include "common/apiutils.h"
 #include "kernel/tarnkrn.h"
 #include "store/ndb/database.h"
 
@@ -52,7 +53,7 @@ void BM_KernelReadWholeFile(benchmark::State& state) {
     const std::u16string wide(File().begin(), File().end());
     std::vector<char> chunk(64 * 1024);
     for (auto _ : state) {
-        const krn_handle handle = krnOpenFile(wide.c_str(), 0, 256);
+        const krn_handle handle = krnOpenFile(wide.c_str(), 0, tarn::kOpenShareMode);
         if (handle == KRN_NO_HANDLE) {
             state.SkipWithError("cannot open the corpus store");
             return;

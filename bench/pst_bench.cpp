@@ -24,11 +24,12 @@ std::u16string StorePath() {
 
 void BM_InfoAndLoadLastMessage(benchmark::State& state) {
     const std::u16string path = StorePath();
-    krnctlSetMode(3);  // HTML in memory: the temporary file is the kernel's cost, not the filter's
+    // HTML in memory: the temporary file is the kernel's cost, not the filter's.
+    krnctlSetMode(tarn::kKernelModeInMemory);
     tarn::host::Toolkit toolkit;
     for (auto _ : state) {
         tarn::host::SourceSession session(path);
-        tarn::KernelFileHandle handle(krnOpenFile(path.c_str(), 0, 256));
+        tarn::KernelFileHandle handle(krnOpenFile(path.c_str(), 0, tarn::kOpenShareMode));
         tarn::InfoRequest& info = session.BuildInfoRequest(handle.get(), std::numeric_limits<int32_t>::max());
         if (fltInfo(&info) != 1) {
             state.SkipWithError("fltInfo failed");

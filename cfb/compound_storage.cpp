@@ -66,51 +66,52 @@ OpenResult CompoundStorage::load() {
     file_size_ = static_cast<uint64_t>(end);
     krnSeekFile(handle_, 0, 0, KRN_SEEK_START);
 
+    // A file cut inside its header leaves the rest of the buffer zero; the checks below judge those
+    // fields as read, and what follows reads only what the file holds.
     KernelArray<std::byte> header_bytes;
-    if (!header_bytes.allocate(kHeaderSize)) return OpenResult::OpenFailed;
-    size_t header_read = read_at(0, header_bytes.span());
+    if (!header_bytes.allocate(format::kHeaderSize)) return OpenResult::OpenFailed;
+    read_at(0, header_bytes.span());
     header_ = parse_compound_header(header_bytes.span());
     if (!header_.signature_ok) return OpenResult::NotCompound;
-    // A file cut inside its header would have its missing fields read as zeros; none of them can be
-    // trusted, so the file is refused rather than guessed at.
-    if (header_read < kHeaderSize) return OpenResult::BadCompound;
 
-    if (header_.mini_stream_cutoff != kMiniStreamCutoff || header_.fat_sector_count == 0 ||
-        (header_.fat_sector_count < kHeaderDifatCount && header_.difat_sector_count != 0) ||
+    if (header_.mini_stream_cutoff != format::kMiniStreamCutoff || header_.fat_sector_count == 0 ||
+        (header_.fat_sector_count < format::kHeaderDifatCount && header_.difat_sector_count != 0) ||
         header_.mini_sector_shift > header_.sector_shift || header_.sector_shift < kMinSectorShift ||
         header_.sector_shift > kMaxSectorShift)
         return OpenResult::BadCompound;
 
     const uint64_t block = big_block_size();
-    // Every table below is sized from a header count, so each count is first held against the number
-    // of sectors the file really has. This is also what keeps a 1 GiB sector shift in a small file
-    // from allocating anything: such a file has no sector at all.
     const uint64_t file_sectors = file_size_ > block ? (file_size_ - block + block - 1) / block : 0;
-    if (header_.fat_sector_count > file_sectors || header_.difat_sector_count > file_sectors)
-        return OpenResult::BadCompound;
 
-    // The FAT's own sectors: up to 109 from the header, the rest from the DIFAT sectors, each of
-    // which ends with the number of the next one.
-    const uint64_t fat_count = header_.fat_sector_count;
+    // The FAT's own sectors: up to 109 from the header, the rest from the DIFAT sectors, each of which
+    // ends with the number of the next one. The header's counts are claims: the list holds at most one
+    // FAT sector per sector of the file, which is also more than can matter (FAT sector i describes
+    // sectors from i * block / 4 on, past the file's end once i reaches the file's sector count). FAT
+    // sectors claimed beyond it, and those the DIFAT fails to name, read as free.
+    const uint64_t fat_count = std::min(header_.fat_sector_count, file_sectors);
     if (!fat_sectors_.allocate(static_cast<size_t>(fat_count))) return OpenResult::OpenFailed;
     size_t listed = 0;
-    for (size_t i = 0; i < std::min<uint64_t>(fat_count, kHeaderDifatCount); ++i)
+    for (size_t i = 0; i < std::min<uint64_t>(fat_count, format::kHeaderDifatCount); ++i)
         fat_sectors_[listed++] = static_cast<uint32_t>(header_.difat[i]);
-    if (fat_count > kHeaderDifatCount && header_.difat_sector_count != 0) {
+    if (header_.fat_sector_count > format::kHeaderDifatCount && header_.difat_sector_count != 0 &&
+        listed < fat_count) {
         KernelArray<std::byte> difat_block;
         SectorSet seen;
-        if (!difat_sectors_.allocate(static_cast<size_t>(header_.difat_sector_count)) ||
+        if (!difat_sectors_.allocate(
+                static_cast<size_t>(std::min(header_.difat_sector_count, file_sectors))) ||
             !difat_block.allocate(static_cast<size_t>(block)) || !seen.allocate(file_sectors))
             return OpenResult::OpenFailed;
         size_t difat_read = 0;
         uint64_t sector = header_.first_difat_sector;
-        for (uint64_t k = 0; k < header_.difat_sector_count; ++k) {
+        for (uint64_t k = 0; k < header_.difat_sector_count && listed < fat_count; ++k) {
             if (k > 0) {
+                // The next DIFAT sector is the last number taken, which leaves the list again. With
+                // nothing taken that step would read before the list: the one place this walk refuses.
                 if (listed == 0) break;
                 sector = fat_sectors_[--listed];
             }
-            // A DIFAT chain that leaves the file or comes back to a sector it has read ends here;
-            // the FAT sectors it failed to name read as free, which ends every chain through them.
+            // A DIFAT chain that leaves the file or comes back to a sector it has read ends here, which
+            // bounds the walk by the file whatever count the header claims.
             if (!sector_in_file(sector) || !seen.insert(sector)) break;
             difat_sectors_[difat_read++] = static_cast<uint32_t>(sector);
             std::memset(difat_block.data(), 0xFF, difat_block.size());
@@ -123,19 +124,22 @@ OpenResult CompoundStorage::load() {
     fat_sectors_.shrink(listed);
 
     // The FAT buffer starts as all free entries, so that a FAT sector outside the file, or the part
-    // of one cut off by the file's end, ends chains instead of pointing anywhere.
+    // of one cut off by the file's end, ends chains instead of pointing anywhere. Only the FAT sectors
+    // that describe sectors of the file are read: the entries of the others could never be followed.
     {
+        const uint64_t entries_per_sector = block / 4;
+        const auto describing = static_cast<size_t>(
+            std::min<uint64_t>(listed, (file_sectors + entries_per_sector - 1) / entries_per_sector));
         KernelArray<std::byte> fat_bytes;
-        if (!fat_bytes.allocate(static_cast<size_t>(listed * block))) return OpenResult::OpenFailed;
+        if (!fat_bytes.allocate(static_cast<size_t>(describing * block))) return OpenResult::OpenFailed;
         if (!fat_bytes.empty()) std::memset(fat_bytes.data(), 0xFF, fat_bytes.size());
-        read_chain(fat_sectors_.span(), fat_bytes.span());
+        read_chain(fat_sectors_.span().first(describing), fat_bytes.span());
         // Chains stop at the first sector that starts past the end of the file: it has no bytes to
         // give, and stopping there keeps every chain no longer than the file.
         if (!fat_.load(fat_bytes.span(), block, file_sectors)) return OpenResult::OpenFailed;
     }
 
-    // The directory. Without at least one entry there is no root, and the root's start sector is
-    // where the mini stream begins, so an empty directory is refused.
+    // The directory; its chain, like every chain, is no longer than the file.
     {
         SectorChain chain;
         if (!fat_.follow_chain(header_.first_directory_sector, chain)) return OpenResult::OpenFailed;
@@ -143,10 +147,12 @@ OpenResult CompoundStorage::load() {
         if (!bytes.allocate(static_cast<size_t>(chain.size() * block))) return OpenResult::OpenFailed;
         read_chain(chain.span(), bytes.span());
         if (!directory_.load(bytes.span())) return OpenResult::OpenFailed;
-        if (directory_.size() == 0) return OpenResult::BadCompound;
     }
 
-    if (!fat_.follow_chain(directory_.entry(0).start_sector, mini_stream_)) return OpenResult::OpenFailed;
+    // The mini stream starts at the root entry's start sector. An empty directory has no root: the
+    // file opens with nothing in it, and every lookup fails.
+    if (directory_.size() > 0 && !fat_.follow_chain(directory_.entry(0).start_sector, mini_stream_))
+        return OpenResult::OpenFailed;
 
     // The mini FAT; small blocks exist only as far as the mini stream's chain reaches.
     {
@@ -192,7 +198,7 @@ void CompoundStorage::read_chain(std::span<const uint32_t> chain, std::span<std:
 
 bool CompoundStorage::sector_in_file(uint64_t sector) const {
     // sector < 2^32 and the block below 2^31, so the product cannot wrap.
-    return sector < kDifatSectorMark && (sector + 1) * big_block_size() < file_size_;
+    return sector < format::kDifatSectorMark && (sector + 1) * big_block_size() < file_size_;
 }
 
 }  // namespace tarn::cfb

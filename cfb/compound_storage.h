@@ -10,8 +10,8 @@
 
 #include "cfb/compound_header.h"
 #include "cfb/directory_tree.h"
-#include "cfb/kernel_array.h"
 #include "cfb/sector_table.h"
+#include "common/kernel_memory.h"
 #include "kernel/tarnkrn.h"
 
 namespace tarn::cfb {

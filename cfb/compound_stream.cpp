@@ -11,7 +11,7 @@ std::optional<CompoundStream> CompoundStream::open(const CompoundStorage& storag
     if (!index) return std::nullopt;
     CompoundStream stream(storage, *index);
     const DirectoryEntry& e = stream.entry();
-    stream.small_ = e.size < kMiniStreamCutoff;
+    stream.small_ = e.size < format::kMiniStreamCutoff;
     const SectorTable& table = stream.small_ ? storage.mini_fat() : storage.fat();
     if (!stream.cache_.allocate(kCacheSize) || !table.follow_chain(e.start_sector, stream.chain_))
         return std::nullopt;

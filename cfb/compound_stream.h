@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "cfb/compound_storage.h"
-#include "cfb/kernel_array.h"
+#include "common/kernel_memory.h"
 
 namespace tarn::cfb {
 

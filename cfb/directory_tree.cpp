@@ -7,39 +7,34 @@
 
 namespace tarn::cfb {
 
-namespace {
-
-constexpr size_t kNameFieldBytes = 64;
-
-}  // namespace
-
-DirectoryEntry parse_directory_entry(std::span<const std::byte, kDirectoryEntrySize> bytes) {
+DirectoryEntry parse_directory_entry(std::span<const std::byte, format::kDirectoryEntrySize> bytes) {
     const std::byte* p = bytes.data();
     DirectoryEntry e;
-    uint64_t name_field_length = LoadLe16(p + 64);
-    size_t limit = static_cast<size_t>(std::min<uint64_t>(name_field_length, kNameFieldBytes));
+    uint64_t name_field_length = LoadLe16(p + format::kNameLengthOffset);
+    size_t limit = static_cast<size_t>(std::min<uint64_t>(name_field_length, format::kNameFieldBytes));
     for (size_t j = 0; j < limit; j += 2) {
-        uint8_t low = LoadLe8(p + j);
+        uint8_t low = LoadLe8(p + format::kNameOffset + j);
         if (low == 0) break;
         e.name_bytes[e.name_length++] = static_cast<char>(low);
     }
     // Names such as "\x01CompObj" and "\x05SummaryInformation" are looked up without their leading
     // control character, so the first character goes whenever the entry's first byte is below 32.
-    if (LoadLe8(p) < 32 && e.name_length > 0) {
+    if (LoadLe8(p + format::kNameOffset) < 32 && e.name_length > 0) {
         std::memmove(e.name_bytes, e.name_bytes + 1, e.name_length - 1);
         e.name_bytes[--e.name_length] = 0;
     }
-    uint8_t type = LoadLe8(p + 66);
-    if (type == 1 || type == 2 || type == 5) e.type = static_cast<EntryType>(type);
+    uint8_t type = LoadLe8(p + format::kObjectTypeOffset);
+    if (type == format::kTypeStorage || type == format::kTypeStream || type == format::kTypeRoot)
+        e.type = static_cast<EntryType>(type);
     e.valid = e.type != EntryType::Invalid && name_field_length != 0;
-    e.is_directory = type != 2;
-    e.left_sibling = LoadLe32(p + 68);
-    e.right_sibling = LoadLe32(p + 72);
-    e.child = LoadLe32(p + 76);
-    e.start_sector = LoadLe32(p + 116);
-    // The high half at 124 is not read: version 3 files may leave garbage there, and no stream in a
-    // message comes near 4 GiB.
-    e.size = LoadLe32(p + 120);
+    e.is_directory = type != format::kTypeStream;
+    e.left_sibling = LoadLe32(p + format::kLeftSiblingOffset);
+    e.right_sibling = LoadLe32(p + format::kRightSiblingOffset);
+    e.child = LoadLe32(p + format::kChildOffset);
+    e.start_sector = LoadLe32(p + format::kStartSectorOffset);
+    // The high half is not read: version 3 files may leave garbage there, and no stream in a message
+    // comes near 4 GiB.
+    e.size = LoadLe32(p + format::kStreamSizeOffset);
     return e;
 }
 
@@ -59,14 +54,14 @@ DirectoryTree::DirectoryTree() {
 }
 
 bool DirectoryTree::load(std::span<const std::byte> bytes) {
-    size_t count = bytes.size() / kDirectoryEntrySize;
+    size_t count = bytes.size() / format::kDirectoryEntrySize;
     if (!entries_.allocate(count)) {
         loaded_ = true;  // an empty tree: every lookup fails
         return false;
     }
     for (size_t i = 0; i < count; ++i)
-        entries_[i] =
-            parse_directory_entry(bytes.subspan(i * kDirectoryEntrySize).first<kDirectoryEntrySize>());
+        entries_[i] = parse_directory_entry(
+            bytes.subspan(i * format::kDirectoryEntrySize).first<format::kDirectoryEntrySize>());
     loaded_ = true;
     return true;
 }

@@ -10,15 +10,20 @@
 #include <span>
 #include <string_view>
 
-#include "cfb/kernel_array.h"
+#include "cfb/format.h"
+#include "common/kernel_memory.h"
 
 namespace tarn::cfb {
 
-inline constexpr size_t kDirectoryEntrySize = 128;
 // A name field holds 32 UTF-16 units; we keep one byte of each.
-inline constexpr size_t kMaxNameBytes = 32;
+inline constexpr size_t kMaxNameBytes = format::kNameFieldBytes / 2;
 
-enum class EntryType : uint8_t { Invalid = 0, Storage = 1, Stream = 2, Root = 5 };
+enum class EntryType : uint8_t {
+    Invalid = 0,
+    Storage = format::kTypeStorage,
+    Stream = format::kTypeStream,
+    Root = format::kTypeRoot
+};
 
 struct DirectoryEntry {
     bool valid = false;
@@ -34,13 +39,13 @@ struct DirectoryEntry {
     uint64_t right_sibling = kNoSibling;
     uint64_t child = kNoSibling;
 
-    static constexpr uint64_t kNoSibling = 0xFFFFFFFF;
+    static constexpr uint64_t kNoSibling = format::kNoEntry;
 
     std::string_view name() const { return {name_bytes, name_length}; }
 };
 
 // Decodes one 128-byte on-disk entry.
-DirectoryEntry parse_directory_entry(std::span<const std::byte, kDirectoryEntrySize> bytes);
+DirectoryEntry parse_directory_entry(std::span<const std::byte, format::kDirectoryEntrySize> bytes);
 
 // Orders names as the sibling trees are searched: the shorter name is smaller, names of one length
 // compare as unsigned bytes. Case-sensitive on purpose (the format's own order folds case); a file

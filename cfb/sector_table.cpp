@@ -1,6 +1,5 @@
 #include "cfb/sector_table.h"
 
-#include "cfb/compound_header.h"
 #include "common/little_endian.h"
 
 namespace tarn::cfb {

@@ -7,7 +7,8 @@
 #include <cstdint>
 #include <span>
 
-#include "cfb/kernel_array.h"
+#include "cfb/format.h"
+#include "common/kernel_memory.h"
 
 namespace tarn::cfb {
 
@@ -36,7 +37,7 @@ class SectorTable {
     // The special numbers (0xFFFFFFFC and up) are refused by value as well, for a table so large that
     // they would otherwise count as sectors.
     bool in_range(uint64_t sector) const {
-        return sector < entries_.size() && sector < sector_limit_ && sector < 0xFFFFFFFC;
+        return sector < entries_.size() && sector < sector_limit_ && sector < format::kDifatSectorMark;
     }
 
     uint64_t block_size_ = 0;

@@ -23,8 +23,6 @@ int32_t ProbeFileSize(krn_handle handle, int64_t* size) {
     return kStatusOk;
 }
 
-void KernelFree::operator()(void* block) const { krnFree(block, __FILE__, __LINE__); }
-
 void KernelFileHandle::Close() {
     if (handle_ != KRN_NO_HANDLE) krnCloseFile(handle_);
     handle_ = KRN_NO_HANDLE;

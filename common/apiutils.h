@@ -1,28 +1,27 @@
-// Small helpers over the kernel's functions that every part of the filter uses: the file-size probe,
-// and holders that give kernel memory back with the call that matches how it was taken.
+// Small helpers over the kernel's functions that every part of the filter uses: the fixed arguments of
+// its calls, the file-size probe, and a holder that closes a file handle. Kernel memory has its own
+// holders in common/kernel_memory.h.
 #ifndef TARN_COMMON_APIUTILS_H_
 #define TARN_COMMON_APIUTILS_H_
 
 #include <cstdint>
-#include <memory>
 #include <string>
 
 #include "kernel/tarnkrn.h"
 
 namespace tarn {
 
+// The share mode the filter passes to the kernel's open call, with an open mode of 0.
+inline constexpr int32_t kOpenShareMode = 256;
+
+// The answer of the kernel's mode query that asks for an HTML document to be handed over in memory;
+// any other answer has it written to a temporary file.
+inline constexpr int32_t kKernelModeInMemory = 3;
+
 // The size of the file behind `handle`, found by reading its last byte; the position is restored.
 // 1 on success; -7 when that byte cannot be read (an empty file too); -4 when the position cannot be
 // told. *size is written only on success.
 int32_t ProbeFileSize(krn_handle handle, int64_t* size);
-
-// Frees kernel memory (krnFree). For std::unique_ptr over blocks from krnAlloc and friends.
-struct KernelFree {
-    void operator()(void* block) const;
-};
-
-template <typename T>
-using KernelPtr = std::unique_ptr<T, KernelFree>;
 
 // Closes a kernel file handle from krnOpenFile when it goes out of scope, unless released.
 class KernelFileHandle {

@@ -4,10 +4,12 @@
 #include <limits>
 #include <stdexcept>
 
+#include "common/apiutils.h"
+
 namespace tarn {
 
 StoreFile::StoreFile(std::u16string name) : name_(std::move(name)) {
-    handle_ = krnOpenFile(name_.c_str(), 0, 256);
+    handle_ = krnOpenFile(name_.c_str(), 0, kOpenShareMode);
     if (handle_ == KRN_NO_HANDLE) throw std::runtime_error("fopen failed");
 }
 
@@ -31,6 +33,12 @@ void StoreFile::read_at(std::span<std::byte> buffer, uint64_t offset) {
         if (static_cast<size_t>(got) < want) break;
     }
     if (done != buffer.size()) throw std::out_of_range("fread failed");
+}
+
+uint64_t StoreFile::size() {
+    const int64_t end = krnSeekFile(handle_, 0, 0, KRN_SEEK_END);
+    if (end < 0) throw std::out_of_range("fseek failed");
+    return static_cast<uint64_t>(end);
 }
 
 }  // namespace tarn

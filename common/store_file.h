@@ -24,6 +24,10 @@ public:
     // No caching: every call goes to the kernel.
     void read_at(std::span<std::byte> buffer, uint64_t offset);
 
+    // The file's size in bytes, as the kernel finds its end. Throws std::out_of_range("fseek failed")
+    // when it cannot.
+    uint64_t size();
+
     const std::u16string& name() const { return name_; }
 
 private:

@@ -8,10 +8,10 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <unicode/uscript.h>
 #include <unicode/ustring.h>
 #include <unicode/utf16.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -595,7 +595,8 @@ size_t krnctlLeakReport(char* out, size_t capacity) {
             for (char16_t unit : font->face) face.push_back(unit < 0x80 ? static_cast<char>(unit) : '?');
             report += "font \"" + face + "\" not deleted\n";
         }
-        if (!k.dcs.empty()) report += std::to_string(k.dcs.size()) + " screen device context(s) not released\n";
+        if (!k.dcs.empty())
+            report += std::to_string(k.dcs.size()) + " screen device context(s) not released\n";
         for (const auto& path : k.temp_files) {
             if (::access(path.c_str(), F_OK) == 0) report += "temporary file not deleted: " + path + "\n";
         }

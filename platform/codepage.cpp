@@ -190,20 +190,18 @@ int MultiByteToWideChar(uint32_t code_page, uint32_t flags, const char* source, 
     UErrorCode error = U_ZERO_ERROR;
     if ((flags & kMbErrInvalidChars) != 0)
         ucnv_setToUCallBack(converter.get(), UCNV_TO_U_CALLBACK_STOP, nullptr, nullptr, nullptr, &error);
-    if (dest_units == 0) {
-        // ucnv_toUChars preflights; it reports an overflow along with the length needed.
-        const int32_t needed =
-            ucnv_toUChars(converter.get(), nullptr, 0, source, static_cast<int32_t>(count), &error);
-        if (error != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(error)) return 0;
-        return needed;
-    }
-    // The streaming call writes nothing beyond what it converts (the preflighting one may add a NUL).
-    UChar* target = reinterpret_cast<UChar*>(dest);
-    const char* from = source;
-    ucnv_toUnicode(converter.get(), &target, target + dest_units, &from, source + count, nullptr, true,
-                   &error);
-    if (U_FAILURE(error)) return 0;
-    return static_cast<int>(target - reinterpret_cast<UChar*>(dest));
+    // Sized first and then converted into exactly that room: ICU writes a NUL behind the text when
+    // there is space for one, which a Windows caller does not expect, and its streaming calls can
+    // report an overflow when a stateful converter's output fills the buffer exactly.
+    const int32_t needed =
+        ucnv_toUChars(converter.get(), nullptr, 0, source, static_cast<int32_t>(count), &error);
+    if (error != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(error)) return 0;
+    if (dest_units == 0 || needed == 0) return needed;
+    if (needed > dest_units) return 0;
+    error = U_ZERO_ERROR;
+    const int32_t written = ucnv_toUChars(converter.get(), reinterpret_cast<UChar*>(dest), needed, source,
+                                          static_cast<int32_t>(count), &error);
+    return U_FAILURE(error) || written != needed ? 0 : written;
 }
 
 int WideCharToMultiByte(uint32_t code_page, uint32_t flags, const char16_t* source, int source_units,
@@ -237,20 +235,20 @@ int WideCharToMultiByte(uint32_t code_page, uint32_t flags, const char16_t* sour
         ucnv_setFromUCallBack(converter.get(), SubstituteAndNote, &used, nullptr, nullptr, &error);
     }
     if (U_FAILURE(error)) return 0;
+    // Sized first and then converted into exactly that room, as above.
     const UChar* from = reinterpret_cast<const UChar*>(source);
-    int result = 0;
-    if (dest_bytes == 0) {
-        result = ucnv_fromUChars(converter.get(), nullptr, 0, from, static_cast<int32_t>(count), &error);
-        if (error != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(error)) return 0;
-    } else {
-        char* target = dest;
-        ucnv_fromUnicode(converter.get(), &target, dest + dest_bytes, &from, from + count, nullptr, true,
-                         &error);
-        if (U_FAILURE(error)) return 0;
-        result = static_cast<int>(target - dest);
+    const int32_t needed =
+        ucnv_fromUChars(converter.get(), nullptr, 0, from, static_cast<int32_t>(count), &error);
+    if (error != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(error)) return 0;
+    int32_t written = needed;
+    if (dest_bytes != 0 && needed != 0) {
+        if (needed > dest_bytes) return 0;
+        error = U_ZERO_ERROR;
+        written = ucnv_fromUChars(converter.get(), dest, needed, from, static_cast<int32_t>(count), &error);
+        if (U_FAILURE(error) || written != needed) return 0;
     }
     if (used_default != nullptr) *used_default = used;
-    return result;
+    return written;
 }
 
 uint32_t GetACP() { return kAnsiCodePage; }

@@ -83,14 +83,6 @@ constexpr FaceFamilies kFaces[] = {
 
 char FoldAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
-bool SameFace(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (FoldAscii(a[i]) != FoldAscii(b[i])) return false;
-    }
-    return true;
-}
-
 // The installed font `family` names exactly (ignoring case), or null. Requires: the cache's mutex.
 FcCharSet* InstalledCharset(const std::string& family) {
     FcPattern* pattern = FcPatternCreate();
@@ -143,7 +135,7 @@ FcCharSet* Resolve(CoverageCache& cache, const std::string& face) {
     if (cache.initialised) {
         bool known = false;
         for (const FaceFamilies& entry : kFaces) {
-            if (!SameFace(entry.face, face)) continue;
+            if (!SameFaceName(entry.face, face)) continue;
             known = true;
             for (std::string_view family : entry.families) {
                 charset = InstalledCharset(std::string(family));
@@ -160,6 +152,14 @@ FcCharSet* Resolve(CoverageCache& cache, const std::string& face) {
 std::atomic<FaceCoverageFn> current_answer{nullptr};
 
 }  // namespace
+
+bool SameFaceName(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i) {
+        if (FoldAscii(a[i]) != FoldAscii(b[i])) return false;
+    }
+    return true;
+}
 
 std::span<const FaceFamilies> KnownFaces() { return kFaces; }
 

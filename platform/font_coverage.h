@@ -16,6 +16,9 @@ struct FaceFamilies {
     std::span<const std::string_view> families;
 };
 
+// True iff two face names are equal without regard to ASCII case, as Windows compares them.
+bool SameFaceName(std::string_view a, std::string_view b);
+
 // The table of Windows faces we know. Face names compare without regard to ASCII case, as Windows
 // compares them.
 std::span<const FaceFamilies> KnownFaces();

@@ -47,7 +47,9 @@ int32_t ComposeMessage(PstMessage& message, MessageDocument& entry, bool is_targ
     if (properties.prop_exists(kPropHtmlBody)) {
         *body_format = kBodyHtml;
         if (ReadWholeStream(properties, kPropHtmlBody, entry.document) != kStatusOk) return kStatusFailure;
-        // Images referenced by the HTML are inlined from the attachments by a later change.
+        // Images referenced by the HTML are inlined from the attachments by a later change. That step,
+        // unlike the body reads here, catches the store's errors itself (inlining stops, the HTML keeps
+        // what was done, the RTF step follows): it goes here, inside its own try block.
     }
     if (properties.prop_exists(kPropRtfCompressed)) {
         *body_format = kBodyRtf;

@@ -1,8 +1,8 @@
 #include "pst/filter_data.h"
 
 #include <cstring>
-#include <new>
 
+#include "common/kernel_memory.h"
 #include "common/status.h"
 #include "kernel/tarnkrn.h"
 #include "platform/directory.h"
@@ -17,18 +17,12 @@ DocumentFormat ChooseDocumentFormat(int32_t body_format, bool plain_text) {
 }
 
 PstFilterData* NewFilterData() {
-    void* memory = krnAllocZeroed(1, sizeof(PstFilterData), __FILE__, __LINE__);
-    if (memory == nullptr) return nullptr;
-    auto* record = new (memory) PstFilterData();
+    KernelPtr<PstFilterData> record = MakeKernelObject<PstFilterData>(KernelRegistry::kSingle);
+    if (record == nullptr) return nullptr;
     // Init reserves nothing, so these cannot fail.
     record->document.Init(0, kDocumentGrowthStep);
     record->temp_names.Init(0, kTempNamesGrowthStep, /*zero_fill=*/true);
-    if (krnRegisterObject(KRN_OBJECT_SINGLE, record, __LINE__, __FILE__) != kStatusOk) {
-        record->~PstFilterData();
-        krnFree(memory, __FILE__, __LINE__);
-        return nullptr;
-    }
-    return record;
+    return record.release();  // from here on ReleaseFilterData owns it
 }
 
 void ReleaseFilterData(void* pointer) {
@@ -52,9 +46,7 @@ void ReleaseFilterData(void* pointer) {
     // The directory held only the image files deleted above; anything else in it keeps it alive.
     if (temp_mode && record->temp_directory[0] != 0) platform::RemoveDirectoryW(record->temp_directory);
 
-    krnUnregisterObject(KRN_OBJECT_SINGLE, record, __LINE__, __FILE__);
-    record->~PstFilterData();
-    krnFree(record, __FILE__, __LINE__);
+    AdoptKernelObject(record, KernelRegistry::kSingle);  // unregistered, destroyed and freed here
 }
 
 }  // namespace tarn

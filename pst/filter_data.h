@@ -4,6 +4,7 @@
 #define TARN_PST_FILTER_DATA_H_
 
 #include <cstdint>
+#include <memory>
 
 #include "common/filterdata.h"
 #include "common/toolkit_records.h"
@@ -60,32 +61,11 @@ PstFilterData* NewFilterData();
 // it. Anything that is not a record (null, or a first word other than the tag) is left alone.
 void ReleaseFilterData(void* record);
 
-// Releases a record when it goes out of scope, unless it was handed on.
-class FilterDataHolder {
-  public:
-    explicit FilterDataHolder(PstFilterData* record) : record_(record) {}
-    ~FilterDataHolder() { ReleaseFilterData(record_); }
-    FilterDataHolder(const FilterDataHolder&) = delete;
-    FilterDataHolder& operator=(const FilterDataHolder&) = delete;
-    FilterDataHolder(FilterDataHolder&& other) noexcept : record_(other.Release()) {}
-    FilterDataHolder& operator=(FilterDataHolder&& other) noexcept {
-        if (this != &other) {
-            ReleaseFilterData(record_);
-            record_ = other.Release();
-        }
-        return *this;
-    }
-
-    PstFilterData* get() const { return record_; }
-    PstFilterData* Release() {
-        PstFilterData* r = record_;
-        record_ = nullptr;
-        return r;
-    }
-
-  private:
-    PstFilterData* record_;
+// Releases a record (temporary files included) when it goes out of scope, unless it was handed on.
+struct FilterDataRelease {
+    void operator()(PstFilterData* record) const { ReleaseFilterData(record); }
 };
+using FilterDataHolder = std::unique_ptr<PstFilterData, FilterDataRelease>;
 
 }  // namespace tarn
 

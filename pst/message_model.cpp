@@ -8,6 +8,7 @@
 
 #include "common/status.h"
 #include "store/ltp/prop_stream.h"
+#include "store/ndb/errors.h"
 
 namespace tarn {
 namespace {
@@ -93,22 +94,18 @@ void ReadHeaderFields(const ltp::const_property_object& message, MessageDocument
 int32_t ReadWholeStream(const ltp::const_property_object& object, ltp::prop_id id, CountedString& target) {
     ltp::hnid_stream_device device = object.open_prop_stream(id);
     const uint64_t size = device.size();
-    ltp::prop_stream in(device);
     if (size > kMaxBufferBytes) return kStatusFailure;
     if (size == 0) {
         target.Release();
         return kStatusOk;
     }
+    ltp::prop_stream in(device);
     GrowBuffer buffer;
-    if (buffer.Init(static_cast<size_t>(size), 0) != kStatusOk) return kStatusFailure;
-    std::vector<char> piece(64 * 1024);
-    while (buffer.length() < size) {
-        in.read(piece.data(),
-                static_cast<std::streamsize>(std::min<uint64_t>(piece.size(), size - buffer.length())));
-        const std::streamsize got = in.gcount();
-        if (got <= 0) break;
-        if (buffer.Append(piece.data(), static_cast<size_t>(got)) != kStatusOk) return kStatusFailure;
-    }
+    const int32_t status = AppendFromStream(in, size, buffer);
+    // The size is the value's own; a stream that stops short of it without an error is damage like a
+    // block that fails its check, and goes to the walk the same way rather than as a shorter body.
+    if (status == kStatusShortRead) throw ndb::database_corrupt("property value ends before its stated size");
+    if (status != kStatusOk) return kStatusFailure;
     buffer.MoveInto(target);
     return kStatusOk;
 }

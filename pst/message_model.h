@@ -71,7 +71,8 @@ int32_t FormatSentTime(uint64_t file_time, CountedString& slot);
 void ReadHeaderFields(const ltp::const_property_object& message, MessageDocument& record);
 
 // The whole value of a stream property into `target` (kernel memory), its length the stream's size.
-// 1, or -1 when memory runs out.
+// 1, or -1 when memory runs out. A store error while the value is read leaves as itself, and a value
+// that ends before its size throws database_corrupt: neither becomes a shorter body.
 int32_t ReadWholeStream(const ltp::const_property_object& object, ltp::prop_id id, CountedString& target);
 
 }  // namespace tarn

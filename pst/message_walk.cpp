@@ -2,11 +2,9 @@
 
 #include <exception>
 #include <limits>
-#include <new>
 #include <string>
 
 #include "common/status.h"
-#include "kernel/tarnkrn.h"
 #include "pst/composer.h"
 #include "store/ltp/property_bag.h"
 #include "store/ltp/table.h"
@@ -31,17 +29,6 @@ int32_t WalkFolder(const ndb::db_ptr& db, ndb::node_id folder, const MessageVisi
 
 }  // namespace
 
-void ReleaseMessageList(MessageList* list) {
-    if (list == nullptr) return;
-    if (list->entries != nullptr) {
-        for (int32_t i = 0; i < list->allocated; ++i) list->entries[i].~MessageDocument();
-        krnUnregisterObject(KRN_OBJECT_ARRAY, list->entries, __LINE__, __FILE__);
-        krnFree(list->entries, __FILE__, __LINE__);
-    }
-    list->~MessageList();
-    krnFree(list, __FILE__, __LINE__);
-}
-
 int32_t CountMessages(const ndb::db_ptr& db, MessageListPtr* list) {
     int64_t total = 0;
     uint64_t nodes = 0;
@@ -50,28 +37,19 @@ int32_t CountMessages(const ndb::db_ptr& db, MessageListPtr* list) {
         if (!IsNormalFolder(info.id)) continue;
         const ltp::property_bag folder(db->lookup_node(info.id));
         if (folder.read_wstring(kPropDisplayName) == kFreebusyFolderName) continue;
-        total += folder.get_value_4(kPropContentCount);
+        // A signed count, summed wide: a damaged folder may say -1, and many may overflow 32 bits.
+        total += static_cast<int32_t>(folder.get_value_4(kPropContentCount));
     }
     if (total < 1) return kStatusBadArgument;
-    // Every message is a node of its own, so a larger total is damage; refused before it allocates.
+    // Ours, not the format's: every message is a node of its own, so a total above the node count (or
+    // beyond what the list's count can hold) is damage, refused before it allocates.
     if (static_cast<uint64_t>(total) > nodes || total > std::numeric_limits<int32_t>::max())
         return kStatusFailure;
 
-    void* head = krnAlloc(1, sizeof(MessageList), __FILE__, __LINE__);
-    if (head == nullptr) return kStatusFailure;
-    MessageListPtr made(new (head) MessageList());
-    const auto count = static_cast<size_t>(total);
-    void* array = krnAlloc(count, sizeof(MessageDocument), __FILE__, __LINE__);
-    if (array == nullptr) return kStatusFailure;
-    if (krnRegisterObject(KRN_OBJECT_ARRAY, array, __LINE__, __FILE__) != kStatusOk) {
-        krnFree(array, __FILE__, __LINE__);
-        return kStatusFailure;
-    }
-    auto* entries = static_cast<MessageDocument*>(array);
-    for (size_t i = 0; i < count; ++i) new (&entries[i]) MessageDocument();
-    made->entries = entries;
+    MessageListPtr made = MakeKernelObject<MessageList>(KernelRegistry::kNone);
+    if (made == nullptr) return kStatusFailure;
+    if (!made->entries.allocate(static_cast<size_t>(total))) return kStatusFailure;
     made->count = static_cast<int32_t>(total);
-    made->allocated = made->count;
     *list = std::move(made);
     return kStatusOk;
 }

@@ -6,8 +6,8 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 
+#include "common/kernel_memory.h"
 #include "pst/filter_data.h"
 #include "pst/message_model.h"
 #include "pst/render/message_document.h"
@@ -24,20 +24,14 @@ constexpr ltp::prop_id kPropContentCount = 0x3602;
 // Folders of this exact name (case-sensitive) hold calendar free/busy items, not pages.
 inline constexpr char16_t kFreebusyFolderName[] = u"Freebusy Data";
 
-// The counted messages and one empty MessageDocument for each. Kernel memory: the header from the
-// allocator, the entries an array registered with the kernel as kind 5. Made by CountMessages, freed by
-// ReleaseMessageList (entries destroyed first).
+// The counted messages and one empty MessageDocument for each. Kernel memory: the list itself from the
+// allocator, the entries an array registered with the kernel as kind 5. Made by CountMessages; the
+// holder destroys the entries first, then the list.
 struct MessageList {
     int32_t count = 0;  // lowered by SelectMessage to index + 1 when the target is reached
-    MessageDocument* entries = nullptr;
-    int32_t allocated = 0;  // entries constructed, whatever `count` says later
+    KernelArray<MessageDocument> entries;  // as many as were counted, whatever `count` says later
 };
-
-void ReleaseMessageList(MessageList* list);
-struct MessageListRelease {
-    void operator()(MessageList* list) const { ReleaseMessageList(list); }
-};
-using MessageListPtr = std::unique_ptr<MessageList, MessageListRelease>;
+using MessageListPtr = KernelPtr<MessageList>;
 
 // Sums the content counts of the normal folders whose name is not "Freebusy Data" and makes the list.
 // 1; -13 when the total is below 1; -1 when memory runs out (also for a total larger than the store's

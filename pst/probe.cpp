@@ -2,23 +2,13 @@
 
 #include <array>
 
-#include "common/little_endian.h"
+#include "common/signatures.h"
 #include "common/status.h"
 
 namespace tarn {
-namespace {
-
-constexpr uint32_t kPstMagic = 0x4E444221;           // "!BDN"
-constexpr uint32_t kCompoundMagicLow = 0xE011CFD0;   // D0 CF 11 E0
-constexpr uint32_t kCompoundMagicHigh = 0xE11AB1A1;  // A1 B1 1A E1
-
-}  // namespace
-
 InputKind ProbeHeader(std::span<const std::byte, kProbeBytes> header) {
-    const uint32_t first = LoadLe32(header.data());
-    if (first == kPstMagic) return kInputPstStore;
-    if (first == kCompoundMagicLow && LoadLe32(header.data() + 4) == kCompoundMagicHigh)
-        return kInputMessageFile;
+    if (StartsWithSignature(header, kPstSignature)) return kInputPstStore;
+    if (StartsWithSignature(header, kCompoundSignature)) return kInputMessageFile;
     // Half a compound-file signature is not one: such a file is read as text like any other.
     return kInputMimeText;
 }

@@ -15,11 +15,9 @@
 namespace tarn {
 namespace {
 
-// The kernel mode that asks for HTML documents in memory rather than as a temporary file.
-constexpr int32_t kModeInMemory = 3;
 constexpr int32_t kBitsPerPixel = 24;
 
-int32_t TempFileModeFromKernel() { return krnModeQuery() == kModeInMemory ? 0 : 1; }
+int32_t TempFileModeFromKernel() { return krnModeQuery() == kKernelModeInMemory ? 0 : 1; }
 
 // The toolkit counts messages from 1; a number of INT32_MIN has no predecessor and stays as low as can be.
 int32_t IndexFromMessageNumber(int32_t number) {
@@ -155,7 +153,7 @@ int32_t Info(InfoRequest* request) {
     if (fresh.get() != nullptr) record->reported_kind = kind;
     if (request->slot != nullptr && fresh.get() != nullptr &&
         StoreSlotData(request->slot, 0, record, 0, kUseDefaultCount) == kStatusOk) {
-        fresh.Release();  // the slot owns it now, until fltFreeData
+        fresh.release();  // the slot owns it now, until fltFreeData
     }
 
     FillCallerInfo(request, record, message_index);
@@ -171,7 +169,7 @@ int32_t Load(LoadRequest* request) {
         return HandOffLoad(static_cast<PstFilterData*>(found), request, 0);
     }
 
-    KernelFileHandle source(krnOpenFile(request->file_name, 0, 256));
+    KernelFileHandle source(krnOpenFile(request->file_name, 0, kOpenShareMode));
     if (!source.valid()) return kStatusCannotOpen;
     InputKind kind = kInputUnsupported;
     if (int32_t status = ProbeSource(source.get(), &kind); status != kStatusOk) return status;
@@ -193,7 +191,7 @@ int32_t Load(LoadRequest* request) {
             // Deliberately unlike every other failure here: the source stays open and the record is not
             // released. Callers have long seen exactly this, and nothing is rendered from it.
             (void)source.Release();
-            (void)fresh.Release();
+            (void)fresh.release();
             return written;
         }
     }

@@ -7,6 +7,9 @@ cd "$(dirname "$0")/.."
 scripts/deps.sh build test
 scripts/oracles.sh
 
+# Every tracked source must be formatted as .clang-format says, by the pinned clang-format.
+scripts/check-format.sh
+
 # The toolkit's records must sit at their byte offsets in a 32-bit build; this compiles the static
 # checks with -m32 (nothing is linked or run).
 scripts/check-ilp32.sh

@@ -6,7 +6,6 @@
 
 #include "common/crc32.h"
 #include "common/little_endian.h"
-#include "kernel/tarnkrn.h"
 
 namespace tarn {
 namespace {
@@ -36,19 +35,6 @@ struct Header {
 Header ReadHeader(const std::byte* data) {
     return Header{LoadLe32(data), LoadLe32(data + 4), LoadLe32(data + 8), LoadLe32(data + 12)};
 }
-
-// Kernel memory released on every path out of a function.
-class KernelBlock {
-public:
-    explicit KernelBlock(size_t size) : data_(static_cast<std::byte*>(krnAlloc(1, size, __FILE__, __LINE__))) {}
-    ~KernelBlock() { krnFree(data_, __FILE__, __LINE__); }
-    KernelBlock(const KernelBlock&) = delete;
-    KernelBlock& operator=(const KernelBlock&) = delete;
-    std::byte* get() const { return data_; }
-
-private:
-    std::byte* data_;
-};
 
 // Decompresses the contents after the header onto the end of `out`, which holds the dictionary text
 // and has room reserved for raw_size more bytes, so its data never moves while we append. The loop ends
@@ -136,6 +122,9 @@ uint32_t RtfCrc(const std::byte* data, size_t size) {
 
 int32_t DecompressRtfStream(std::istream& stream, CountedString& document) {
     stream.clear();
+    // Set before the first seek: an error of the value's own blocks must reach the caller as itself,
+    // not as a fail bit that reads like a short or empty body.
+    stream.exceptions(std::ios::badbit);
     stream.seekg(0, std::ios::end);
     const std::streamoff size = stream.tellg();
     stream.seekg(0, std::ios::beg);
@@ -144,12 +133,12 @@ int32_t DecompressRtfStream(std::istream& stream, CountedString& document) {
     if (size > std::numeric_limits<int32_t>::max()) return kStatusUnsupported;
     const auto length = static_cast<size_t>(size);
 
-    KernelBlock input(length);
-    if (input.get() == nullptr) return kStatusFailure;
-    stream.read(reinterpret_cast<char*>(input.get()), static_cast<std::streamsize>(length));
-    if (static_cast<size_t>(stream.gcount()) != length) return kStatusUnsupported;
+    GrowBuffer input;
+    const int32_t read = AppendFromStream(stream, length, input);
+    if (read == kStatusShortRead) return kStatusUnsupported;
+    if (read != kStatusOk) return kStatusFailure;
 
-    const std::span<const std::byte> data(input.get(), length);
+    const std::span<const std::byte> data(input.data(), length);
     const Header header = ReadHeader(data.data());
     if (header.comp_size != length - 4) return kStatusUnsupported;
     // Checked for stored data too, although writers store a CRC of 0 there: such bodies are refused.

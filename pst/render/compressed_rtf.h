@@ -29,7 +29,8 @@ uint32_t RtfCrc(const std::byte* data, size_t size);
 
 // Reads a seekable stream whole and decompresses it into `document` (RAWSIZE bytes, no terminator).
 // The CRC is checked for both kinds; "MELA" data is taken up to its first NUL. 1, -9 for a malformed
-// header or data, -1 when memory runs out.
+// header or data (a stream that ends before the size it reported included), -1 when memory runs out.
+// The stream's exception mask is set to badbit, so that an error of its source leaves as itself.
 int32_t DecompressRtfStream(std::istream& stream, CountedString& document);
 
 // Decompresses `size` bytes into `document`: RAWSIZE bytes, with a NUL behind them that the size does

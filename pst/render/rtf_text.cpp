@@ -5,9 +5,10 @@
 #include <limits>
 #include <string_view>
 
-#include "common/apiutils.h"
+#include "common/kernel_memory.h"
 #include "kernel/tarnkrn.h"
 #include "platform/codepage.h"
+#include "platform/font_coverage.h"
 #include "platform/script_cmap.h"
 
 namespace tarn {
@@ -18,22 +19,7 @@ constexpr std::string_view kFallbackFaces[] = {"Arial", "Symbol", "MS Gothic", "
 
 constexpr int kMaxUnits = std::numeric_limits<int>::max();
 
-template <typename T>
-KernelPtr<T> AllocateArray(size_t count) {
-    return KernelPtr<T>(static_cast<T*>(krnAlloc(count == 0 ? 1 : count, sizeof(T), __FILE__, __LINE__)));
-}
-
 bool IsAscii(char16_t unit) { return unit < 0x80; }
-
-char FoldAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
-bool SameFace(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (FoldAscii(a[i]) != FoldAscii(b[i])) return false;
-    }
-    return true;
-}
 
 // Appends to the header buffer and keeps the first failure, so that the steps need not check each
 // write and the caller gets the buffer's own status.
@@ -96,18 +82,19 @@ int32_t HoldsExactly(uint32_t code_page, const char16_t* units, size_t count) {
     const int n = static_cast<int>(count);
     const int needed = platform::WideCharToMultiByte(code_page, 0, units, n, nullptr, 0, nullptr, nullptr);
     if (needed <= 0) return 0;
-    KernelPtr<char> bytes = AllocateArray<char>(static_cast<size_t>(needed));
-    if (!bytes) return kStatusFailure;
+    KernelArray<char> bytes;
+    if (!bytes.allocate(static_cast<size_t>(needed))) return kStatusFailure;
     bool used_default = false;
     const int written =
-        platform::WideCharToMultiByte(code_page, 0, units, n, bytes.get(), needed, nullptr, &used_default);
+        platform::WideCharToMultiByte(code_page, 0, units, n, bytes.data(), needed, nullptr, &used_default);
     if (written <= 0 || used_default) return 0;
-    const int back = platform::MultiByteToWideChar(code_page, 0, bytes.get(), written, nullptr, 0);
+    const int back = platform::MultiByteToWideChar(code_page, 0, bytes.data(), written, nullptr, 0);
     if (back != n) return 0;
-    KernelPtr<char16_t> round_trip = AllocateArray<char16_t>(count);
-    if (!round_trip) return kStatusFailure;
-    if (platform::MultiByteToWideChar(code_page, 0, bytes.get(), written, round_trip.get(), n) != n) return 0;
-    return std::memcmp(round_trip.get(), units, count * sizeof(char16_t)) == 0 ? kStatusOk : 0;
+    KernelArray<char16_t> round_trip;
+    if (!round_trip.allocate(count)) return kStatusFailure;
+    if (platform::MultiByteToWideChar(code_page, 0, bytes.data(), written, round_trip.data(), n) != n)
+        return 0;
+    return std::memcmp(round_trip.data(), units, count * sizeof(char16_t)) == 0 ? kStatusOk : 0;
 }
 
 // The first usable code page of the charset table that holds the units exactly, in *code_page (0 for
@@ -158,13 +145,13 @@ int32_t WriteCodePageRun(RtfWriter& writer, RtfFontTable& table, int32_t& curren
         const int needed =
             platform::WideCharToMultiByte(code_page, 0, text.units + at, n, nullptr, 0, nullptr, nullptr);
         if (needed <= 0) return kStatusBadArgument;
-        KernelPtr<char> bytes = AllocateArray<char>(static_cast<size_t>(needed));
-        if (!bytes) return kStatusFailure;
-        const int written = platform::WideCharToMultiByte(code_page, 0, text.units + at, n, bytes.get(),
+        KernelArray<char> bytes;
+        if (!bytes.allocate(static_cast<size_t>(needed))) return kStatusFailure;
+        const int written = platform::WideCharToMultiByte(code_page, 0, text.units + at, n, bytes.data(),
                                                           needed, nullptr, nullptr);
         if (written <= 0) return kStatusBadArgument;
         writer.SwitchFont(current, font);
-        for (int i = 0; i < written; ++i) writer.PutByte(static_cast<uint8_t>(bytes.get()[i]));
+        for (int i = 0; i < written; ++i) writer.PutByte(static_cast<uint8_t>(bytes.data()[i]));
         at = stop;
     }
     return writer.status();
@@ -175,24 +162,30 @@ int32_t WriteCodePageRun(RtfWriter& writer, RtfFontTable& table, int32_t& curren
 int32_t FaceHasGlyphs(const RtfFontTable& table, std::string_view face, const char16_t* units, size_t count) {
     if (face.empty() || count > static_cast<size_t>(kMaxUnits)) return 0;
     KrnFontDescription description{};
-    {
-        // Face names are bytes of the document's code page; a name that does not convert cannot be
+    bool ascii = true;
+    for (char c : face) ascii = ascii && static_cast<uint8_t>(c) < 0x80;
+    if (ascii) {
+        // Every face we add, and nearly every face a table names, is ASCII: the same in any code page
+        // a document may declare, even one that has no converter here.
+        for (size_t i = 0; i < face.size() && i < KRN_FACE_SIZE - 1; ++i) description.face_name[i] = face[i];
+    } else {
+        // Other names are bytes of the document's code page; a name that does not convert cannot be
         // asked about.
         const uint32_t code_page =
             table.document_code_page != 0 ? table.document_code_page : platform::kCpAcp;
-        KernelPtr<char16_t> wide = AllocateArray<char16_t>(face.size());
-        if (!wide) return kStatusFailure;
+        KernelArray<char16_t> wide;
+        if (!wide.allocate(face.size())) return kStatusFailure;
         const int units_written =
             face.size() > static_cast<size_t>(kMaxUnits)
                 ? 0
                 : platform::MultiByteToWideChar(code_page, 0, face.data(), static_cast<int>(face.size()),
-                                                wide.get(), static_cast<int>(face.size()));
+                                                wide.data(), static_cast<int>(face.size()));
         if (units_written <= 0) return 0;
         for (int i = 0; i < units_written && i < KRN_FACE_SIZE - 1; ++i)
-            description.face_name[i] = wide.get()[i];
+            description.face_name[i] = wide.data()[i];
     }
-    KernelPtr<uint16_t> glyphs = AllocateArray<uint16_t>(count);
-    if (!glyphs) return kStatusFailure;
+    KernelArray<uint16_t> glyphs;
+    if (!glyphs.allocate(count)) return kStatusFailure;
     krn_font font = krnCreateFont(&description);
     krn_dc dc = krnScreenDc();
     int32_t result = 0;
@@ -200,7 +193,7 @@ int32_t FaceHasGlyphs(const RtfFontTable& table, std::string_view face, const ch
         krn_font previous = platform::SelectObject(dc, font);
         if (previous != nullptr) {
             platform::ScriptCache cache = nullptr;
-            result = platform::ScriptGetCMap(dc, &cache, units, static_cast<int>(count), 0, glyphs.get()) ==
+            result = platform::ScriptGetCMap(dc, &cache, units, static_cast<int>(count), 0, glyphs.data()) ==
                              platform::kScriptOk
                          ? kStatusOk
                          : 0;
@@ -229,7 +222,8 @@ int32_t FindCoveringFont(RtfFontTable& table, const char16_t* units, size_t coun
     }
     for (std::string_view face : kFallbackFaces) {
         bool in_table = false;
-        for (const RtfFont& entry : table.entries()) in_table = in_table || SameFace(entry.face_name(), face);
+        for (const RtfFont& entry : table.entries())
+            in_table = in_table || platform::SameFaceName(entry.face_name(), face);
         if (in_table) continue;
         const int32_t passes = FaceHasGlyphs(table, face, units, count);
         if (passes < 0) return passes;
@@ -347,12 +341,12 @@ int32_t EncodeRtfText(RtfTextState& state, const char* utf8, size_t length) {
     const size_t rest = length - at;
     if (rest > static_cast<size_t>(kMaxUnits)) return kStatusBadArgument;
     // A UTF-8 sequence never takes fewer bytes than the UTF-16 units it becomes.
-    KernelPtr<char16_t> wide = AllocateArray<char16_t>(rest);
-    if (!wide) return kStatusFailure;
+    KernelArray<char16_t> wide;
+    if (!wide.allocate(rest)) return kStatusFailure;
     const int units = platform::MultiByteToWideChar(platform::kCpUtf8, 0, utf8 + at, static_cast<int>(rest),
-                                                    wide.get(), static_cast<int>(rest));
+                                                    wide.data(), static_cast<int>(rest));
     if (units <= 0) return kStatusBadArgument;
-    return EncodeRtfUnicode(state.out, *state.fonts, state.current_font, wide.get(),
+    return EncodeRtfUnicode(state.out, *state.fonts, state.current_font, wide.data(),
                             static_cast<size_t>(units));
 }
 

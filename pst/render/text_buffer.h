@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <istream>
 #include <string_view>
 
 #include "common/status.h"
@@ -101,6 +102,13 @@ class CountedString {
 // tail from `offset` up and copies the bytes in. 1; -814 for a null string or source; -1 when memory
 // runs out.
 int32_t InsertAt(CountedString* string, size_t offset, const void* bytes, size_t count);
+
+// Appends the next `size` bytes of `in` to `out`, piece by piece, so that the buffer grows with what the
+// stream actually yields rather than with what it was said to hold. The stream's exception mask gains
+// badbit first: an error thrown by the stream's source then leaves this function as itself, instead of
+// turning into a state bit that reads like the end of the data. 1; -7 when the stream ends before
+// `size` bytes; the buffer's status (-1) when it cannot grow.
+int32_t AppendFromStream(std::istream& in, uint64_t size, GrowBuffer& out);
 
 // The count that AppendCounted reads as "up to the first NUL".
 constexpr int32_t kUpToNul = -1;

@@ -4,7 +4,15 @@
 #include <span>
 #include <vector>
 
+#include "store/ndb/errors.h"
+
 namespace tarn::ltp {
+namespace {
+
+// A value held in a subnode is read this many bytes at a time (a few leaf blocks).
+constexpr size_t kValuePiece = 64 * 1024;
+
+}  // namespace
 
 uint64_t hnid_stream_device::size() const {
     if (is_heap_) return heap_->alloc_size(heap_id_);
@@ -14,8 +22,17 @@ uint64_t hnid_stream_device::size() const {
 std::vector<std::byte> read_hnid_value(const heap_ptr& heap, hnid id) {
     if (is_subnode_id(id)) {
         const node sub = heap->get_node().lookup(id);
-        std::vector<std::byte> result(sub.size());
-        if (!result.empty()) sub.read(result, 0);
+        // Grown piece by piece with what the reads give, not sized at once from the subnode's stated
+        // total: the buffer stays within a piece (and the vector's doubling) of what was really read.
+        const size_t size = sub.size();
+        std::vector<std::byte> result;
+        while (result.size() < size) {
+            const size_t at = result.size();
+            result.resize(at + std::min(size - at, kValuePiece));
+            const size_t got = sub.read(std::span(result).subspan(at), at);
+            if (got == 0) throw ndb::database_corrupt("subnode value ends before its stated size");
+            result.resize(at + got);
+        }
         return result;
     }
     return heap->read_whole(id);

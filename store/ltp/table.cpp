@@ -85,17 +85,22 @@ uint32_t basic_table<T>::row_count() const {
 template <typename T>
 void basic_table<T>::read_row_bytes(uint32_t row, size_t offset, std::byte* out, size_t size) const {
     if (row >= row_count()) throw std::out_of_range("row >= size()");
-    if (offset > row_size() || size > row_size() - offset)
-        throw ndb::database_corrupt("table cell runs past its row");
+    // A cell or existence bit may lie past the end of its row: it is then read from the bytes that
+    // follow in the matrix (the next row), as the format's addressing does. Refused only where that
+    // addressing would leave the matrix bytes, or the block that holds the row.
     if (!rows_node_) {
-        std::memcpy(out, rows_.data() + size_t{row} * row_size() + offset, size);
+        const size_t start = size_t{row} * row_size();
+        if (offset > rows_.size() - start || size > rows_.size() - start - offset)
+            throw ndb::database_corrupt("table cell runs past the row matrix");
+        std::memcpy(out, rows_.data() + start + offset, size);
         return;
     }
     const size_t per_block = rows_per_block();
     const size_t block = row / per_block;
     const size_t at = (row % per_block) * row_size() + offset;
     // A middle block shorter than block 0 leaves its last rows outside it.
-    if (rows_node_->read(std::span<std::byte>(out, size), block, at) != size)
+    if (at >= rows_node_->get_page_size(block) ||
+        rows_node_->read(std::span<std::byte>(out, size), block, at) != size)
         throw ndb::database_corrupt("table row runs past its block");
 }
 
@@ -158,14 +163,13 @@ bool basic_table<T>::cell_exists(uint32_t row, prop_id id) const {
     const auto found = columns_.find(id);
     if (found == columns_.end()) return false;
     if (row >= row_count()) throw std::out_of_range("row >= size()");
-    // The bit index is not compared with the bitmap's length by the format's rules; a bit outside the
-    // bitmap would read another cell's bytes (or past the row), so it is refused as damage.
+    // A bitmap that ends before it starts has a negative length: the format's reading of it would copy
+    // from outside the row matrix, so this one is refused.
     if (rgib_[2] > rgib_[3]) throw ndb::database_corrupt("table cell existence bitmap ends before it starts");
-    const size_t byte_index = found->second.bit_offset / 8;
-    if (byte_index >= size_t{rgib_[3]} - rgib_[2])
-        throw ndb::database_corrupt("cell existence bit lies beyond the row's bitmap");
+    // The bit index is not compared with the bitmap's length: a bit beyond it is read from the bytes
+    // that follow, bounded by the matrix like any cell.
     std::byte bits;
-    read_row_bytes(row, rgib_[2] + byte_index, &bits, 1);
+    read_row_bytes(row, rgib_[2] + size_t{found->second.bit_offset} / 8, &bits, 1);
     return (std::to_integer<uint8_t>(bits) & (0x80 >> (found->second.bit_offset % 8))) != 0;
 }
 

@@ -66,7 +66,8 @@ class basic_table : public table_impl {
     uint32_t cell_size(uint32_t row, prop_id id) const override;
 
   private:
-    // Copies `size` bytes at `offset` within row `row` (throws "row >= size()" past the last row).
+    // Copies `size` bytes at `offset` from the start of row `row`, which may reach into the rows after
+    // it (throws "row >= size()" past the last row, database_corrupt past the matrix or the row's block).
     void read_row_bytes(uint32_t row, size_t offset, std::byte* out, size_t size) const;
     const column_description& column(prop_id id) const;
     size_t row_size() const { return rgib_[3]; }

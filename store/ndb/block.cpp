@@ -252,6 +252,11 @@ std::shared_ptr<extended_block> database_impl<T>::read_extended_block(const db_p
     const uint8_t level = byte_at(bytes, 1);
     const size_t count = LoadLe16(bytes.data() + 2);
     const uint32_t total = LoadLe32(bytes.data() + 4);
+    // Deliberately stricter than the format: a child id of 0 is a hole that reads as zeros for its
+    // whole share, so a few hundred bytes of extended blocks can describe gigabytes that no block
+    // holds, and readers above size buffers, streams and row counts from this total. Real data is
+    // stored, so no real tree is larger than its file.
+    if (total > file_size()) throw database_corrupt("extended block claims more data than the file holds");
     // The ids must lie within the block's data; cEnt is otherwise not held to the children limit.
     if (bi.size < block.extended_header || count > (bi.size - block.extended_header) / sizeof(T))
         throw database_corrupt("extended block entry count exceeds the block");

@@ -43,6 +43,12 @@ uint64_t database_impl<T>::file_eof() const {
 }
 
 template <typename T>
+uint64_t database_impl<T>::file_size() {
+    if (!file_size_) file_size_ = file_.size();
+    return *file_size_;
+}
+
+template <typename T>
 uint8_t database_impl<T>::crypt_method() const {
     return byte_at(header_, layout<T>::header.crypt_method);
 }

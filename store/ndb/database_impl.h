@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -122,10 +123,13 @@ class database_impl : public db_context {
                                                        const std::vector<std::byte>& bytes);
     // The header's fields (database.cpp).
     uint64_t file_eof() const;
+    // The file's real size, asked of the kernel once, on first use.
+    uint64_t file_size();
     uint8_t crypt_method() const;
 
     tarn::StoreFile file_;
     std::vector<std::byte> header_;
+    std::optional<uint64_t> file_size_;
     std::shared_ptr<bbt_page> bbt_root_;
     std::shared_ptr<nbt_page> nbt_root_;
 };

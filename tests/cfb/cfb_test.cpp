@@ -24,13 +24,6 @@ using test::CfbOptions;
 using test::KernelTempFile;
 using test::PatternBytes;
 
-OpenResult OpenBytes(const std::vector<uint8_t>& bytes) {
-    KernelTempFile file(bytes);
-    CompoundStorage storage(file.handle());
-    storage.open();
-    return storage.result();
-}
-
 // The whole stream at `path`; `found` tells whether it opened.
 std::vector<uint8_t> ReadAll(const CompoundStorage& storage, const std::string& path, bool* found = nullptr,
                              size_t chunk = 1 << 16) {
@@ -249,7 +242,7 @@ TEST(CompoundStorage, StreamSizeIsTheLowHalfAndPicksTheChain) {
     ASSERT_EQ(s.start, 0u);                   // big data comes first, so "s" starts at sector 0 ...
     ASSERT_EQ(image.Find({u"m"}).start, 0u);  // ... and "m" at small block 0
     // A high half of 1 is ignored: the stream keeps its 5000 bytes from big blocks.
-    image.Put32(image.EntryOffset(s.index) + 124, 1);
+    image.Put32(image.EntryOffset(s.index) + format::kStreamSizeHighOffset, 1);
     {
         KernelTempFile file(image.bytes);
         CompoundStorage storage(file.handle());
@@ -258,7 +251,7 @@ TEST(CompoundStorage, StreamSizeIsTheLowHalfAndPicksTheChain) {
     }
     // Below 4096 the size alone sends the stream to the mini FAT, where its start 0 is small block 0:
     // the four blocks of "m" come back.
-    image.SetEntryField(s.index, 120, 4095);
+    image.SetEntryField(s.index, format::kStreamSizeOffset, 4095);
     KernelTempFile file(image.bytes);
     CompoundStorage storage(file.handle());
     ASSERT_TRUE(storage.open());
@@ -271,12 +264,35 @@ TEST(CompoundStorage, StreamSizeIsTheLowHalfAndPicksTheChain) {
     EXPECT_TRUE(std::equal(m.begin(), m.end(), data.begin()));
 }
 
-TEST(CompoundStorage, HeaderChecksGiveTheirResults) {
+// What a storage opened from a damaged copy of SampleTree() still gives.
+enum class Reads {
+    kNothing,     // refused
+    kNoEntries,   // opens, but not even the root is found
+    kEverything,  // every stream reads in full
+};
+
+void ExpectReads(const CompoundStorage& storage, Reads expected) {
+    if (expected == Reads::kNoEntries) {
+        EXPECT_EQ(storage.directory().size(), 0u);
+        EXPECT_EQ(storage.find_entry("/"), nullptr);
+        EXPECT_TRUE(WalkPaths(storage).empty());
+        for (const auto& e : SampleExpectations()) EXPECT_FALSE(CompoundStream::open(storage, e.path));
+    }
+    if (expected == Reads::kEverything) {
+        for (const auto& e : SampleExpectations()) EXPECT_EQ(ReadAll(storage, e.path), e.data) << e.path;
+    }
+}
+
+// Fields the reading depends on are refused when out of range; counts and places that the file cannot
+// hold are bounded by what it does hold, and the file opens with whatever that leaves.
+TEST(CompoundStorage, HeaderChecksRefuseFieldsAndBoundClaims) {
     const CfbImage base = BuildCfb(SampleTree());
     CfbOptions padded;
     padded.min_fat_sectors = 109;
     CfbImage with109 = BuildCfb(SampleTree(), padded);
-    with109.Put32(test::kCfbDifatCountOffset, 1);
+    with109.Put32(format::kDifatSectorCountOffset, 1);
+    padded.min_fat_sectors = 400;
+    const CfbImage with400 = BuildCfb(SampleTree(), padded);
     struct Case {
         const char* what;
         const CfbImage* image;
@@ -284,32 +300,42 @@ TEST(CompoundStorage, HeaderChecksGiveTheirResults) {
         int width;  // 1, 2 or 4; 0 truncates the file to `offset`
         uint32_t value;
         OpenResult expected;
+        Reads reads;
     } cases[] = {
-        {"intact", &base, 0, 1, 0xD0, OpenResult::Ok},
-        {"first signature byte", &base, 0, 1, 0xD1, OpenResult::NotCompound},
-        {"second signature word", &base, 4, 4, 0xE11AB1A2, OpenResult::NotCompound},
-        {"empty file", &base, 0, 0, 0, OpenResult::NotCompound},
-        {"seven bytes", &base, 7, 0, 0, OpenResult::NotCompound},
-        {"header cut at 300", &base, 300, 0, 0, OpenResult::BadCompound},
-        {"header only", &base, 512, 0, 0, OpenResult::BadCompound},
-        {"cutoff 2048", &base, test::kCfbCutoffOffset, 4, 2048, OpenResult::BadCompound},
-        {"sector shift 6", &base, test::kCfbSectorShiftOffset, 2, 6, OpenResult::BadCompound},
-        {"sector shift 31", &base, test::kCfbSectorShiftOffset, 2, 31, OpenResult::BadCompound},
-        {"sector shift 30 in a small file", &base, test::kCfbSectorShiftOffset, 2, 30,
-         OpenResult::BadCompound},
-        {"mini shift above shift", &base, test::kCfbMiniSectorShiftOffset, 2, 10, OpenResult::BadCompound},
-        {"no FAT sectors", &base, test::kCfbFatCountOffset, 4, 0, OpenResult::BadCompound},
-        {"more FAT sectors than the file", &base, test::kCfbFatCountOffset, 4, 100000,
-         OpenResult::BadCompound},
-        {"DIFAT count with few FAT sectors", &base, test::kCfbDifatCountOffset, 4, 1,
-         OpenResult::BadCompound},
-        {"empty directory", &base, test::kCfbFirstDirectoryOffset, 4, 0xFFFFFFFE, OpenResult::BadCompound},
-        {"directory past the end", &base, test::kCfbFirstDirectoryOffset, 4, 5000, OpenResult::BadCompound},
-        {"109 FAT sectors and a DIFAT count", &with109, 0, 1, 0xD0, OpenResult::Ok},
-        {"108 FAT sectors and a DIFAT count", &with109, test::kCfbFatCountOffset, 4, 108,
-         OpenResult::BadCompound},
-        {"more DIFAT sectors than the file", &with109, test::kCfbDifatCountOffset, 4, 0x00FFFFFF,
-         OpenResult::BadCompound},
+        {"intact", &base, 0, 1, 0xD0, OpenResult::Ok, Reads::kEverything},
+        {"first signature byte", &base, 0, 1, 0xD1, OpenResult::NotCompound, Reads::kNothing},
+        {"second signature word", &base, 4, 4, 0xE11AB1A2, OpenResult::NotCompound, Reads::kNothing},
+        {"empty file", &base, 0, 0, 0, OpenResult::NotCompound, Reads::kNothing},
+        {"seven bytes", &base, 7, 0, 0, OpenResult::NotCompound, Reads::kNothing},
+        {"header cut inside the cutoff", &base, 57, 0, 0, OpenResult::BadCompound, Reads::kNothing},
+        {"header cut at 300", &base, 300, 0, 0, OpenResult::Ok, Reads::kNoEntries},
+        {"header only", &base, 512, 0, 0, OpenResult::Ok, Reads::kNoEntries},
+        {"cutoff 2048", &base, format::kMiniStreamCutoffOffset, 4, 2048, OpenResult::BadCompound,
+         Reads::kNothing},
+        {"sector shift 6", &base, format::kSectorShiftOffset, 2, 6, OpenResult::BadCompound, Reads::kNothing},
+        {"sector shift 31", &base, format::kSectorShiftOffset, 2, 31, OpenResult::BadCompound,
+         Reads::kNothing},
+        {"sector shift 30 in a small file", &base, format::kSectorShiftOffset, 2, 30, OpenResult::Ok,
+         Reads::kNoEntries},
+        {"mini shift above shift", &base, format::kMiniSectorShiftOffset, 2, 10, OpenResult::BadCompound,
+         Reads::kNothing},
+        {"no FAT sectors", &base, format::kFatSectorCountOffset, 4, 0, OpenResult::BadCompound,
+         Reads::kNothing},
+        {"more FAT sectors than the file", &base, format::kFatSectorCountOffset, 4, 100000, OpenResult::Ok,
+         Reads::kEverything},
+        {"DIFAT count with few FAT sectors", &base, format::kDifatSectorCountOffset, 4, 1,
+         OpenResult::BadCompound, Reads::kNothing},
+        {"empty directory", &base, format::kFirstDirectorySectorOffset, 4, format::kEndOfChain,
+         OpenResult::Ok, Reads::kNoEntries},
+        {"directory past the end", &base, format::kFirstDirectorySectorOffset, 4, 5000, OpenResult::Ok,
+         Reads::kNoEntries},
+        {"109 FAT sectors and a DIFAT count", &with109, 0, 1, 0xD0, OpenResult::Ok, Reads::kEverything},
+        {"108 FAT sectors and a DIFAT count", &with109, format::kFatSectorCountOffset, 4, 108,
+         OpenResult::BadCompound, Reads::kNothing},
+        {"more DIFAT sectors than the file", &with400, format::kDifatSectorCountOffset, 4, 0x00FFFFFF,
+         OpenResult::Ok, Reads::kEverything},
+        {"DIFAT sectors claimed, first one outside the file", &with400, format::kFirstDifatSectorOffset, 4,
+         0x00FFFFFF, OpenResult::Ok, Reads::kEverything},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -329,13 +355,15 @@ TEST(CompoundStorage, HeaderChecksGiveTheirResults) {
                 break;
         }
         uint64_t allocations = krnctlAllocationCount();
-        EXPECT_EQ(OpenBytes(image.bytes), c.expected);
-        // A refused header costs the header buffer and nothing sized from its fields (the two directory
-        // cases get past the header and read the FAT first).
-        bool refused_in_header = c.expected != OpenResult::Ok && c.offset != test::kCfbFirstDirectoryOffset;
-        if (refused_in_header) {
+        KernelTempFile file(image.bytes);
+        CompoundStorage storage(file.handle());
+        EXPECT_EQ(storage.open(), c.expected == OpenResult::Ok);
+        EXPECT_EQ(storage.result(), c.expected);
+        // A refused header costs the header buffer and nothing sized from its fields.
+        if (c.expected != OpenResult::Ok) {
             EXPECT_LE(krnctlAllocationCount() - allocations, 1u);
         }
+        ExpectReads(storage, c.reads);
     }
 }
 
@@ -377,8 +405,9 @@ TEST(CompoundStorage, ExactlyHeaderFatSectorsNeverReadTheDifat) {
     CfbOptions options;
     options.min_fat_sectors = 109;
     CfbImage image = BuildCfb(SampleTree(), options);
-    image.Put32(test::kCfbDifatCountOffset, 1);
-    image.Put32(test::kCfbFirstDifatOffset, image.fat_sectors.front());  // would corrupt the list if read
+    image.Put32(format::kDifatSectorCountOffset, 1);
+    // Would corrupt the list if it were read.
+    image.Put32(format::kFirstDifatSectorOffset, image.fat_sectors.front());
     KernelTempFile file(image.bytes);
     CompoundStorage storage(file.handle());
     ASSERT_TRUE(storage.open());
@@ -447,8 +476,8 @@ TEST(CompoundStorage, DamagedChainsAreCut) {
     // Start sectors that the file does not hold: the stream reads as empty. The root's start is the
     // mini stream's, so every small stream goes with it.
     CfbImage image = base;
-    image.SetEntryField(big.index, 116, 70000);
-    image.SetEntryField(0, 116, 0xFFFFFFFD);
+    image.SetEntryField(big.index, format::kStartSectorOffset, 70000);
+    image.SetEntryField(0, format::kStartSectorOffset, format::kFatSectorMark);
     KernelTempFile file(image.bytes);
     CompoundStorage storage(file.handle());
     ASSERT_TRUE(storage.open());
@@ -468,12 +497,13 @@ TEST(CompoundStorage, DirectoryLoopsEndWalksAndLookups) {
         size_t field;
         uint32_t value;
     } cases[] = {
-        {"a storage is its own child", inner.index, 76, inner.index},
-        {"a child points back up to an ancestor", inner.index, 76, outer.index},
-        {"a leaf's sibling points at the top of its tree", leaf.index, 72, inner.index + 1},
-        {"siblings point at each other", leaf.index, 68, inner.index + 1},
-        {"the root's child points at the root", 0, 76, 0},
-        {"a child far past the directory", outer.index, 76, 0x7FFFFFFF},
+        {"a storage is its own child", inner.index, format::kChildOffset, inner.index},
+        {"a child points back up to an ancestor", inner.index, format::kChildOffset, outer.index},
+        {"a leaf's sibling points at the top of its tree", leaf.index, format::kRightSiblingOffset,
+         inner.index + 1},
+        {"siblings point at each other", leaf.index, format::kLeftSiblingOffset, inner.index + 1},
+        {"the root's child points at the root", 0, format::kChildOffset, 0},
+        {"a child far past the directory", outer.index, format::kChildOffset, 0x7FFFFFFF},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -573,6 +603,54 @@ TEST(CompoundStorage, UnopenedStorageHoldsOnlyTheRoot) {
     EXPECT_FALSE(CompoundStream::open(storage, "/"));
     EXPECT_FALSE(storage.open());
     EXPECT_EQ(storage.result(), OpenResult::OpenFailed);
+}
+
+// Every count and size the header and directory state, claimed near 4 GiB in a file of a few
+// kilobytes. Run on its own as well, under an allocation limit far below the claims (see
+// tests/CMakeLists.txt), so that a buffer sized from any of them aborts the run.
+TEST(CompoundStorageClaims, NearFourGibClaimsEndCleanly) {
+    constexpr uint32_t kClaim = 0xFFFFFFF0;
+    CfbOptions options;
+    options.min_fat_sectors = 400;  // DIFAT sectors, so that their count is read too
+    const CfbImage base = BuildCfb(SampleTree(), options);
+    const auto& big = base.Find({u"big10000"});
+    const auto& small = base.Find({u"mini65"});
+
+    CfbImage image = base;
+    for (size_t offset : {format::kDirectorySectorCountOffset, format::kFatSectorCountOffset,
+                          format::kMiniFatSectorCountOffset, format::kDifatSectorCountOffset})
+        image.Put32(offset, kClaim);
+    image.SetEntryField(big.index, format::kStreamSizeOffset, kClaim);
+    image.SetEntryField(small.index, format::kStreamSizeOffset, kClaim);  // now a big stream at sector 0
+    image.SetEntryField(0, format::kStreamSizeOffset, kClaim);
+    KernelTempFile file(image.bytes);
+    CompoundStorage storage(file.handle());
+    ASSERT_TRUE(storage.open());
+    // The FAT list goes on past the real FAT sectors (the DIFAT's free words), but no further than one
+    // entry per sector of the file.
+    const auto listed = storage.fat_sectors();
+    ASSERT_GE(listed.size(), base.fat_sectors.size());
+    EXPECT_LE(listed.size() * image.sector_size, image.bytes.size());
+    EXPECT_TRUE(std::equal(base.fat_sectors.begin(), base.fat_sectors.end(), listed.begin()));
+    EXPECT_EQ(std::vector<uint32_t>(storage.difat_sectors().begin(), storage.difat_sectors().end()),
+              base.difat_sectors);
+
+    // The claimed size gives way to the chain: what the stream holds, and then nothing.
+    auto data = ReadAll(storage, "big10000");
+    ASSERT_EQ(data.size(), big.chain.size() * image.sector_size);
+    const auto model = PatternBytes(10000, 8);
+    EXPECT_TRUE(std::equal(model.begin(), model.end(), data.begin()));
+    // "mini65", now big, takes its start (a small block number) as a sector: it reads the rest of the
+    // big stream's chain from there.
+    size_t rest = 0;
+    for (const auto& e : base.entries) {
+        if (e.in_mini_stream || e.storage) continue;
+        auto at = std::find(e.chain.begin(), e.chain.end(), small.start);
+        if (at != e.chain.end()) rest = static_cast<size_t>(e.chain.end() - at);
+    }
+    ASSERT_GT(rest, 0u);
+    EXPECT_EQ(ReadAll(storage, "mini65").size(), rest * image.sector_size);
+    EXPECT_EQ(ReadAll(storage, "big4097"), PatternBytes(4097, 7));
 }
 
 // ---- Real messages ---------------------------------------------------------------------------------
@@ -678,6 +756,68 @@ TEST(CompoundStorageCorpus, FixturesAgreeWithOlefile) {
         EXPECT_TRUE(ran);
         EXPECT_EQ(ours.size(), 12u);
     }
+}
+
+// gsf's listing as (path, size) of every stream; `ran` tells whether gsf ran and read the file.
+std::map<std::string, uint64_t> GsfStreams(const std::string& file, bool* ran) {
+    std::map<std::string, uint64_t> out;
+    FILE* pipe = popen(("gsf list '" + file + "' 2>/dev/null").c_str(), "r");
+    if (!pipe) return out;
+    char line[8192];
+    while (std::fgets(line, sizeof line, pipe)) {
+        // "f <size> <path>" for a stream, "d ..." for a storage; the first line names the file.
+        char type = 0;
+        unsigned long long size = 0;
+        int consumed = 0;
+        if (std::sscanf(line, "%c %llu %n", &type, &size, &consumed) < 2 || type != 'f') continue;
+        std::string path(line + consumed);
+        while (!path.empty() && (path.back() == '\n' || path.back() == ' ')) path.pop_back();
+        // A storage with nothing in it is listed as an empty stream: empty entries are left out.
+        if (path != "*root*" && size > 0) out[path] = size;
+    }
+    *ran = pclose(pipe) == 0;
+    return out;
+}
+
+std::map<std::string, uint64_t> OurStreams(const std::vector<uint8_t>& bytes) {
+    std::map<std::string, uint64_t> ours;
+    KernelTempFile file(bytes);
+    CompoundStorage storage(file.handle());
+    if (!storage.open()) return ours;
+    storage.directory().walk([&](std::string_view p, const DirectoryEntry& e, size_t, size_t) {
+        if (!e.is_directory) ours[std::string(p)] = ReadAll(storage, std::string(p)).size();
+    });
+    return ours;
+}
+
+// Where a peer reads a file whose claims go beyond it, we read the same streams: olefile takes a FAT
+// sector count larger than the file, gsf a header cut short (as a storage with nothing in it).
+TEST(CompoundStorageCorpus, BoundedClaimsAgreeWithPeers) {
+    const CfbImage base = BuildCfb(SampleTree());
+    CfbImage many_fat = base;
+    many_fat.Put32(format::kFatSectorCountOffset, 100000);
+    const auto ours = OurStreams(many_fat.bytes);
+    EXPECT_EQ(ours.size(), 12u);
+    {
+        KernelTempFile file(many_fat.bytes);
+        bool ran = false;
+        EXPECT_EQ(OlefileStreams(file.path(), &ran), ours);
+        EXPECT_TRUE(ran);
+    }
+
+    CfbImage cut = base;
+    cut.Truncate(300);
+    KernelTempFile whole(base.bytes), short_file(cut.bytes);
+    bool ran_whole = false, ran_short = false;
+    auto ours_whole = OurStreams(base.bytes);
+    std::erase_if(ours_whole, [](const auto& entry) { return entry.second == 0; });
+    EXPECT_EQ(GsfStreams(whole.path(), &ran_whole), ours_whole);  // the listing is understood
+    EXPECT_TRUE(GsfStreams(short_file.path(), &ran_short).empty());
+    EXPECT_TRUE(ran_whole && ran_short) << "gsf did not run (scripts/deps.sh test installs libgsf-bin)";
+    EXPECT_TRUE(OurStreams(cut.bytes).empty());
+    KernelTempFile again(cut.bytes);
+    CompoundStorage storage(again.handle());
+    EXPECT_TRUE(storage.open());
 }
 
 }  // namespace

@@ -64,7 +64,7 @@ TEST(ProbeFileSize, MeasuresAndRestoresThePosition) {
     const auto five = Wide(dir.Write("five.bin", std::string("abcde")));
     const auto empty = Wide(dir.Write("empty.bin", std::string()));
 
-    KernelFileHandle handle(krnOpenFile(five.c_str(), 0, 256));
+    KernelFileHandle handle(krnOpenFile(five.c_str(), 0, kOpenShareMode));
     ASSERT_TRUE(handle.valid());
     ASSERT_EQ(krnSeekFile(handle.get(), 2, 0, KRN_SEEK_START), 2);
     int64_t size = -1;
@@ -78,7 +78,7 @@ TEST(ProbeFileSize, MeasuresAndRestoresThePosition) {
     krnctlFailFileOperation(KRNCTL_READ, 1);
     EXPECT_EQ(ProbeFileSize(handle.get(), &size), kStatusShortRead);
     EXPECT_EQ(size, -1);
-    KernelFileHandle nothing(krnOpenFile(empty.c_str(), 0, 256));
+    KernelFileHandle nothing(krnOpenFile(empty.c_str(), 0, kOpenShareMode));
     ASSERT_TRUE(nothing.valid());
     EXPECT_EQ(ProbeFileSize(nothing.get(), &size), kStatusShortRead);
 

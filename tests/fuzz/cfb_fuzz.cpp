@@ -7,6 +7,7 @@
 
 #include "cfb/compound_storage.h"
 #include "cfb/compound_stream.h"
+#include "common/apiutils.h"
 #include "kernel/tarnkrn.h"
 #include "tests/fuzz/scratch_input.h"
 
@@ -14,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const tarn::fuzz::ScratchInput input("cfb");
     if (!input.Write(data, size)) return 0;
     const std::u16string wide = input.wide_path();
-    krn_handle handle = krnOpenFile(wide.c_str(), 0, 256);
+    krn_handle handle = krnOpenFile(wide.c_str(), 0, tarn::kOpenShareMode);
     if (handle == KRN_NO_HANDLE) return 0;
     {
         tarn::cfb::CompoundStorage storage(handle);

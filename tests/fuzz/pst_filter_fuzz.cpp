@@ -5,8 +5,6 @@
 // toolkit stand-in catches them; whatever path is taken, nothing may be left in the kernel.
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <limits>
 #include <string>
 
@@ -14,6 +12,7 @@
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn_control.h"
 #include "pst/pst.h"
+#include "tests/fuzz/leak_check.h"
 #include "tests/fuzz/scratch_input.h"
 
 namespace {
@@ -25,12 +24,12 @@ const tarn::host::EntryPoints kFilter{fltInfo, fltLoad, fltFreeData};
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const tarn::fuzz::ScratchInput input("pst-filter");
     if (!input.Write(data, size)) return 0;
-    krnctlSetMode(3);  // in memory: no temporary files to write for every input
+    krnctlSetMode(tarn::kKernelModeInMemory);  // in memory: no temporary files to write for every input
     tarn::host::Toolkit toolkit;
     const std::u16string path = input.wide_path();
     {
         tarn::host::SourceSession session(path);
-        tarn::KernelFileHandle handle(krnOpenFile(path.c_str(), 0, 256));
+        tarn::KernelFileHandle handle(krnOpenFile(path.c_str(), 0, tarn::kOpenShareMode));
         tarn::InfoRequest& info = session.BuildInfoRequest(handle.get(), std::numeric_limits<int32_t>::max());
         if (tarn::host::CallInfo(kFilter, &info).status == 1)
             tarn::host::CallLoad(kFilter, &session.BuildLoadRequest(info.message_number + 1));
@@ -40,12 +39,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         tarn::host::SourceSession session(path);
         tarn::host::CallLoad(kFilter, &session.BuildLoadRequest(1, /*plain_text=*/true, /*with_slot=*/false));
     }
-    // The fuzzer itself must stop at a leak, not only the replay of committed inputs.
-    if (const size_t length = krnctlLeakReport(nullptr, 0); length != 0) {
-        std::string report(length + 1, '\0');
-        krnctlLeakReport(report.data(), report.size());
-        std::fprintf(stderr, "kernel leak report not empty:\n%s", report.c_str());
-        std::abort();
-    }
+    tarn::fuzz::AbortOnKernelLeak();
     return 0;
 }

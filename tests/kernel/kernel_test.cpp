@@ -194,7 +194,7 @@ TEST(Kernel, FontsAndScreenContextsAreTrackedUntilGivenBack) {
     EXPECT_EQ(krnSelectFont(dc, stock), font);
     EXPECT_LT(krnDeleteFont(stock), 0);  // the stock font belongs to the kernel
     EXPECT_EQ(krnDeleteFont(font), 1);
-    EXPECT_LT(krnDeleteFont(font), 0);  // twice
+    EXPECT_LT(krnDeleteFont(font), 0);            // twice
     EXPECT_EQ(krnSelectFont(dc, font), nullptr);  // a deleted font cannot be selected
     char16_t tiny[3];
     EXPECT_LT(krnSelectedFace(dc, tiny, 3), 0);  // "System" does not fit
@@ -221,19 +221,20 @@ TEST(Kernel, ScriptRunsEndWhereTheScriptChanges) {
     };
     const Case cases[] = {
         {u"abc", 3},
-        {u"\u65e5\u672c\u8a9e abc", 4},                // Han, then a space that joins, then Latin
-        {u"\u5dee\u51fa\u4eba: \u5f35", 6},             // punctuation and spaces stay in the Han run
-        {u"\u3042\u3044\u6f22", 2},                     // Hiragana and Han are two scripts
-        {u"  \u0645\u0646 \u0041", 5},                  // a leading space takes Arabic, then Latin
-        {u"\u0645\u0650\u0646", 3},                     // a combining mark joins its letter
-        {u"\U00020000\U00020001a", 4},                  // pairs are whole, never split
-        {u"\xD800\u0645", 1},                            // a lone surrogate is a run of its own
-        {u"12 34", 5},                                  // nothing but common characters
-        {u"\uac00\u3131 \u0410", 3},                    // Hangul, then Cyrillic
+        {u"\u65e5\u672c\u8a9e abc", 4},      // Han, then a space that joins, then Latin
+        {u"\u5dee\u51fa\u4eba: \u5f35", 6},  // punctuation and spaces stay in the Han run
+        {u"\u3042\u3044\u6f22", 2},          // Hiragana and Han are two scripts
+        {u"  \u0645\u0646 \u0041", 5},       // a leading space takes Arabic, then Latin
+        {u"\u0645\u0650\u0646", 3},          // a combining mark joins its letter
+        {u"\U00020000\U00020001a", 4},       // pairs are whole, never split
+        {u"\xD800\u0645", 1},                // a lone surrogate is a run of its own
+        {u"12 34", 5},                       // nothing but common characters
+        {u"\uac00\u3131 \u0410", 3},         // Hangul, then Cyrillic
     };
     for (const Case& c : cases) {
         const char16_t* end = krnScriptRunEnd(c.text.data(), static_cast<int32_t>(c.text.size()));
-        EXPECT_EQ(static_cast<size_t>(end - c.text.data()), c.run) << "case with " << c.text.size() << " units";
+        EXPECT_EQ(static_cast<size_t>(end - c.text.data()), c.run)
+            << "case with " << c.text.size() << " units";
     }
     const char16_t text[] = u"\u0645\u0646";
     EXPECT_EQ(krnScriptRunEnd(text, 1), text + 1);  // never past the end it is given

@@ -158,6 +158,9 @@ TEST(CodePage, SizesAndBuffersFollowTheWindowsContract) {
     EXPECT_EQ(MultiByteToWideChar(1252, 0, "ab", 2, wide, 2), 2);
     EXPECT_EQ(wide[2], u'#');
     EXPECT_EQ(MultiByteToWideChar(1252, 0, "abc", 3, wide, 2), 0);
+    // A stateful converter that fills the room exactly (its closing escape yields nothing).
+    EXPECT_EQ(MultiByteToWideChar(50220, 0, "\x1B$B$\"$\"\x1B(B", 10, wide, 2), 2);
+    EXPECT_EQ(std::u16string(wide, 3), u"\u3042\u3042#");
 
     EXPECT_EQ(WideCharToMultiByte(kCpUtf8, 0, u"a\u00E4", 2, nullptr, 0, nullptr, nullptr), 3);
     EXPECT_EQ(WideCharToMultiByte(kCpUtf8, 0, u"a\u00E4", -1, nullptr, 0, nullptr, nullptr), 4);
@@ -166,6 +169,9 @@ TEST(CodePage, SizesAndBuffersFollowTheWindowsContract) {
     EXPECT_EQ(std::string(narrow, 4), std::string("a\xC3\xA4\0", 4));
     EXPECT_EQ(WideCharToMultiByte(kCpUtf8, 0, u"a\u00E4", 2, narrow, 2, nullptr, nullptr), 0);
     EXPECT_EQ(WideCharToMultiByte(932, 0, u"\u3042", 1, narrow, 1, nullptr, nullptr), 0);
+    char escaped[8];
+    EXPECT_EQ(WideCharToMultiByte(50220, 0, u"\u3042", 1, escaped, 8, nullptr, nullptr), 8);
+    EXPECT_EQ(std::string(escaped, 8), "\x1B$B$\"\x1B(B");
     EXPECT_EQ(WideCharToMultiByte(42, 0, u"\uF041\uF042", 2, narrow, 1, nullptr, nullptr), 0);
 }
 

@@ -34,7 +34,7 @@ std::string Mime() { return "From: a@example.com\r\nSubject: hello\r\n\r\nBody\r
 
 // fltInfo as the toolkit makes the call: on an open handle, with a slot.
 int32_t InfoOn(SourceSession& session, int32_t message_number = 1) {
-    KernelFileHandle handle(krnOpenFile(session.name().c_str(), 0, 256));
+    KernelFileHandle handle(krnOpenFile(session.name().c_str(), 0, kOpenShareMode));
     EXPECT_TRUE(handle.valid());
     return fltInfo(&session.BuildInfoRequest(handle.get(), message_number));
 }
@@ -116,7 +116,7 @@ TEST(EntryPoints, CachedRecordAnswersWithoutTheLoader) {
     Toolkit toolkit;
     SourceSession session(Wide(dir.Write("a.pst", Pst())));
     PstFilterData* record = CachedRecord(session, kInputPstStore);
-    KernelFileHandle handle(krnOpenFile(session.name().c_str(), 0, 256));
+    KernelFileHandle handle(krnOpenFile(session.name().c_str(), 0, kOpenShareMode));
 
     struct Case {
         int32_t message_number;
@@ -154,7 +154,7 @@ TEST(EntryPoints, CachedRecordAnswersWithoutTheLoader) {
     SourceSession mime(Wide(other_dir.Write("a.eml", Mime())));
     mime.slot().data = record;
     mime.slot().count = 1;
-    KernelFileHandle mime_handle(krnOpenFile(mime.name().c_str(), 0, 256));
+    KernelFileHandle mime_handle(krnOpenFile(mime.name().c_str(), 0, kOpenShareMode));
     EXPECT_EQ(fltInfo(&mime.BuildInfoRequest(mime_handle.get(), 1)), kStatusUnsupported);
     mime.slot().data = nullptr;
     record->produced_kind = kInputUnsupported;
@@ -168,7 +168,7 @@ TEST(EntryPoints, CachedRecordRescalesToTheRequestedResolution) {
     ScratchDir dir;
     SourceSession session(Wide(dir.Write("a.eml", Mime())));
     PstFilterData* record = CachedRecord(session, kInputMimeText);
-    KernelFileHandle handle(krnOpenFile(session.name().c_str(), 0, 256));
+    KernelFileHandle handle(krnOpenFile(session.name().c_str(), 0, kOpenShareMode));
 
     InfoRequest& request = session.BuildInfoRequest(handle.get(), 1);
     request.render_options[kRenderOptionXResolution] = 48;  // 801 * 48 / 96 = 400.5, rounded up

@@ -53,7 +53,7 @@ TEST(FilterLibrary, EntryPointsAnswerThroughDlopen) {
     testing::ScratchDir dir;
     host::Toolkit toolkit;
     host::SourceSession session(testing::Wide(dir.Write("a.eml", std::string("Subject: x\r\n\r\nbody\r\n"))));
-    KernelFileHandle handle(krnOpenFile(session.name().c_str(), 0, 256));
+    KernelFileHandle handle(krnOpenFile(session.name().c_str(), 0, kOpenShareMode));
     EXPECT_EQ(host::CallInfo(entries, &session.BuildInfoRequest(handle.get(), 1)).status, kStatusUnsupported);
     EXPECT_EQ(host::CallLoad(entries, &session.BuildLoadRequest(1)).status, kStatusUnsupported);
     EXPECT_EQ(host::CallInfo(entries, nullptr).status, kStatusBadArgument);

@@ -24,8 +24,6 @@ using host::LoaderKind;
 using host::SourceSession;
 using host::Toolkit;
 
-constexpr int32_t kModeInMemory = 3;
-
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
@@ -50,11 +48,11 @@ class HandOff : public ::testing::Test {
 
     // fltInfo as the toolkit makes it, on an open handle.
     int32_t Info(SourceSession& session, int32_t number, bool with_slot = true, int32_t page = 1) {
-        KernelFileHandle handle(krnOpenFile(path_.c_str(), 0, 256));
+        KernelFileHandle handle(krnOpenFile(path_.c_str(), 0, kOpenShareMode));
         return fltInfo(&session.BuildInfoRequest(handle.get(), number, false, with_slot, page));
     }
     int32_t InfoAgain(SourceSession& session) {
-        KernelFileHandle handle(krnOpenFile(path_.c_str(), 0, 256));
+        KernelFileHandle handle(krnOpenFile(path_.c_str(), 0, kOpenShareMode));
         session.info_request().handle = handle.get();
         return fltInfo(&session.info_request());
     }
@@ -65,7 +63,7 @@ class HandOff : public ::testing::Test {
 
 TEST_F(HandOff, InfoCachesTheRecordAndLoadReusesItWithoutOpeningTheSource) {
     Toolkit toolkit;
-    krnctlSetMode(kModeInMemory);
+    krnctlSetMode(kKernelModeInMemory);
     SourceSession session(path_);
     ASSERT_EQ(Info(session, 2), kStatusOk);
     ASSERT_EQ(toolkit.calls().size(), 1u);
@@ -104,7 +102,7 @@ TEST_F(HandOff, InfoCachesTheRecordAndLoadReusesItWithoutOpeningTheSource) {
 
 TEST_F(HandOff, EqualRenderingOptionsReuseTheDescriptionAndOthersAskAgain) {
     Toolkit toolkit;
-    krnctlSetMode(kModeInMemory);
+    krnctlSetMode(kKernelModeInMemory);
     toolkit.description().pages = 3;
     toolkit.description().width = 1000;
     toolkit.description().height = 1300;
@@ -205,9 +203,9 @@ TEST_F(HandOff, RtfAndTextGoInMemoryAndTheToolkitObjectPicksTheLoader) {
     const Case cases[] = {
         {"RTF in temporary-file mode", 4, false, 0, 0, true, LoaderKind::kLoadInMemory, 226},
         {"text in temporary-file mode", 1, true, 0, 0, true, LoaderKind::kLoadInMemory, 316},
-        {"HTML, mode 3", 1, false, kModeInMemory, 0, true, LoaderKind::kLoadInMemory, 369},
-        {"HTML, mode 3, object answers 10", 1, false, kModeInMemory, 10, true, LoaderKind::kAltLoadInMemory,
-         369},
+        {"HTML, mode 3", 1, false, kKernelModeInMemory, 0, true, LoaderKind::kLoadInMemory, 369},
+        {"HTML, mode 3, object answers 10", 1, false, kKernelModeInMemory, 10, true,
+         LoaderKind::kAltLoadInMemory, 369},
         {"RTF, object answers 10", 4, false, 0, 10, true, LoaderKind::kAltLoadInMemory, 226},
         {"RTF, object answers 9", 4, false, 0, 9, true, LoaderKind::kLoadInMemory, 226},
         {"HTML, object answers 10", 1, false, 0, 10, true, LoaderKind::kAltLoadByName, 369},
@@ -257,7 +255,7 @@ TEST_F(HandOff, LoaderFailuresAndTheirStatuses) {
     // Without a slot, fltInfo describes (flags 1) and keeps nothing.
     {
         Toolkit toolkit;
-        krnctlSetMode(kModeInMemory);
+        krnctlSetMode(kKernelModeInMemory);
         SourceSession session(path_);
         EXPECT_EQ(Info(session, 1, /*with_slot=*/false), kStatusOk);
         EXPECT_EQ(toolkit.calls()[0].flags, 1);
@@ -266,7 +264,7 @@ TEST_F(HandOff, LoaderFailuresAndTheirStatuses) {
 
 TEST_F(HandOff, LoaderDataAndReaderStatusTravelThroughTheSlot) {
     Toolkit toolkit;
-    krnctlSetMode(kModeInMemory);
+    krnctlSetMode(kKernelModeInMemory);
     int loader_data = 0;
     toolkit.description().loader_data = &loader_data;
     toolkit.description().loader_data_size = 4;

@@ -48,14 +48,14 @@ TEST(ProbeSource, ReadsTwelveBytesFromTheStart) {
     const auto pst = testing::Wide(dir.Write("a.pst", std::string("!BDN") + std::string(8, '\0')));
     const auto small = testing::Wide(dir.Write("small", std::string("!BDN\x01\x02\x03\x04\x05\x06\x07", 11)));
 
-    KernelFileHandle handle(krnOpenFile(pst.c_str(), 0, 256));
+    KernelFileHandle handle(krnOpenFile(pst.c_str(), 0, kOpenShareMode));
     ASSERT_TRUE(handle.valid());
     krnSeekFile(handle.get(), 7, 0, KRN_SEEK_START);  // the probe does not trust the caller's position
     InputKind kind = kInputUnsupported;
     ASSERT_EQ(ProbeSource(handle.get(), &kind), kStatusOk);
     EXPECT_EQ(kind, kInputPstStore);
 
-    KernelFileHandle short_file(krnOpenFile(small.c_str(), 0, 256));
+    KernelFileHandle short_file(krnOpenFile(small.c_str(), 0, kOpenShareMode));
     ASSERT_TRUE(short_file.valid());
     kind = kInputUnsupported;
     EXPECT_EQ(ProbeSource(short_file.get(), &kind), kStatusShortRead);

@@ -30,7 +30,7 @@ Described Describe(const std::u16string& path, int32_t message_number) {
     host::Toolkit toolkit;
     host::SourceSession session(path);
     krnctlSetMode(3);
-    KernelFileHandle handle(krnOpenFile(path.c_str(), 0, 256));
+    KernelFileHandle handle(krnOpenFile(path.c_str(), 0, kOpenShareMode));
     const host::CallOutcome outcome =
         host::CallInfo(kLinkedFilter, &session.BuildInfoRequest(handle.get(), message_number));
     Described d{outcome.status, outcome.error, session.file_info().message_count,
@@ -145,6 +145,112 @@ TEST(StoreWalk, ADamagedFolderCostsOnlyItsOwnMessages) {
     EXPECT_EQ(LoadMessage(path, 1).body, Html("<p>b1</p>"));
     EXPECT_EQ(LoadMessage(path, 2).status, kStatusUnsupported);
     EXPECT_EQ(Describe(path, 1).message_count, 3);
+}
+
+// The children of the one level-1 extended block the writer laid out, read from the bytes it wrote.
+std::vector<uint64_t> OnlyXBlockChildren(const fixture::PstImage& image) {
+    const fixture::PstBlockRecord* xblock = nullptr;
+    for (const auto& [id, block] : image.blocks) {
+        if (block.kind != fixture::PstBlockRecord::Kind::kXBlock) continue;
+        EXPECT_EQ(xblock, nullptr) << "more than one extended block";
+        xblock = &block;
+    }
+    if (xblock == nullptr) return {};
+    const size_t width = image.layout == fixture::PstLayout::kUnicode ? 8 : 4;
+    const size_t count = std::to_integer<size_t>(image.bytes.at(xblock->address + 2)) |
+                         std::to_integer<size_t>(image.bytes.at(xblock->address + 3)) << 8;
+    std::vector<uint64_t> children{xblock->id};
+    for (size_t i = 0; i < count; ++i) children.push_back(image.GetId(xblock->address + 8 + i * width));
+    return children;
+}
+
+TEST(StoreWalk, ADamagedBlockInsideABodyEndsItsFolderNotTheBody) {
+    // Bodies of three leaf blocks each: HTML, and compressed RTF of literals only.
+    std::string text;
+    for (size_t i = 0; text.size() < 20000; ++i) text += "<p>line " + std::to_string(i) + "</p>\n";
+    const Bytes html = AsBytes(text);
+    const Bytes rtf = AsBytes(CompressedRtf(RtfRuns(RtfLiterals(text)), {.raw_size = uint32_t(text.size())}));
+    ScratchDir dir;
+    int n = 0;
+    for (const auto layout : {fixture::PstLayout::kUnicode, fixture::PstLayout::kAnsi}) {
+        for (const bool is_rtf : {false, true}) {
+            // 0 is the extended block itself (its damage is found when the body's size is asked); then
+            // the first, a middle and the last leaf.
+            for (const size_t damaged : {0, 1, 2, 3}) {
+                SCOPED_TRACE(std::string(layout == fixture::PstLayout::kUnicode ? "Unicode " : "ANSI ") +
+                             (is_rtf ? "RTF" : "HTML") + ", block " + std::to_string(damaged));
+                StoreMessage big;
+                big.subject = "big";
+                (is_rtf ? big.rtf_compressed : big.html) = is_rtf ? rtf : html;
+                StoreDescription store;
+                store.layout = layout;
+                store.encoding = fixture::PstEncoding::kCyclic;
+                store.folders = {{"Inbox", {big, HtmlMessage("a2", "<p>a2</p>")}},
+                                 {"Archive", {HtmlMessage("b1", "<p>b1</p>")}}};
+                fixture::PstImage image = fixture::WritePst(fixture::DescribeStore(store));
+                const std::vector<uint64_t> blocks = OnlyXBlockChildren(image);
+                ASSERT_EQ(blocks.size(), 4u);
+                const fixture::PstBlockRecord& block = image.Block(blocks[damaged]);
+                image.bytes.at(block.trailer + 2) ^= std::byte{0xFF};  // wSig
+                const std::u16string path = Wide(dir.Write("b" + std::to_string(n++) + ".pst", image.bytes));
+
+                // The whole of Inbox is given up, as for any store error inside a folder; never an
+                // empty or shortened document.
+                const Loaded loaded = LoadMessage(path, 1);
+                EXPECT_EQ(loaded.status, kStatusOk);
+                EXPECT_EQ(loaded.error, "");
+                EXPECT_EQ(loaded.document, Html("<p>b1</p>"));
+                EXPECT_EQ(LoadMessage(path, 2).status, kStatusUnsupported);
+                EXPECT_EQ(Describe(path, 1).message_count, 3);
+            }
+        }
+    }
+}
+
+TEST(StoreWalk, ContentCountsAreSignedAndSummedWide) {
+    ScratchDir dir;
+    struct Case {
+        const char* what;
+        int64_t inbox_count, archive_count;  // as stored in 0x3602; each folder holds one message
+        int32_t status;
+        int32_t message_count;
+    };
+    const Case cases[] = {
+        {"as written", 1, 1, kStatusOk, 2},
+        {"a count of -1 lowers the total", 2, -1, kStatusOk, 1},
+        {"a total below 1", -5, 1, kStatusBadArgument, 0},
+        {"a total of 0", 1, -1, kStatusBadArgument, 0},
+        // Ours: every message is a node, so a total above the node count is damage.
+        {"a total above the node count", 500, 1, kStatusFailure, 0},
+        {"a total beyond 32 bits", 0x7FFFFFFF, 0x7FFFFFFF, kStatusFailure, 0},
+    };
+    int n = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        StoreDescription store;
+        store.folders = {{"Inbox", {HtmlMessage("a", "<p>a</p>")}},
+                         {"Archive", {HtmlMessage("b", "<p>b</p>")}}};
+        fixture::StoreMap map;
+        fixture::PstDescription description = fixture::DescribeStore(store, &map);
+        const std::pair<const char*, int64_t> folders[] = {{"Inbox", c.inbox_count},
+                                                           {"Archive", c.archive_count}};
+        for (fixture::PstNode& node : description.nodes) {
+            for (size_t f = 0; f < 2; ++f) {
+                if (node.id != map.folders[f]) continue;
+                node.data = fixture::WritePropertyContext(
+                                store.layout, {{0x3001, 0x001F, fixture::Utf16(folders[f].first)},
+                                               {0x3602, 0x0003, fixture::Le(uint64_t(folders[f].second), 4)}})
+                                .data;
+            }
+        }
+        const std::u16string path =
+            Wide(dir.Write("count" + std::to_string(n++) + ".pst", fixture::WritePst(description).bytes));
+        const Described d = Describe(path, 1);
+        EXPECT_EQ(d.status, c.status);
+        if (c.status == kStatusOk) {
+            EXPECT_EQ(d.message_count, c.message_count);
+        }
+    }
 }
 
 TEST(StoreWalk, StoreErrorsWhileOpeningOrCountingLeaveTheEntryPoints) {

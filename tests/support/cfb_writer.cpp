@@ -7,16 +7,20 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "cfb/format.h"
+#include "common/apiutils.h"
+#include "common/signatures.h"
+
 namespace tarn::test {
 
 namespace {
 
-constexpr uint32_t kFree = 0xFFFFFFFF;
-constexpr uint32_t kEnd = 0xFFFFFFFE;
-constexpr uint32_t kFatMark = 0xFFFFFFFD;
-constexpr uint32_t kDifatMark = 0xFFFFFFFC;
-constexpr uint32_t kNone = 0xFFFFFFFF;
-constexpr size_t kCutoff = 4096;
+namespace fmt = cfb::format;
+
+constexpr uint32_t kFree = fmt::kFreeSector;
+constexpr uint32_t kEnd = fmt::kEndOfChain;
+constexpr uint32_t kNone = fmt::kNoEntry;
+constexpr size_t kEntry = fmt::kDirectoryEntrySize;
 
 void Le16(std::vector<uint8_t>& b, size_t at, uint16_t v) {
     b[at] = static_cast<uint8_t>(v);
@@ -152,7 +156,7 @@ CfbImage BuildCfb(const CfbNode& root, const CfbOptions& options) {
         info.size = n.storage ? 0 : n.data.size();
         info.start = n.storage || n.data.empty() ? kEnd : 0;
         if (n.storage || n.data.empty()) continue;
-        if (n.data.size() < kCutoff) {
+        if (n.data.size() < fmt::kMiniStreamCutoff) {
             info.in_mini_stream = true;
             for (size_t at = 0; at < n.data.size(); at += ms) {
                 info.chain.push_back(static_cast<uint32_t>(mini_fat.size()));
@@ -169,7 +173,7 @@ CfbImage BuildCfb(const CfbNode& root, const CfbOptions& options) {
     }
     img.mini_stream_sectors = take_sectors(mini_stream);
 
-    std::vector<uint8_t> directory(((flat.size() * 128 + ss - 1) / ss) * ss, 0);
+    std::vector<uint8_t> directory(((flat.size() * kEntry + ss - 1) / ss) * ss, 0);
     img.directory_sectors = take_sectors(directory);  // filled in below, once every start is known
     std::vector<uint8_t> mini_fat_bytes(((mini_fat.size() * 4 + ss - 1) / ss) * ss, 0xFF);
     for (size_t i = 0; i < mini_fat.size(); ++i) Le32(mini_fat_bytes, 4 * i, mini_fat[i]);
@@ -179,15 +183,17 @@ CfbImage BuildCfb(const CfbNode& root, const CfbOptions& options) {
     size_t used = sectors.size();
     size_t nfat = std::max<size_t>(1, options.min_fat_sectors), ndifat = 0;
     while (true) {
-        ndifat = nfat > 109 ? (nfat - 109 + per_sector - 2) / (per_sector - 1) : 0;
+        ndifat = nfat > fmt::kHeaderDifatCount
+                     ? (nfat - fmt::kHeaderDifatCount + per_sector - 2) / (per_sector - 1)
+                     : 0;
         if (nfat * per_sector >= used + nfat + ndifat) break;
         ++nfat;
     }
     for (size_t i = 0; i < nfat; ++i) img.fat_sectors.push_back(static_cast<uint32_t>(used + i));
     for (size_t i = 0; i < ndifat; ++i) img.difat_sectors.push_back(static_cast<uint32_t>(used + nfat + i));
     fat.resize(nfat * per_sector, kFree);
-    for (uint32_t s : img.fat_sectors) fat[s] = kFatMark;
-    for (uint32_t s : img.difat_sectors) fat[s] = kDifatMark;
+    for (uint32_t s : img.fat_sectors) fat[s] = fmt::kFatSectorMark;
+    for (uint32_t s : img.difat_sectors) fat[s] = fmt::kDifatSectorMark;
     for (size_t i = 0; i < nfat; ++i) {
         std::vector<uint8_t> s(ss);
         for (size_t w = 0; w < per_sector; ++w) Le32(s, 4 * w, fat[i * per_sector + w]);
@@ -196,7 +202,7 @@ CfbImage BuildCfb(const CfbNode& root, const CfbOptions& options) {
     for (size_t d = 0; d < ndifat; ++d) {
         std::vector<uint8_t> s(ss, 0xFF);
         for (size_t w = 0; w + 1 < per_sector; ++w) {
-            size_t k = 109 + d * (per_sector - 1) + w;
+            size_t k = fmt::kHeaderDifatCount + d * (per_sector - 1) + w;
             if (k < nfat) Le32(s, 4 * w, img.fat_sectors[k]);
         }
         Le32(s, ss - 4, d + 1 < ndifat ? img.difat_sectors[d + 1] : kEnd);
@@ -209,11 +215,11 @@ CfbImage BuildCfb(const CfbNode& root, const CfbOptions& options) {
     img.entries[0].size = mini_stream.size();
     img.entries[0].chain = img.mini_stream_sectors;
     std::vector<uint8_t> dir(img.directory_sectors.size() * ss, 0);
-    for (size_t i = 0; i < dir.size() / 128; ++i) {
-        size_t at = i * 128;
-        Le32(dir, at + 68, kNone);
-        Le32(dir, at + 72, kNone);
-        Le32(dir, at + 76, kNone);
+    for (size_t i = 0; i < dir.size() / kEntry; ++i) {
+        size_t at = i * kEntry;
+        Le32(dir, at + fmt::kLeftSiblingOffset, kNone);
+        Le32(dir, at + fmt::kRightSiblingOffset, kNone);
+        Le32(dir, at + fmt::kChildOffset, kNone);
     }
     for (size_t i = 0; i < flat.size(); ++i) {
         const CfbNode& n = *flat[i].node;
@@ -221,39 +227,44 @@ CfbImage BuildCfb(const CfbNode& root, const CfbOptions& options) {
         info.name = n.name;
         info.index = static_cast<uint32_t>(i);
         info.parent = flat[i].parent;
-        size_t at = i * 128;
-        for (size_t u = 0; u < n.name.size() && u < 31; ++u) Le16(dir, at + 2 * u, n.name[u]);
-        Le16(dir, at + 64, static_cast<uint16_t>((std::min<size_t>(n.name.size(), 31) + 1) * 2));
-        dir[at + 66] = i == 0 ? 5 : n.storage ? 1 : 2;
-        dir[at + 67] = 1;  // black: every tree we write is balanced, so no colour is needed to keep it so
-        Le32(dir, at + 68, flat[i].left);
-        Le32(dir, at + 72, flat[i].right);
-        Le32(dir, at + 76, flat[i].child);
-        Le32(dir, at + 116, info.start);
-        Le32(dir, at + 120, static_cast<uint32_t>(info.size));
+        size_t at = i * kEntry;
+        const size_t units = std::min<size_t>(n.name.size(), fmt::kNameFieldBytes / 2 - 1);
+        for (size_t u = 0; u < units; ++u) Le16(dir, at + fmt::kNameOffset + 2 * u, n.name[u]);
+        Le16(dir, at + fmt::kNameLengthOffset, static_cast<uint16_t>((units + 1) * 2));
+        dir[at + fmt::kObjectTypeOffset] = i == 0      ? fmt::kTypeRoot
+                                           : n.storage ? fmt::kTypeStorage
+                                                       : fmt::kTypeStream;
+        // Black: every tree we write is balanced, so no colour is needed to keep it so.
+        dir[at + fmt::kColourOffset] = 1;
+        Le32(dir, at + fmt::kLeftSiblingOffset, flat[i].left);
+        Le32(dir, at + fmt::kRightSiblingOffset, flat[i].right);
+        Le32(dir, at + fmt::kChildOffset, flat[i].child);
+        Le32(dir, at + fmt::kStartSectorOffset, info.start);
+        Le32(dir, at + fmt::kStreamSizeOffset, static_cast<uint32_t>(info.size));
     }
     for (size_t k = 0; k < img.directory_sectors.size(); ++k)
         std::copy_n(dir.begin() + k * ss, ss, sectors[img.directory_sectors[k]].begin());
 
     // Header, in a first sector of its own size.
     std::vector<uint8_t> header(ss, 0);
-    const uint8_t sig[8] = {0xD0, 0xCF, 0x11, 0xE0, 0xA1, 0xB1, 0x1A, 0xE1};
-    std::copy(sig, sig + 8, header.begin());
-    Le16(header, 24, 0x003E);
-    Le16(header, 26, options.sector_shift == 12 ? 4 : 3);
-    Le16(header, 28, 0xFFFE);
-    Le16(header, kCfbSectorShiftOffset, options.sector_shift);
-    Le16(header, kCfbMiniSectorShiftOffset, options.mini_sector_shift);
-    Le32(header, 40, options.sector_shift == 12 ? static_cast<uint32_t>(img.directory_sectors.size()) : 0);
-    Le32(header, kCfbFatCountOffset, static_cast<uint32_t>(nfat));
-    Le32(header, kCfbFirstDirectoryOffset, img.directory_sectors.front());
-    Le32(header, kCfbCutoffOffset, kCutoff);
-    Le32(header, kCfbFirstMiniFatOffset, img.mini_fat_sectors.empty() ? kEnd : img.mini_fat_sectors.front());
-    Le32(header, 64, static_cast<uint32_t>(img.mini_fat_sectors.size()));
-    Le32(header, kCfbFirstDifatOffset, img.difat_sectors.empty() ? kEnd : img.difat_sectors.front());
-    Le32(header, kCfbDifatCountOffset, static_cast<uint32_t>(ndifat));
-    for (size_t i = 0; i < 109; ++i)
-        Le32(header, kCfbHeaderDifatOffset + 4 * i, i < nfat ? img.fat_sectors[i] : kFree);
+    std::copy(kCompoundSignature.begin(), kCompoundSignature.end(), header.begin() + fmt::kSignatureOffset);
+    Le16(header, fmt::kMinorVersionOffset, fmt::kMinorVersion);
+    Le16(header, fmt::kMajorVersionOffset, options.sector_shift == 12 ? 4 : 3);
+    Le16(header, fmt::kByteOrderOffset, fmt::kByteOrderMark);
+    Le16(header, fmt::kSectorShiftOffset, options.sector_shift);
+    Le16(header, fmt::kMiniSectorShiftOffset, options.mini_sector_shift);
+    Le32(header, fmt::kDirectorySectorCountOffset,
+         options.sector_shift == 12 ? static_cast<uint32_t>(img.directory_sectors.size()) : 0);
+    Le32(header, fmt::kFatSectorCountOffset, static_cast<uint32_t>(nfat));
+    Le32(header, fmt::kFirstDirectorySectorOffset, img.directory_sectors.front());
+    Le32(header, fmt::kMiniStreamCutoffOffset, static_cast<uint32_t>(fmt::kMiniStreamCutoff));
+    Le32(header, fmt::kFirstMiniFatSectorOffset,
+         img.mini_fat_sectors.empty() ? kEnd : img.mini_fat_sectors.front());
+    Le32(header, fmt::kMiniFatSectorCountOffset, static_cast<uint32_t>(img.mini_fat_sectors.size()));
+    Le32(header, fmt::kFirstDifatSectorOffset, img.difat_sectors.empty() ? kEnd : img.difat_sectors.front());
+    Le32(header, fmt::kDifatSectorCountOffset, static_cast<uint32_t>(ndifat));
+    for (size_t i = 0; i < fmt::kHeaderDifatCount; ++i)
+        Le32(header, fmt::kHeaderDifatOffset + 4 * i, i < nfat ? img.fat_sectors[i] : kFree);
 
     img.bytes = std::move(header);
     for (const auto& s : sectors) img.bytes.insert(img.bytes.end(), s.begin(), s.end());
@@ -261,8 +272,8 @@ CfbImage BuildCfb(const CfbNode& root, const CfbOptions& options) {
 }
 
 size_t CfbImage::EntryOffset(uint32_t index) const {
-    size_t per = sector_size / 128;
-    return SectorOffset(directory_sectors.at(index / per)) + (index % per) * 128;
+    size_t per = sector_size / kEntry;
+    return SectorOffset(directory_sectors.at(index / per)) + (index % per) * kEntry;
 }
 
 const CfbEntryInfo& CfbImage::Find(const std::vector<std::u16string>& path) const {
@@ -296,7 +307,7 @@ void CfbImage::SetEntryField(uint32_t index, size_t field_offset, uint32_t value
 
 krn_handle OpenThroughKernel(const std::string& path) {
     std::u16string wide(path.begin(), path.end());
-    return krnOpenFile(wide.c_str(), 0, 256);
+    return krnOpenFile(wide.c_str(), 0, kOpenShareMode);
 }
 
 KernelTempFile::KernelTempFile(const std::vector<uint8_t>& bytes) {

@@ -70,21 +70,10 @@ struct CfbImage {
     void Put32(size_t offset, uint32_t value);
     void SetFatEntry(uint32_t sector, uint32_t next);
     void SetMiniFatEntry(uint32_t block, uint32_t next);
-    // `field_offset` is 68 (left), 72 (right), 76 (child), 116 (start) or 120 (size) of the entry.
+    // `field_offset` is one of the entry's offsets in cfb/format.h (a sibling, the child, start or size).
     void SetEntryField(uint32_t index, size_t field_offset, uint32_t value);
     void Truncate(size_t size) { bytes.resize(size); }
 };
-
-// Header offsets, for damage.
-inline constexpr size_t kCfbSectorShiftOffset = 30;
-inline constexpr size_t kCfbMiniSectorShiftOffset = 32;
-inline constexpr size_t kCfbFatCountOffset = 44;
-inline constexpr size_t kCfbFirstDirectoryOffset = 48;
-inline constexpr size_t kCfbCutoffOffset = 56;
-inline constexpr size_t kCfbFirstMiniFatOffset = 60;
-inline constexpr size_t kCfbFirstDifatOffset = 68;
-inline constexpr size_t kCfbDifatCountOffset = 72;
-inline constexpr size_t kCfbHeaderDifatOffset = 76;
 
 // `root` is the root storage; its name is written as given (normally u"Root Entry").
 CfbImage BuildCfb(const CfbNode& root, const CfbOptions& options = {});

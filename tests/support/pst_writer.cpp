@@ -13,6 +13,7 @@
 #include <set>
 #include <stdexcept>
 
+#include "common/signatures.h"
 #include "store/ndb/crypt_tables.h"
 #include "store/ndb/format.h"
 
@@ -382,7 +383,7 @@ class Writer {
         Bytes& b = image_.bytes;
         const auto& h = g_.header;
         const bool ansi = d_.layout == PstLayout::kAnsi;
-        PutLe(b, fmt::kMagicOffset, d_.magic ? *d_.magic : 0x4E444221u, 4);  // "!BDN"
+        PutLe(b, fmt::kMagicOffset, d_.magic ? *d_.magic : kPstSignatureWord, 4);
         PutLe(b, fmt::kMagicClientOffset, 0x4D53, 2);                        // "SM"
         PutLe(b, fmt::kVersionOffset, d_.version ? *d_.version : (ansi ? 14 : 23), 2);
         PutLe(b, 12, 19, 2);  // wVerClient

@@ -8,6 +8,8 @@
 
 #include "cfb/compound_storage.h"
 #include "cfb/compound_stream.h"
+#include "cfb/format.h"
+#include "common/apiutils.h"
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn.h"
 #include "tools/tarnview/arguments.h"
@@ -79,13 +81,13 @@ const char* Reason(OpenResult result) {
 // Start sectors in the table: the special numbers by name, so that an empty stream reads "end".
 std::string StartText(uint64_t sector) {
     switch (sector) {
-        case tarn::cfb::kEndOfChain:
+        case tarn::cfb::format::kEndOfChain:
             return "end";
-        case tarn::cfb::kFreeSector:
+        case tarn::cfb::format::kFreeSector:
             return "free";
-        case tarn::cfb::kFatSectorMark:
+        case tarn::cfb::format::kFatSectorMark:
             return "fat";
-        case tarn::cfb::kDifatSectorMark:
+        case tarn::cfb::format::kDifatSectorMark:
             return "difat";
         default:
             return std::to_string(sector);
@@ -93,7 +95,6 @@ std::string StartText(uint64_t sector) {
 }
 
 int ListDirectory(const CompoundStorage& storage, bool json) {
-    const DirectoryEntry& root = storage.directory().entry(0);
     if (json) {
         JsonWriter w(std::cout);
         w.BeginArray();
@@ -111,6 +112,9 @@ int ListDirectory(const CompoundStorage& storage, bool json) {
         return ok ? 0 : 1;
     }
     std::printf("%-40s %-8s %10s %10s\n", "NAME", "TYPE", "SIZE", "START");
+    // A file whose directory chain holds no entry opens with nothing in it, not even a root.
+    if (storage.directory().size() == 0) return 0;
+    const DirectoryEntry& root = storage.directory().entry(0);
     std::printf("%-40s %-8s %10llu %10s\n", Printable(root.name()).c_str(), TypeName(root),
                 static_cast<unsigned long long>(root.size), StartText(root.start_sector).c_str());
     return storage.directory().walk([&](std::string_view, const DirectoryEntry& e, size_t, size_t depth) {
@@ -161,7 +165,7 @@ int RunCfb(const Args& args) {
     auto options = Parse(args);
     if (!options) return 2;
     std::u16string wide = tarn::host::WideFromUtf8(options->file);
-    krn_handle handle = krnOpenFile(wide.c_str(), 0, 256);
+    krn_handle handle = krnOpenFile(wide.c_str(), 0, tarn::kOpenShareMode);
     if (handle == KRN_NO_HANDLE) {
         std::fprintf(stderr, "tarnview cfb: %s: cannot open\n", options->file.c_str());
         return 1;

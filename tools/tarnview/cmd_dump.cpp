@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/little_endian.h"
+#include "common/signatures.h"
 #include "common/store_file.h"
 #include "store/ndb/database.h"
 #include "store/ndb/format.h"
@@ -229,7 +230,7 @@ int DumpText(const Options& options, const Header& h, const std::shared_ptr<ndb:
     std::printf("file: %s\n", options.file.c_str());
     std::printf("layout: %s (wVer %u)\n", h.unicode ? "Unicode" : "ANSI", h.version);
     std::printf("encoding: %s (bCryptMethod %u)\n", EncodingName(h.crypt_method), h.crypt_method);
-    std::printf("magic: %s\n", h.magic == 0x4E444221 ? "!BDN" : Hex(h.magic).c_str());
+    std::printf("magic: %s\n", h.magic == tarn::kPstSignatureWord ? "!BDN" : Hex(h.magic).c_str());
     std::printf("file eof: %" PRIu64 " (%s)\n", h.file_eof, Hex(h.file_eof).c_str());
     std::printf("next block id: %s\n", Hex(h.next_block_id).c_str());
     std::printf("node b-tree root: page %s at %s\n", Hex(h.nbt_root.id).c_str(),

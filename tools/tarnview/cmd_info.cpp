@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "common/apiutils.h"
 #include "common/status.h"
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn.h"
@@ -20,9 +21,6 @@
 
 namespace tarnview {
 namespace {
-
-// The kernel mode under which HTML documents stay in memory: a viewer has no use for temporary files.
-constexpr int32_t kModeInMemory = 3;
 
 const char* KindName(int32_t kind) {
     switch (kind) {
@@ -57,7 +55,8 @@ int RunInfo(const Args& args) {
     const std::optional<Options> options = Parse(args);
     if (!options) return 2;
 
-    krnctlSetMode(kModeInMemory);
+    // HTML documents stay in memory: a viewer has no use for the filter's temporary files.
+    krnctlSetMode(tarn::kKernelModeInMemory);
     tarn::host::EntryPoints entries;
     std::string error;
     const std::string library = FilterLibraryPath();
@@ -67,7 +66,7 @@ int RunInfo(const Args& args) {
     }
 
     tarn::host::SourceSession session(tarn::host::WideFromUtf8(options->file));
-    const krn_handle handle = krnOpenFile(session.name().c_str(), 0, 256);
+    const krn_handle handle = krnOpenFile(session.name().c_str(), 0, tarn::kOpenShareMode);
     if (handle == KRN_NO_HANDLE) {
         std::fprintf(stderr, "tarnview info: %s: cannot open\n", options->file.c_str());
         return 1;

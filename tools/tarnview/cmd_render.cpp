@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "common/apiutils.h"
 #include "common/status.h"
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn_control.h"
@@ -18,9 +19,6 @@
 
 namespace tarnview {
 namespace {
-
-// HTML documents stay in memory: a viewer has no use for the filter's temporary files.
-constexpr int32_t kModeInMemory = 3;
 
 struct Options {
     std::string file;
@@ -59,7 +57,8 @@ int RunRender(const Args& args) {
     const std::optional<Options> options = Parse(args);
     if (!options) return 2;
 
-    krnctlSetMode(kModeInMemory);
+    // HTML documents stay in memory: a viewer has no use for the filter's temporary files.
+    krnctlSetMode(tarn::kKernelModeInMemory);
     tarn::host::EntryPoints entries;
     std::string error;
     if (!LoadFilter(FilterLibraryPath(), &entries, &error)) {

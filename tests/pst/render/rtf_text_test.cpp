@@ -28,7 +28,8 @@ bool FixedCoverage(std::u16string_view face, std::u16string_view text) {
         bool covered;
         if (face == u"Symbol") {
             covered = false;
-        } else if (face == u"SimSun" || face == u"MS Gothic") {
+        } else if (face == u"SimSun" || face == u"MS Gothic" ||
+                   face == u"\uFF2D\uFF33 \u30B4\u30B7\u30C3\u30AF") {
             covered = cjk || unit < 0x80;
         } else if (face == u"Batang" || face == u"Gulim") {
             covered = cjk || hangul || unit < 0x80;
@@ -158,6 +159,18 @@ TEST_F(RtfTextFixed, WithoutACurrentFontTheDocumentsCodePageGivesTheBase) {
                           "onttbl{\\f0 \\swiss \\fcharset0 Arial}{\\f1 \\swiss \\fcharset128 MS Gothic}}"));
     // A document code page that no charset stands for cannot give a base font.
     EXPECT_EQ(Encode("", 99999, kNoFont, {"\xC3\xA9"}).status, -13);
+    // With a current font it still writes: ASCII faces need no converter.
+    EXPECT_EQ(Encode(kTable, 99999, 0, {"\xE5\x8F\x91"}).rtf, R"(\f1 \u21457 ?\f0 )");
+}
+
+TEST_F(RtfTextFixed, FaceNamesInTheDocumentsCodePage) {
+    // "ＭＳ ゴシック" as Shift-JIS bytes in the table: the glyph test asks about the converted name,
+    // which covers the run, so no fallback face is added.
+    const std::string table =
+        "{\\fonttbl{\\f0\\fmodern\\fcharset128 \x82\x6c\x82\x72 \x83\x53\x83\x56\x83\x62\x83\x4e;}}";
+    const Encoded e = Encode(table, 932, 0, {"\xE5\x8F\x91"});
+    EXPECT_EQ(e.rtf, R"(\u21457 ?)");
+    EXPECT_EQ(e.table_text, table);
 }
 
 TEST_F(RtfTextFixed, GlyphSearchOrderAndFallbackFaces) {

@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <sstream>
+#include <stdexcept>
+#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -112,6 +116,74 @@ TEST(GrowBuffer, LargeBuffersAreAccountedAndMayBeRefused) {
         EXPECT_EQ(buffer.data(), nullptr);
     }
     EXPECT_EQ(krnctlAccountedBytes(), 0);
+}
+
+// A source that gives `good` bytes of 'x' and then fails the way a damaged store block does.
+class FailingSource : public std::streambuf {
+  public:
+    explicit FailingSource(size_t good) : left_(good) {}
+
+  protected:
+    int_type underflow() override {
+        if (left_ == 0) throw std::range_error("block sig mismatch");
+        const size_t n = std::min(left_, sizeof piece_);
+        std::fill(piece_, piece_ + n, 'x');
+        left_ -= n;
+        setg(piece_, piece_, piece_ + n);
+        return traits_type::to_int_type(piece_[0]);
+    }
+
+  private:
+    size_t left_;
+    char piece_[1000];
+};
+
+TEST(GrowBuffer, AppendsAStreamWholeOrSaysWhyNot) {
+    const std::string big(200'000, 'b');
+    struct Case {
+        const char* what;
+        std::string data;
+        uint64_t size;
+        int32_t status;
+        size_t length;  // bytes in the buffer afterwards, behind the 3 already there
+    };
+    const Case cases[] = {
+        {"exactly the size", big, big.size(), kStatusOk, big.size()},
+        {"less than there is", big, 1000, kStatusOk, 1000},
+        {"nothing", big, 0, kStatusOk, 0},
+        {"the stream ends first", big, big.size() + 1, kStatusShortRead, big.size()},
+        {"an empty stream", "", 5, kStatusShortRead, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::istringstream in(c.data);
+        GrowBuffer out;
+        ASSERT_EQ(out.Append("abc"), kStatusOk);
+        EXPECT_EQ(AppendFromStream(in, c.size, out), c.status);
+        ASSERT_EQ(out.length(), 3 + c.length);
+        EXPECT_EQ(out.view(), "abc" + c.data.substr(0, c.length));
+        // Grown with what was read, whatever the size said.
+        EXPECT_LE(out.capacity(), 2 * (3 + c.length) + 64 * 1024);
+    }
+
+    // A claim the buffer could never hold is refused before anything is read or reserved.
+    std::istringstream in(big);
+    GrowBuffer out;
+    EXPECT_EQ(AppendFromStream(in, uint64_t{1} << 40, out), kStatusFailure);
+    EXPECT_EQ(out.capacity(), 0u);
+
+    // The source's own error leaves as itself, after what came before it, at the first byte or later.
+    for (const size_t good : {size_t{0}, size_t{2500}}) {
+        FailingSource source(good);
+        std::istream failing(&source);
+        GrowBuffer partial;
+        try {
+            AppendFromStream(failing, 10'000, partial);
+            ADD_FAILURE() << "no error after " << good;
+        } catch (const std::range_error& e) {
+            EXPECT_STREQ(e.what(), "block sig mismatch");
+        }
+    }
 }
 
 TEST(CountedString, TakesOverABufferAndIsEditedInPlace) {

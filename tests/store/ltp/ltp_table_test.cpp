@@ -219,8 +219,6 @@ TEST(TableTest, DamageIsRefusedWithItsOwnMessage) {
         {"heap_sig_tc expected", 0, 0x7B, 1},
         {"table info ends inside its column descriptors", 1, 40, 1},
         {"table row size is 0", 8, 0, 2},
-        {"cell existence bit lies beyond the row's bitmap", DescriptorField(0x0E08, 7), 200, 1},
-        {"table cell runs past its row", DescriptorField(0x0E08, 4), 60, 2},
         {"table cell existence bitmap ends before it starts", 6, 0xFFFF, 2},
     };
     for (const Damage& d : damages) {
@@ -248,6 +246,39 @@ TEST(TableTest, DamageIsRefusedWithItsOwnMessage) {
     content.data[3] = std::byte{kClientSigPc};
     auto pc = OpenNode(PstLayout::kUnicode, content);
     EXPECT_EQ(MessageOf<ndb::sig_mismatch>([&] { table x(pc.node(0x21)); }), "invalid client_sig");
+}
+
+TEST(TableTest, CellsAndBitsPastTheirRowReadTheRowsAfterIt) {
+    for (const bool in_subnode : {false, true}) {
+        SCOPED_TRACE(in_subnode ? "subnode matrix" : "heap matrix");
+        constexpr size_t kRows = 4;
+        TcLayout where;
+        LtpNodeData content = WriteTableContext(PstLayout::kUnicode, kColumns, Rows(kRows),
+                                                {.matrix_in_subnode = in_subnode}, &where);
+        const size_t info = AllocOffset(content.data, where.tcinfo, PstLayout::kUnicode);
+        const size_t bitmap = std::to_integer<size_t>(content.data.at(info + 6)) |
+                              std::to_integer<size_t>(content.data.at(info + 7)) << 8;  // rgib[TCI_1b]
+        // 0x0E08's cell moved one row on: it reads the next row's 0x0E08. 0x0017's bit moved to bit 2
+        // of the next row's first byte, the low byte of its row id (0x04 + 32 r: set for odd r).
+        size_t ib_data = 0;
+        for (const auto& [id, offset] : where.column_offsets)
+            if (id == 0x0E08) ib_data = offset;
+        Put(content.data, info + DescriptorField(0x0E08, 4), where.row_size + ib_data, 2);
+        Put(content.data, info + DescriptorField(0x0017, 7), 8 * (where.row_size - bitmap) + 2, 1);
+        auto store = OpenNode(PstLayout::kUnicode, content);
+        const table t(store.node(0x21));
+        ASSERT_EQ(t.size(), kRows);
+        for (uint32_t r = 0; r + 1 < kRows; ++r) {
+            EXPECT_EQ(t[r].get_value_4(0x0E08), 1000 + r + 1) << r;
+            EXPECT_EQ(t[r].prop_exists(0x0017), (r + 1) % 2 == 1) << r;
+        }
+        // The last row's would lie past the matrix (or its block): the one place the reading is refused.
+        const char* refusal =
+            in_subnode ? "table row runs past its block" : "table cell runs past the row matrix";
+        EXPECT_EQ(MessageOf<ndb::database_corrupt>([&] { t[kRows - 1].get_value_4(0x0E08); }), refusal);
+        EXPECT_EQ(MessageOf<ndb::database_corrupt>([&] { t[kRows - 1].prop_exists(0x0017); }), refusal);
+        EXPECT_EQ(t[kRows - 1].get_value_4(0x0039), static_cast<uint32_t>(0x01D0000000000000ull + kRows - 1));
+    }
 }
 
 }  // namespace

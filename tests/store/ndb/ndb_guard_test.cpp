@@ -136,6 +136,9 @@ TEST(NdbGuard, DataTreesThatLoopNestOrFallShortEndInAnError) {
             d.layout = layout;
             d.raw_blocks = c.blocks(layout);
             d.nodes.push_back({.id = 0x24, .data_bid = kX1});
+            // Filler, so that the totals claimed above stay within the file and reach the guards
+            // behind the one that refuses a tree larger than its file.
+            d.nodes.push_back({.id = 0x44, .data = PatternBytes(32768, 2)});
             TempPstFile file(WritePst(d).bytes);
             auto db = open_database(file.path());
             EXPECT_EQ(MessageOf<std::exception>([&] { ReadAll(*db, 0x24); }), c.message);

@@ -18,6 +18,10 @@ using namespace tarn::ndb;
 using namespace tarn::fixture;
 
 
+// 24,530 bytes fill three ANSI leaf blocks (3 x 8180 = 24,540) but spill two bytes into a fourth
+// Unicode one (3 x 8176 = 24,528), so the page count tells which layout's leaf size was used.
+constexpr size_t kLargeSubnodeSize = 24530;
+
 // A message-like node: `count` subnodes with ids 0x1F, 0x3F, ...; the first one has two subnodes of
 // its own (an attachment holding an embedded message's parts), one of which is large.
 PstNode NodeWithSubnodes(uint32_t id, size_t count) {
@@ -26,7 +30,7 @@ PstNode NodeWithSubnodes(uint32_t id, size_t count) {
         const auto sub_id = static_cast<uint32_t>(0x1F + 0x20 * i);
         n.subnodes.push_back({.id = sub_id, .data = PatternBytes(5 + i, sub_id)});
     }
-    n.subnodes[0].subnodes = {{.id = 0x671, .data = PatternBytes(30000, 0x671)},
+    n.subnodes[0].subnodes = {{.id = 0x671, .data = PatternBytes(kLargeSubnodeSize, 0x671)},
                               {.id = 0x692, .data = ToBytes("inner")}};
     return n;
 }
@@ -78,10 +82,15 @@ TEST(NdbNode, SubnodeTreesOfBothLevelsLookUpAndNest) {
         // Subnode ids are private to their container: 0x671 is found only under 0x1F.
         node attachment = n.lookup(0x1F);
         node embedded = attachment.lookup(0x671);
-        EXPECT_EQ(embedded.size(), 30000u);
-        EXPECT_EQ(embedded.get_page_count(), c.layout == PstLayout::kAnsi ? 4u : 4u);
+        EXPECT_EQ(embedded.size(), kLargeSubnodeSize);
+        const bool ansi = c.layout == PstLayout::kAnsi;
+        ASSERT_EQ(embedded.get_page_count(), ansi ? 3u : 4u);
+        EXPECT_EQ(embedded.get_page_size(0), ansi ? 8180u : 8176u);
+        EXPECT_EQ(embedded.get_page_size(embedded.get_page_count() - 1), ansi ? 8170u : 2u);
+        const Bytes& large = d.nodes[0].subnodes[0].subnodes[0].data;
         Bytes part(100);
-        EXPECT_EQ(embedded.read(part, 29950), 50u);
+        EXPECT_EQ(embedded.read(part, kLargeSubnodeSize - 50), 50u);
+        EXPECT_EQ(Bytes(part.begin(), part.begin() + 50), Bytes(large.end() - 50, large.end()));
         EXPECT_EQ(MessageOf<key_not_found<node_id>>([&] { n.lookup(0x671); }), "key not found");
         EXPECT_EQ(MessageOf<key_not_found<node_id>>([&] { n.lookup(0x1E); }), "key not found");
         EXPECT_EQ(MessageOf<key_not_found<node_id>>([&] { n.lookup(0x20); }), "key not found");

@@ -1,0 +1,73 @@
+// Declared character sets of message bodies and their conversion to UTF-8, the encoding in which every
+// document is handed to the toolkit's loaders. ISO-2022-JP has a decoder of its own (iso2022jp.h); the
+// other sets go through the platform's code-page conversion.
+#ifndef TARN_PST_RENDER_CHARSET_H_
+#define TARN_PST_RENDER_CHARSET_H_
+
+#include <cstdint>
+#include <string_view>
+
+#include "pst/render/text_buffer.h"
+
+namespace tarn {
+
+// A declared character set. The codes are compared by the MIME reader and the header builder, so their
+// values are fixed.
+constexpr int32_t kCharsetNone = 0;       // nothing declared
+constexpr int32_t kCharsetIso2022Jp = 1;  // the filter's own decoder
+constexpr int32_t kCharsetLatin1 = 2;     // converted as Windows-1252
+constexpr int32_t kCharsetUtf8 = 3;
+constexpr int32_t kCharsetUsAscii = 4;  // only the declaration is rewritten
+constexpr int32_t kCharsetWindows = 5;  // "windows-" and the code page number
+constexpr int32_t kCharsetGb2312 = 6;   // converted as 936
+constexpr int32_t kCharsetBig5 = 7;     // converted as 950
+constexpr int32_t kCharsetOther = 8;    // not converted
+
+struct CharsetCode {
+    int32_t code = kCharsetNone;
+    // The code page that converts the set; 0 where the code is not converted through one.
+    int32_t code_page = 0;
+};
+
+// The set that `name` names, compared without regard to ASCII case. Never kCharsetNone: a name that
+// is not recognised, the empty one included, is kCharsetOther. Recognised are "gb2312", "big5" and
+// "iso-8859-1" as whole names, and names that begin with "iso-2022-jp", "us-ascii", "utf-8" or
+// "windows-", tested in that order. The code page behind "windows-" is the run of decimal digits that
+// follows (0 when there is none, saturating at INT32_MAX).
+CharsetCode CharsetFromName(std::string_view name);
+
+// Looks in `text` for a "charset=" parameter (the "c" may be upper case, the rest in any case) and
+// reads the name behind it: one opening double quote is skipped, the name ends at the next double
+// quote or the end of `text` and, within that, at the first ";", and trailing white space is trimmed.
+// 1 with the name's set in `*out` (kCharsetOther for a name not recognised); 0 when `text` holds no
+// declaration or is shorter than 8 bytes, `*out` then untouched.
+int32_t FindCharsetDeclaration(std::string_view text, CharsetCode* out);
+
+// Converts `*body` to UTF-8 in place, from the set `*charset`.
+//
+// With `rewrite_declaration` false (plain-text bodies) only ISO-2022-JP is converted. With it true (HTML
+// bodies, MIME parts): ISO-8859-1, US-ASCII, windows-N, GB2312 and Big5 have their declared name in the
+// body (the first, compared without regard to case) replaced by "UTF-8"; for US-ASCII that is all, and
+// `charset->code` becomes kCharsetUtf8. For the others, the bytes behind the declaration are converted
+// and the bytes before it are kept as they are, since a declaration comes before any text; a body that
+// does not hold the name is converted whole. Nothing declared, UTF-8 and unrecognised sets are left
+// alone.
+//
+// A terminating NUL stays. 1; -814 for a null or empty body or a null charset; -1 when memory runs out
+// or the code page cannot convert the bytes; -1851 when the kernel's UTF-16 to UTF-8 conversion fails.
+// The body is unchanged unless the result is 1.
+int32_t ConvertToUtf8(CountedString* body, CharsetCode* charset, bool rewrite_declaration);
+
+// The declaration EnsureUtf8Meta inserts (65 bytes).
+constexpr std::string_view kUtf8MetaTag =
+    "<meta http-equiv=Content-Type content=\"text/html; charset=utf-8\">";
+
+// Gives an HTML document that declares no character set a UTF-8 declaration: unless "charset" occurs
+// anywhere in it (case-sensitive), kUtf8MetaTag is inserted directly behind its first "<head>"
+// (case-sensitive; none, and nothing is done). The grown document is NUL-terminated. 1; -814 for a null
+// document; -1 when memory runs out (the document then unchanged).
+int32_t EnsureUtf8Meta(CountedString* html);
+
+}  // namespace tarn
+
+#endif  // TARN_PST_RENDER_CHARSET_H_
