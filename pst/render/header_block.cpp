@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "common/status.h"
+#include "pst/render/charset.h"
 #include "pst/render/header_labels.h"
 #include "pst/render/rtf_fonts.h"
 #include "pst/render/rtf_text.h"
@@ -100,6 +101,16 @@ bool StartsWithNoCase(std::string_view text, std::string_view prefix) {
                                                       [&](char a, char b) { return lower(a) == lower(b); });
 }
 
+// The position of the first `needle` in `text` at or after `from`, ASCII letters compared without regard
+// to case; npos when there is none.
+size_t FindNoCase(std::string_view text, std::string_view needle, size_t from) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    if (from > text.size()) return std::string_view::npos;
+    const auto it = std::search(text.begin() + static_cast<std::ptrdiff_t>(from), text.end(), needle.begin(),
+                                needle.end(), [&](char a, char b) { return lower(a) == lower(b); });
+    return it == text.end() ? std::string_view::npos : static_cast<size_t>(it - text.begin());
+}
+
 // Where an HTML header goes: just behind the first "<body ...>", or at the start without one. -9 when
 // the tag has no ">".
 int32_t HtmlInsertionPoint(std::string_view body, size_t* point) {
@@ -114,11 +125,11 @@ int32_t HtmlInsertionPoint(std::string_view body, size_t* point) {
     return kStatusOk;
 }
 
-// Replaces `body` with `before`, its text up to `point`, `middle`, the rest of its text and `after`,
+// Replaces `body` with `before`, `text` up to `point`, `middle`, the rest of `text` and `after`,
 // NUL-terminated. The body is touched only once the new one is whole.
-int32_t SpliceInto(CountedString& body, size_t point, std::initializer_list<std::string_view> before,
-                   std::string_view middle, std::initializer_list<std::string_view> after) {
-    const std::string_view text = body.text();
+int32_t SpliceText(CountedString& body, std::string_view text, size_t point,
+                   std::initializer_list<std::string_view> before, std::string_view middle,
+                   std::initializer_list<std::string_view> after) {
     GrowBuffer spliced;
     if (const int32_t status = spliced.Init(text.size() + middle.size() + 1, 0); status != kStatusOk)
         return status;
@@ -132,6 +143,12 @@ int32_t SpliceInto(CountedString& body, size_t point, std::initializer_list<std:
     if (const int32_t status = spliced.AppendByte(0); status != kStatusOk) return status;
     spliced.MoveInto(body);
     return kStatusOk;
+}
+
+// SpliceText with the body's own text.
+int32_t SpliceInto(CountedString& body, size_t point, std::initializer_list<std::string_view> before,
+                   std::string_view middle, std::initializer_list<std::string_view> after) {
+    return SpliceText(body, body.text(), point, before, middle, after);
 }
 
 // ---- The localised HTML block ---------------------------------------------------------------------
@@ -167,12 +184,42 @@ int32_t WriteHtmlHeaderRow(HtmlHeader& header, const MessageDocument& record, co
     return out.Append(kHtmlRowEnd);
 }
 
+// The character set that the first "<meta" tag declaring one declares, if any.
+bool DeclaredInMeta(std::string_view html, CharsetCode* charset) {
+    for (size_t tag = FindNoCase(html, "<meta", 0); tag != std::string_view::npos;
+         tag = FindNoCase(html, "<meta", tag + 1)) {
+        const size_t close = std::min(html.find('>', tag), html.size());
+        if (FindCharsetDeclaration(html.substr(tag, close - tag), charset) == 1) return true;
+    }
+    return false;
+}
+
+bool HasNonAscii(std::string_view text) {
+    return std::any_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) >= 0x80; });
+}
+
 int32_t FinishHtmlHeader(HtmlHeader& header, CountedString& body) {
     if (header.buffer.length() == 0) return kStatusOk;
     if (const int32_t status = header.buffer.Append(kHtmlBlockEnd); status != kStatusOk) return status;
+    // The block is UTF-8. When it holds more than ASCII, a body that declares another character set is
+    // converted to UTF-8 (a copy, so that a later failure leaves the body as it was), or the page would
+    // show one of the two garbled.
+    CountedString converted;
+    std::string_view text = body.text();
+    CharsetCode charset;
+    if (HasNonAscii(header.buffer.view()) && !text.empty() && DeclaredInMeta(text, &charset) &&
+        charset.code != kCharsetUtf8) {
+        if (const int32_t status = AssignBytes(converted, body.data(), body.size()); status != kStatusOk)
+            return status;
+        if (const int32_t status = ConvertToUtf8(&converted, &charset, /*rewrite_declaration=*/true);
+            status != kStatusOk)
+            return status;
+        text = converted.text();
+    }
     size_t point = 0;
-    if (const int32_t status = HtmlInsertionPoint(body.text(), &point); status != kStatusOk) return status;
-    return SpliceInto(body, point, {}, header.buffer.view(), {});
+    if (const int32_t status = HtmlInsertionPoint(text, &point); status != kStatusOk) return status;
+    return SpliceText(body, text, point, {}, header.buffer.view(), {});
 }
 
 int32_t BuildHtmlHeader(MessageDocument& record) {

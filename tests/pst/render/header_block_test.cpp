@@ -157,6 +157,48 @@ TEST(LocalizedHeader, HtmlEdgesAndFailuresKeepTheBody) {
     }
 }
 
+TEST(LocalizedHeader, ABodyInAnotherCharacterSetIsConvertedForABlockBeyondAscii) {
+    krnctlSetLanguage(0x0409);
+    struct Case {
+        const char* what;
+        std::string from;  // the only field; "Jörg" makes the block more than ASCII
+        std::string body;
+        int32_t status;
+        std::string expected;  // B for the block; empty: the body unchanged
+    };
+    const Case cases[] = {
+        {"ISO-8859-1 is read as Windows-1252 and the tag then says UTF-8", "Jörg",
+         "<meta http-equiv=\"Content-Type\" content=\"text/html; charset=ISO-8859-1\"><body>caf\xE9 "
+         "\x80</body>",
+         kStatusOk,
+         "<meta http-equiv=\"Content-Type\" content=\"text/html; charset=UTF-8\"><body>Bcaf\xC3\xA9 "
+         "\xE2\x82\xAC</body>"},
+        {"an ASCII block leaves the body in its own set", "Ann",
+         "<meta content=\"text/html; charset=iso-8859-1\"><body>caf\xE9", kStatusOk,
+         "<meta content=\"text/html; charset=iso-8859-1\"><body>Bcaf\xE9"},
+        {"the first tag that declares a set decides", "Jörg",
+         "<META name=x><meta charset=\"utf-8\"><meta content=\"charset=windows-1251\">\xE9", kStatusOk,
+         "B<META name=x><meta charset=\"utf-8\"><meta content=\"charset=windows-1251\">\xE9"},
+        {"windows-1251 with a semicolon", "Jörg", "<meta content=\"charset=windows-1251;\"><body>\xC4\xE0",
+         kStatusOk, "<meta content=\"charset=UTF-8;\"><body>B\xD0\x94\xD0\xB0"},
+        {"a code page that cannot convert: its status, the body as it was", "Jörg",
+         "<meta content=\"charset=windows-99999\"><body>\xE9", kStatusFailure, ""},
+    };
+    for (const Case& c : cases) {
+        MessageDocument record;
+        Fill(record, {.from = c.from}, c.body);
+        EXPECT_EQ(BuildLocalizedHeader(record, kBodyHtml), c.status) << c.what;
+        std::string expected = c.expected;
+        if (expected.empty()) {
+            expected = c.body;
+        } else {
+            expected.replace(expected.find('B'), 1, kTable + Row("From:      ", c.from) + kBlockEnd);
+            expected += std::string(1, '\0');
+        }
+        EXPECT_EQ(Bytes(record.document), expected) << c.what;
+    }
+}
+
 TEST(LocalizedHeader, TextLinesInFrontWithABlankLineBeforeTheBody) {
     struct Case {
         const char* what;
