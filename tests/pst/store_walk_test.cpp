@@ -199,7 +199,7 @@ TEST(StoreWalk, ADamagedBlockInsideABodyEndsItsFolderNotTheBody) {
                 const Loaded loaded = LoadMessage(path, 1);
                 EXPECT_EQ(loaded.status, kStatusOk);
                 EXPECT_EQ(loaded.error, "");
-                EXPECT_EQ(loaded.document, Html("<p>b1</p>"));
+                EXPECT_EQ(loaded.body, Html("<p>b1</p>"));
                 EXPECT_EQ(LoadMessage(path, 2).status, kStatusUnsupported);
                 EXPECT_EQ(Describe(path, 1).message_count, 3);
             }
