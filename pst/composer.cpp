@@ -6,6 +6,7 @@
 #include "common/status.h"
 #include "pst/message_walk.h"
 #include "pst/render/compressed_rtf.h"
+#include "pst/render/header_block.h"
 #include "store/ltp/prop_stream.h"
 
 namespace tarn {
@@ -59,8 +60,6 @@ int32_t ComposeMessage(PstMessage& message, MessageDocument& entry, bool is_targ
     }
     return kStatusOk;
 }
-
-int32_t BuildLocalizedHeader(MessageDocument& /*entry*/, int32_t /*body_format*/) { return kStatusOk; }
 
 int32_t AssemblePstDocument(MessageDocument& entry, int32_t* body_format, bool plain_text,
                             PstFilterData* record) {

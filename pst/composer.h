@@ -21,10 +21,6 @@ inline constexpr char16_t kLocalFreebusySubject[] = u"LocalFreebusy";
 int32_t ComposeMessage(PstMessage& message, MessageDocument& entry, bool is_target, int32_t* body_format,
                        PstFilterData* record);
 
-// Puts the header block into the target's body. The header block arrives in a later change; until then
-// it adds nothing and succeeds.
-int32_t BuildLocalizedHeader(MessageDocument& entry, int32_t body_format);
-
 // Moves the target's body into record->document: the HTML wrapped in "<html>" and "</html>", the RTF as
 // it is, or with `plain_text` the text body behind the bytes FF FE (which the length does not count).
 // -9 when the body is absent, -1 when the header cannot be added or the buffer cannot grow.

@@ -9,6 +9,7 @@
 #include "common/filterdata.h"
 #include "common/toolkit_records.h"
 #include "pst/probe.h"
+#include "pst/render/message_document.h"
 #include "pst/render/text_buffer.h"
 
 namespace tarn {
@@ -18,14 +19,6 @@ enum DocumentFormat : int32_t {
     kDocumentRtf = 226,
     kDocumentText = 316,
     kDocumentHtml = 369,
-};
-
-// Which body a composed message carries.
-enum BodyFormat : int32_t {
-    kBodyHtml = 0,
-    kBodyRtf = 1,
-    kBodyPlainText = 2,
-    kBodyNone = 3,  // none chosen yet
 };
 
 // The document format for a body: plain text when the caller asked for it, whatever the body.

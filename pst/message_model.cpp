@@ -20,24 +20,6 @@ constexpr uint64_t kFileTimeTicksPerSecond = 10'000'000;
 constexpr size_t kSentTimeCapacity = 100;
 constexpr size_t kSubmitTimeBytes = 8;
 
-constexpr uint32_t kImportanceLow = 0;
-constexpr uint32_t kImportanceHigh = 2;
-// The English row of the header labels. The header block brings the labels of every language and the
-// kernel's choice among them; until then the importance labels read in English whatever the language.
-constexpr std::string_view kHighLabel = "High";
-constexpr std::string_view kLowLabel = "Low";
-
-// Appends to a counted string that has no terminator of its own.
-int32_t AppendBytes(CountedString& slot, std::string_view bytes) {
-    if (bytes.empty()) return kStatusOk;
-    GrowBuffer buffer;
-    if (buffer.Init(slot.size() + bytes.size(), 0) != kStatusOk) return kStatusFailure;
-    if (slot.size() != 0 && buffer.Append(slot.data(), slot.size()) != kStatusOk) return kStatusFailure;
-    if (buffer.Append(bytes) != kStatusOk) return kStatusFailure;
-    buffer.MoveInto(slot);
-    return kStatusOk;
-}
-
 }  // namespace
 
 uint32_t PstMessage::AttachmentCount() {
@@ -92,12 +74,6 @@ int32_t FormatSentTime(uint64_t file_time, CountedString& slot) {
     const size_t length = std::strftime(text, sizeof text, "%a %b %d, %Y %I:%M %p", &local);
     if (length == 0) return kStatusFormatFailure;
     return AssignBytes(slot, text, length);
-}
-
-int32_t ImportanceText(uint32_t value, CountedString& slot) {
-    if (value == kImportanceLow) return AppendBytes(slot, kLowLabel);
-    if (value == kImportanceHigh) return AppendBytes(slot, kHighLabel);
-    return kStatusOk;
 }
 
 void ReadHeaderFields(const ltp::const_property_object& message, MessageDocument& record) {

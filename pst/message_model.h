@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "pst/render/header_labels.h"
 #include "pst/render/message_document.h"
 #include "store/ltp/property_bag.h"
 #include "store/ltp/table.h"
@@ -64,10 +65,6 @@ void ReadStringField(const ltp::const_property_object& message, ltp::prop_id id,
 // The Windows file time in `value` as local time, "%a %b %d, %Y %I:%M %p". 1, or -74 when formatting
 // yields nothing (the slot is then left empty).
 int32_t FormatSentTime(uint64_t file_time, CountedString& slot);
-
-// Appends the label of an importance value: the Low label for 0, the High label for 2, nothing for any
-// other value. Always 1 unless memory runs out.
-int32_t ImportanceText(uint32_t value, CountedString& slot);
 
 // From, To, Cc, Bcc, Sent and Importance of the message into the record's header slots (the Subject
 // slot is the composer's, which has the subject already).

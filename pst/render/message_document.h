@@ -26,6 +26,14 @@ enum HeaderSlot : int {
 };
 constexpr int kHeaderSlots = 9;
 
+// Which body a composed message carries.
+enum BodyFormat : int32_t {
+    kBodyHtml = 0,
+    kBodyRtf = 1,
+    kBodyPlainText = 2,
+    kBodyNone = 3,  // none chosen yet
+};
+
 // Every buffer is kernel memory (CountedString); a null pointer means absent. Constructed empty with
 // reader status 1; destruction frees every buffer.
 struct MessageDocument {

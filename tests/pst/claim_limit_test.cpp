@@ -131,7 +131,7 @@ TEST(ClaimLimit, BodiesThroughTheEntryPoints) {
             const Loaded loaded = LoadMessage(path, 1);
             EXPECT_EQ(loaded.status, kStatusOk);
             EXPECT_EQ(loaded.error, "");
-            EXPECT_EQ(loaded.document, "<html><p>b1</p></html>");
+            EXPECT_EQ(loaded.body, "<html><p>b1</p></html>");
         }
     }
 }

@@ -15,6 +15,7 @@
 #include "store/ndb/database.h"
 #include "tests/pst/store_fixture.h"
 #include "tests/support/ltp_writer.h"
+#include "tests/support/test_util.h"
 
 namespace tarn::testing {
 namespace {
@@ -52,26 +53,6 @@ class OneMessage {
 PcProperty Unicode(uint16_t id, std::u16string_view text) { return {id, 0x001F, fixture::Utf16(text)}; }
 
 std::string Text(const CountedString& s) { return std::string(s.text()); }
-
-// Sets TZ for one test and restores it.
-class TimeZone {
-  public:
-    explicit TimeZone(const char* zone) {
-        if (const char* old = std::getenv("TZ")) old_ = old;
-        setenv("TZ", zone, 1);
-        tzset();
-    }
-    ~TimeZone() {
-        if (old_)
-            setenv("TZ", old_->c_str(), 1);
-        else
-            unsetenv("TZ");
-        tzset();
-    }
-
-  private:
-    std::optional<std::string> old_;
-};
 
 uint64_t FileTime(int64_t unix_seconds) {
     return static_cast<uint64_t>(unix_seconds + 11644473600LL) * 10'000'000u;

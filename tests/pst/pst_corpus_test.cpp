@@ -248,6 +248,8 @@ TEST_P(PstCorpus, CountRenderAndList) {
             EXPECT_EQ(loaded.status, kStatusOk) << loaded.error;
             EXPECT_TRUE(loaded.format == 369 || loaded.format == 226) << loaded.format;
             EXPECT_FALSE(loaded.document.empty());
+            // These messages all have header fields, so each document carries a header block.
+            EXPECT_NE(loaded.body.size(), loaded.document.size()) << "no header block";
         }
         EXPECT_GT(counted, 0u) << "no message with a document lies within pypff's count";
     }

@@ -46,12 +46,35 @@ inline std::u16string WriteStore(const ScratchDir& dir, const StoreDescription& 
     return Wide(dir.Write(name, image.bytes));
 }
 
+// The document without the header block that the filter puts into every PST message (the block has
+// tests of its own), so that tests of the walk and the composer compare the body alone. HTML and RTF
+// blocks are recognised by their fixed first and last bytes; a document without one comes back as is.
+inline std::string WithoutHeaderBlock(std::string document) {
+    const std::pair<std::string, std::string> blocks[] = {
+        {"<table style = 'border-collapse: collapse ;",
+         "</table>\r\n<p class=MsoNormal><o:p>&nbsp;</o:p></p>\r\n"},
+        {"\r{\\rtlch\\fcs1 \\ab\\af37 ",
+         "\\pard \\ltrpar\\ql \\li0\\ri0\\widctlpar\\wrapdefault\\aspalpha\\aspnum\\faauto"
+         "\\adjustright\\rin0\\lin0\\itap0 {\\rtlch\\fcs1 \\af1 \\ltrch\\fcs0 \\insrsid5716485 \\par }"},
+    };
+    for (const auto& [first, last] : blocks) {
+        const size_t start = document.find(first);
+        if (start == std::string::npos) continue;
+        const size_t end = document.find(last, start);
+        if (end == std::string::npos) continue;
+        document.erase(start, end + last.size() - start);
+        break;
+    }
+    return document;
+}
+
 // What one fltLoad without a slot handed to the toolkit's loader.
 struct Loaded {
     int32_t status = 0;
     std::string error;  // something escaped the entry point
     int32_t format = 0;
     std::string document;  // exactly the bytes the loader was given (the length it was told)
+    std::string body;      // the document without its header block
     host::LoaderKind kind = host::LoaderKind::kLoadInMemory;
 };
 
@@ -68,6 +91,7 @@ inline Loaded LoadMessage(const std::u16string& path, int32_t message_number, bo
         const host::LoaderCall& call = toolkit.calls().back();
         out.kind = call.kind;
         out.document = AsString(call.document);
+        out.body = WithoutHeaderBlock(out.document);
         if (call.info) out.format = call.info->format;
     }
     return out;

@@ -104,7 +104,7 @@ TEST(StoreWalk, MessageNumbersFollowFolderAndRowOrder) {
             const Loaded loaded = LoadMessage(path, c.number);
             EXPECT_EQ(loaded.status, c.status);
             if (c.status == kStatusOk) {
-                EXPECT_EQ(loaded.document, c.document);
+                EXPECT_EQ(loaded.body, c.document);
                 EXPECT_EQ(loaded.format, 369);
             }
             const Described d = Describe(path, c.number);
@@ -124,10 +124,10 @@ TEST(StoreWalk, FreebusyDataIsWalkedThoughNotCounted) {
                      {"Inbox", {HtmlMessage("i1", "<p>i1</p>"), HtmlMessage("i2", "<p>i2</p>")}}};
     const std::u16string path = WriteStore(dir, store);
     EXPECT_EQ(Describe(path, 1).message_count, 2);
-    EXPECT_EQ(LoadMessage(path, 1).document, Html("<p>busy</p>"));
-    EXPECT_EQ(LoadMessage(path, 2).document, Html("<p>i1</p>"));
+    EXPECT_EQ(LoadMessage(path, 1).body, Html("<p>busy</p>"));
+    EXPECT_EQ(LoadMessage(path, 2).body, Html("<p>i1</p>"));
     // The count clamps to 2, so i2 can never be reached.
-    EXPECT_EQ(LoadMessage(path, 3).document, Html("<p>i1</p>"));
+    EXPECT_EQ(LoadMessage(path, 3).body, Html("<p>i1</p>"));
 }
 
 TEST(StoreWalk, ADamagedFolderCostsOnlyItsOwnMessages) {
@@ -142,7 +142,7 @@ TEST(StoreWalk, ADamagedFolderCostsOnlyItsOwnMessages) {
     image.Put8(image.Block(image.Node(contents).data_bid).address + 2, 0x00);
     const std::u16string path = Wide(dir.Write("damaged.pst", image.bytes));
 
-    EXPECT_EQ(LoadMessage(path, 1).document, Html("<p>b1</p>"));
+    EXPECT_EQ(LoadMessage(path, 1).body, Html("<p>b1</p>"));
     EXPECT_EQ(LoadMessage(path, 2).status, kStatusUnsupported);
     EXPECT_EQ(Describe(path, 1).message_count, 3);
 }
@@ -199,7 +199,7 @@ TEST(StoreWalk, ADamagedBlockInsideABodyEndsItsFolderNotTheBody) {
                 const Loaded loaded = LoadMessage(path, 1);
                 EXPECT_EQ(loaded.status, kStatusOk);
                 EXPECT_EQ(loaded.error, "");
-                EXPECT_EQ(loaded.document, Html("<p>b1</p>"));
+                EXPECT_EQ(loaded.body, Html("<p>b1</p>"));
                 EXPECT_EQ(LoadMessage(path, 2).status, kStatusUnsupported);
                 EXPECT_EQ(Describe(path, 1).message_count, 3);
             }
@@ -319,13 +319,19 @@ TEST(StoreWalk, TheListAndWhatTheWalkLeavesInIt) {
 
 TEST(Composer, TheLastPresentBodyWins) {
     ScratchDir dir;
-    const std::string rtf = "{\\rtf1\\ansi hello}";
+    const std::string rtf = "{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}}\\pard hello}";
     const Bytes lzfu = AsBytes(CompressedRtf(RtfRuns(RtfLiterals(rtf)), {.raw_size = uint32_t(rtf.size())}));
     // Stored ("MELA") data with the CRC of 0 that writers give it: the stream check refuses it.
     const Bytes mela_zero_crc = AsBytes(CompressedRtf(rtf, {.comp_type = 0x414C454D, .crc = 0}));
     const Bytes mela =
         AsBytes(CompressedRtf(rtf + std::string(1, '\0') + "after", {.comp_type = 0x414C454D}));
     const Bytes text = fixture::StoreText(fixture::PstLayout::kUnicode, "hi");  // 68 00 69 00
+    // The header block goes in front of the first "\pard" and needs a font table or a "\from" word.
+    auto stored = [](const std::string& body) {
+        return AsBytes(CompressedRtf(body, {.comp_type = 0x414C454D}));
+    };
+    const Bytes no_pard = stored("{\\rtf1{\\fonttbl{\\f0 Arial;}} hello}");
+    const Bytes no_table = stored("{\\rtf1\\pard hello}");
 
     struct Case {
         const char* what;
@@ -335,9 +341,10 @@ TEST(Composer, TheLastPresentBodyWins) {
         int32_t format;
         std::string document;
     };
-    // "hi" is 68 00 69 00: its final zero byte is taken for a terminator (L = 3), and the mark is not
-    // counted, so the loader is told of FF FE 68 and nothing more. Both kept as they stand.
-    const std::string marked = std::string("\xFF\xFE", 2) + "h";
+    // "hi" is 68 00 69 00: its final zero byte is taken for a terminator, and the mark is not counted,
+    // so the loader is told of FF FE, the header lines and 68, and nothing more. Both kept as they stand.
+    // The header lines go in front of the text as they are (UTF-8 before the stored UTF-16).
+    const std::string marked = std::string("\xFF\xFE", 2) + "Subject:   \ts\r\n\r\nh";
     const Case cases[] = {
         {"HTML only", {}, AsBytes("<p>x</p>"), {}, false, kStatusOk, 369, Html("<p>x</p>")},
         {"HTML with its own html element is wrapped again",
@@ -368,6 +375,15 @@ TEST(Composer, TheLastPresentBodyWins) {
          kStatusUnsupported,
          0,
          ""},
+        {"RTF without \\pard: no header, no document", {}, {}, no_pard, false, kStatusFailure, 0, ""},
+        {"RTF without a font table or \\from: no header, no document",
+         {},
+         {},
+         no_table,
+         false,
+         kStatusFailure,
+         0,
+         ""},
         {"text only has no document", text, {}, {}, false, kStatusUnsupported, 0, ""},
         {"no body at all", {}, {}, {}, false, kStatusUnsupported, 0, ""},
         {"plain text: FF FE and the text, the length not counting the mark", text, AsBytes("<p>x</p>"), lzfu,
@@ -388,7 +404,7 @@ TEST(Composer, TheLastPresentBodyWins) {
         EXPECT_EQ(loaded.status, c.status) << c.what;
         if (c.status != kStatusOk) continue;
         EXPECT_EQ(loaded.format, c.format) << c.what;
-        EXPECT_EQ(loaded.document, c.document) << c.what;
+        EXPECT_EQ(loaded.body, c.document) << c.what;
     }
 }
 
@@ -399,7 +415,7 @@ TEST(Composer, AMalformedRtfBodyEndsTheWalkForLaterMessages) {
     StoreDescription store;
     store.folders = {{"Inbox", {HtmlMessage("first", "<p>1</p>"), broken, HtmlMessage("last", "<p>3</p>")}}};
     const std::u16string path = WriteStore(dir, store);
-    EXPECT_EQ(LoadMessage(path, 1).document, Html("<p>1</p>"));
+    EXPECT_EQ(LoadMessage(path, 1).body, Html("<p>1</p>"));
     // Every message before the target is composed too, so the broken body stops the walk on its way.
     EXPECT_EQ(LoadMessage(path, 2).status, kStatusUnsupported);
     EXPECT_EQ(LoadMessage(path, 3).status, kStatusUnsupported);

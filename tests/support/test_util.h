@@ -3,8 +3,11 @@
 #define TARN_TESTS_SUPPORT_TEST_UTIL_H_
 
 #include <cctype>
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -52,6 +55,26 @@ inline std::string CorpusCaseName(std::string file) {
         if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
     return file;
 }
+
+// Sets TZ for one test and restores it.
+class TimeZone {
+  public:
+    explicit TimeZone(const char* zone) {
+        if (const char* old = std::getenv("TZ")) old_ = old;
+        setenv("TZ", zone, 1);
+        tzset();
+    }
+    ~TimeZone() {
+        if (old_)
+            setenv("TZ", old_->c_str(), 1);
+        else
+            unsetenv("TZ");
+        tzset();
+    }
+
+  private:
+    std::optional<std::string> old_;
+};
 
 }  // namespace tarn::testing
 

@@ -15,6 +15,7 @@
 #include "pst/probe.h"
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
+#include "tools/tarnview/language.h"
 #include "tools/tarnview/filter_library.h"
 #include "tools/tarnview/json.h"
 
@@ -41,10 +42,10 @@ struct Options {
 };
 
 std::optional<Options> Parse(const Args& args) {
-    const auto parsed = ParseArguments(args, {"info", {"--json"}, {"--message"}, {"FILE"}, {}});
+    const auto parsed = ParseArguments(args, {"info", {"--json"}, {"--message", "--lang"}, {"FILE"}, {}});
     if (!parsed) return std::nullopt;
     const auto message = MessageNumber(*parsed, "info");
-    if (!message) return std::nullopt;
+    if (!message || !ApplyLanguage(*parsed, "info")) return std::nullopt;
     return Options{parsed->positional[0], *message, parsed->Has("--json")};
 }
 

@@ -14,6 +14,7 @@
 #include "pst/filter_data.h"
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
+#include "tools/tarnview/language.h"
 #include "tools/tarnview/filter_library.h"
 
 namespace tarnview {
@@ -27,10 +28,10 @@ struct Options {
 };
 
 std::optional<Options> Parse(const Args& args) {
-    const auto parsed = ParseArguments(args, {"render", {"--text"}, {"--message", "-o"}, {"FILE"}, {}});
+    const auto parsed = ParseArguments(args, {"render", {"--text"}, {"--message", "-o", "--lang"}, {"FILE"}, {}});
     if (!parsed) return std::nullopt;
     const auto message = MessageNumber(*parsed, "render");
-    if (!message) return std::nullopt;
+    if (!message || !ApplyLanguage(*parsed, "render")) return std::nullopt;
     return Options{parsed->positional[0], *message, parsed->Has("--text"), parsed->Value("-o").value_or("")};
 }
 

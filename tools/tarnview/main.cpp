@@ -6,6 +6,7 @@
 #include <string>
 
 #include "tools/tarnview/commands.h"
+#include "tools/tarnview/language.h"
 
 namespace {
 
@@ -16,10 +17,12 @@ struct Command {
 };
 
 const Command kCommands[] = {
-    {"info", tarnview::RunInfo, "info FILE [--message N] [--json]   describe a source as the toolkit sees it"},
+    {"info", tarnview::RunInfo,
+     "info FILE [--message N] [--lang LANGID] [--json]   describe a source as the toolkit sees it"},
     {"dump", tarnview::RunDump, "dump FILE [--json]                 a PST's header and every node"},
     {"render", tarnview::RunRender,
-     "render FILE [--message N] [--text] [-o OUT]   write the document the toolkit's loader receives"},
+     "render FILE [--message N] [--text] [--lang LANGID] [-o OUT]   write the document the toolkit's loader "
+     "receives"},
     {"list", tarnview::RunList, "list FILE [--json]                 a PST's messages in the filter's order"},
     {"cfb", tarnview::RunCfb, "cfb FILE [PATH] [--json]           a compound file's directory, or a stream"},
 };
@@ -27,6 +30,9 @@ const Command kCommands[] = {
 void PrintHelp(FILE* out) {
     std::fprintf(out, "usage: tarnview COMMAND [ARGS]\n\ncommands:\n");
     for (const auto& c : kCommands) std::fprintf(out, "  %s\n", c.usage);
+    std::fprintf(out, "\n--lang LANGID sets the kernel's user-interface language for the call (default: the\n"
+                      "TARNKRN_LANGUAGE environment variable, else 0x0409); the header block has labels in:\n%s",
+                 tarnview::LanguageHelp().c_str());
     std::fprintf(out, "\n'tarnview COMMAND --help' for one command.\n");
 }
 
@@ -43,6 +49,9 @@ int main(int argc, char** argv) {
         for (const auto& a : args) {
             if (a == "--help" || a == "-h") {
                 std::printf("usage: tarnview %s\n", c.usage);
+                if (std::strstr(c.usage, "--lang") != nullptr)
+                    std::printf("\n--lang LANGID (hexadecimal); the header block has labels in:\n%s",
+                                tarnview::LanguageHelp().c_str());
                 return 0;
             }
         }

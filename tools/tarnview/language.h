@@ -1,0 +1,21 @@
+// tarnview's --lang option: the kernel's user-interface language, which picks the header block's labels.
+#ifndef TARN_TOOLS_TARNVIEW_LANGUAGE_H_
+#define TARN_TOOLS_TARNVIEW_LANGUAGE_H_
+
+#include <string>
+
+#include "tools/tarnview/arguments.h"
+
+namespace tarnview {
+
+// Applies a --lang option: the kernel's user-interface language for this call, a hexadecimal Windows
+// LANGID ("0x0407"; the "0x" may be left out). Without the option the kernel keeps the language it took
+// from the environment. False after printing the reason.
+bool ApplyLanguage(const ParsedArguments& parsed, const char* command);
+
+// The languages the header block has labels of, one "  0x0409  English" line each, for --help.
+std::string LanguageHelp();
+
+}  // namespace tarnview
+
+#endif  // TARN_TOOLS_TARNVIEW_LANGUAGE_H_
