@@ -13,7 +13,8 @@ namespace tarn::bench {
 inline std::string LargestCorpusFile(const std::string& folder, const std::string& extension) {
     std::string best;
     std::uintmax_t best_size = 0;
-    for (const auto& e : std::filesystem::directory_iterator(std::string(TARN_SHARED_DIR) + "/corpus/" + folder)) {
+    for (const auto& e :
+         std::filesystem::directory_iterator(std::string(TARN_SHARED_DIR) + "/corpus/" + folder)) {
         if (e.path().extension() != extension) continue;
         const auto size = e.file_size();
         if (size > best_size || (size == best_size && e.path().string() < best)) {

@@ -43,7 +43,7 @@ inline std::optional<T> ReadLeAt(std::span<const std::byte> bytes, size_t offset
 // A read position over borrowed bytes. Reads that would pass the end fail (return false or nothing)
 // and leave the position where it was.
 class ByteCursor {
-public:
+  public:
     explicit ByteCursor(std::span<const std::byte> bytes, size_t position = 0)
         : bytes_(bytes), position_(position > bytes.size() ? bytes.size() : position) {}
 
@@ -81,7 +81,7 @@ public:
         return view;
     }
 
-private:
+  private:
     std::span<const std::byte> bytes_;
     size_t position_;
 };

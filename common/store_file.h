@@ -12,7 +12,7 @@
 namespace tarn {
 
 class StoreFile {
-public:
+  public:
     // Opens `name` for reading. Throws std::runtime_error("fopen failed") when the kernel refuses.
     explicit StoreFile(std::u16string name);
     ~StoreFile();
@@ -30,7 +30,7 @@ public:
 
     const std::u16string& name() const { return name_; }
 
-private:
+  private:
     std::u16string name_;
     krn_handle handle_;
 };

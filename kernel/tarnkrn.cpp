@@ -234,16 +234,20 @@ int64_t krnSeekFile(krn_handle handle, int32_t offset_low, int32_t offset_high, 
         if (it == k.files.end()) return -1;
         fd = it->second.fd;
     }
-    int whence = origin == KRN_SEEK_START ? SEEK_SET : origin == KRN_SEEK_CURRENT ? SEEK_CUR
-                 : origin == KRN_SEEK_END ? SEEK_END : -1;
+    int whence = origin == KRN_SEEK_START     ? SEEK_SET
+                 : origin == KRN_SEEK_CURRENT ? SEEK_CUR
+                 : origin == KRN_SEEK_END     ? SEEK_END
+                                              : -1;
     if (whence < 0) return -1;
-    uint64_t bits = (static_cast<uint64_t>(static_cast<uint32_t>(offset_high)) << 32) |
-                    static_cast<uint32_t>(offset_low);
+    uint64_t bits =
+        (static_cast<uint64_t>(static_cast<uint32_t>(offset_high)) << 32) | static_cast<uint32_t>(offset_low);
     off_t result = ::lseek(fd, static_cast<off_t>(static_cast<int64_t>(bits)), whence);
     return result < 0 ? -1 : static_cast<int64_t>(result);
 }
 
-int32_t krnReadFile(krn_handle handle, void* buffer, int32_t count) { return ReadCommon(handle, buffer, count); }
+int32_t krnReadFile(krn_handle handle, void* buffer, int32_t count) {
+    return ReadCommon(handle, buffer, count);
+}
 
 int32_t krnReadStoreFile(krn_handle handle, void* buffer, int32_t count) {
     return ReadCommon(handle, buffer, count);
@@ -370,7 +374,8 @@ void* krnRealloc(void* block, size_t size, const char* file, int32_t line) {
     if (block == nullptr) return TrackedAllocate(k, size, false, file, line);
     auto it = k.allocations.find(block);
     if (it == k.allocations.end()) {
-        std::fprintf(stderr, "tarnkrn: realloc of unknown block %p at %s:%d\n", block, file ? file : "?", line);
+        std::fprintf(stderr, "tarnkrn: realloc of unknown block %p at %s:%d\n", block, file ? file : "?",
+                     line);
         return nullptr;
     }
     if (k.fail_allocation.Fire()) return nullptr;
@@ -542,11 +547,20 @@ void krnctlFailFileOperation(int32_t operation, uint32_t nth) {
     Kernel& k = K();
     std::lock_guard lock(k.mutex);
     switch (operation) {
-        case KRNCTL_OPEN: k.fail_open.countdown = nth; break;
-        case KRNCTL_SEEK: k.fail_seek.countdown = nth; break;
-        case KRNCTL_READ: k.fail_read.countdown = nth; break;
-        case KRNCTL_WRITE: k.fail_write.countdown = nth; break;
-        default: break;
+        case KRNCTL_OPEN:
+            k.fail_open.countdown = nth;
+            break;
+        case KRNCTL_SEEK:
+            k.fail_seek.countdown = nth;
+            break;
+        case KRNCTL_READ:
+            k.fail_read.countdown = nth;
+            break;
+        case KRNCTL_WRITE:
+            k.fail_write.countdown = nth;
+            break;
+        default:
+            break;
     }
 }
 

@@ -30,7 +30,7 @@ inline constexpr char16_t kFreebusyFolderName[] = u"Freebusy Data";
 // allocator, the entries an array registered with the kernel as kind 5. Made by CountMessages; the
 // holder destroys the entries first, then the list.
 struct MessageList {
-    int32_t count = 0;  // lowered by SelectMessage to index + 1 when the target is reached
+    int32_t count = 0;                     // lowered by SelectMessage to index + 1 when the target is reached
     KernelArray<MessageDocument> entries;  // as many as were counted, whatever `count` says later
 };
 using MessageListPtr = KernelPtr<MessageList>;

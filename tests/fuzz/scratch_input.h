@@ -15,7 +15,7 @@
 namespace tarn::fuzz {
 
 class ScratchInput {
-public:
+  public:
     // In TMPDIR when it is set, else in memory (/dev/shm) when we may write there, else in /tmp.
     explicit ScratchInput(const char* name) {
         const char* dir = std::getenv("TMPDIR");
@@ -36,7 +36,7 @@ public:
     const std::string& path() const { return path_; }
     std::u16string wide_path() const { return std::u16string(path_.begin(), path_.end()); }
 
-private:
+  private:
     std::string path_;
 };
 

@@ -23,7 +23,7 @@ std::string ReportText() {
 }
 
 class TempPath {
-public:
+  public:
     explicit TempPath(const std::string& content) {
         char name[] = "/tmp/tarnkrn-testXXXXXX";
         int fd = mkstemp(name);
@@ -36,7 +36,7 @@ public:
     const std::string& path() const { return path_; }
     std::u16string wide() const { return Wide(path_); }
 
-private:
+  private:
     std::string path_;
 };
 
@@ -53,7 +53,7 @@ TEST(Kernel, FilesOpenSeekReadAndClose) {
     char buf[16] = {};
     EXPECT_EQ(krnReadStoreFile(h, buf, 16), 8);  // a short read at the end
     EXPECT_STREQ(buf, "23456789");
-    EXPECT_EQ(krnSeekFile(h, -20, -1, KRN_SEEK_CURRENT), -1);  // before the start
+    EXPECT_EQ(krnSeekFile(h, -20, -1, KRN_SEEK_CURRENT), -1);           // before the start
     EXPECT_EQ(krnSeekFile(h, 0, 1, KRN_SEEK_START), int64_t{1} << 32);  // beyond the end is allowed
     EXPECT_EQ(krnReadFile(h, buf, 4), 0);
     EXPECT_NE(ReportText().find("still open"), std::string::npos);
@@ -150,7 +150,7 @@ TEST(Kernel, ConversionModeAndLanguage) {
     char out[16];
     EXPECT_EQ(krnUtf16ToUtf8(u"h\u00e9\u65e5", 3, out, 16), 6);
     EXPECT_EQ(std::string(out, 6), "h\xC3\xA9\xE6\x97\xA5");
-    EXPECT_EQ(krnUtf16ToUtf8(u"abc", 3, out, 2), 0);    // does not fit
+    EXPECT_EQ(krnUtf16ToUtf8(u"abc", 3, out, 2), 0);       // does not fit
     EXPECT_EQ(krnUtf16ToUtf8(u"\xD800x", 2, out, 16), 0);  // lone surrogate
     EXPECT_EQ(krnUtf16ToUtf8(u"", 0, out, 16), 0);
 

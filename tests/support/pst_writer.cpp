@@ -385,7 +385,7 @@ class Writer {
         const auto& h = g_.header;
         const bool ansi = d_.layout == PstLayout::kAnsi;
         PutLe(b, fmt::kMagicOffset, d_.magic ? *d_.magic : kPstSignatureWord, 4);
-        PutLe(b, fmt::kMagicClientOffset, 0x4D53, 2);                        // "SM"
+        PutLe(b, fmt::kMagicClientOffset, 0x4D53, 2);  // "SM"
         PutLe(b, fmt::kVersionOffset, d_.version ? *d_.version : (ansi ? 14 : 23), 2);
         PutLe(b, 12, 19, 2);  // wVerClient
         PutLe(b, 14, 1, 1);   // bPlatformCreate

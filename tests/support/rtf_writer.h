@@ -51,7 +51,7 @@ inline std::vector<RtfToken> RtfLiterals(std::string_view text) { return {text.b
 struct RtfHeader {
     std::optional<uint32_t> comp_size = std::nullopt;  // default: contents size + 12
     std::optional<uint32_t> raw_size = std::nullopt;   // default: contents size (right for stored data)
-    uint32_t comp_type = 0x75465A4C;    // "LZFu"; 0x414C454D is "MELA"
+    uint32_t comp_type = 0x75465A4C;                   // "LZFu"; 0x414C454D is "MELA"
     std::optional<uint32_t> crc = std::nullopt;        // default: the CRC of the contents
 };
 
@@ -63,8 +63,7 @@ inline std::string CompressedRtf(std::string_view contents, const RtfHeader& hea
     put32(out, header.comp_size.value_or(static_cast<uint32_t>(contents.size() + 12)));
     put32(out, header.raw_size.value_or(static_cast<uint32_t>(contents.size())));
     put32(out, header.comp_type);
-    put32(out, header.crc.value_or(
-                   Crc32(std::as_bytes(std::span(contents.data(), contents.size())))));
+    put32(out, header.crc.value_or(Crc32(std::as_bytes(std::span(contents.data(), contents.size())))));
     out.append(contents);
     return out;
 }

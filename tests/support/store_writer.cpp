@@ -1,7 +1,8 @@
 #include "tests/support/store_writer.h"
-#include "platform/unicode.h"
 
 #include <utility>
+
+#include "platform/unicode.h"
 
 namespace tarn::fixture {
 namespace {

@@ -24,7 +24,8 @@ std::optional<ParsedArguments> ParseArguments(const Args& args, const ArgumentSp
         } else if (parsed.positional.size() < most) {
             parsed.positional.push_back(a);
         } else {
-            std::fprintf(stderr, "tarnview %s: unexpected argument '%s' (try --help)\n", spec.command, a.c_str());
+            std::fprintf(stderr, "tarnview %s: unexpected argument '%s' (try --help)\n", spec.command,
+                         a.c_str());
             return std::nullopt;
         }
     }

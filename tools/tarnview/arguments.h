@@ -39,7 +39,8 @@ struct ParsedArguments {
 std::optional<ParsedArguments> ParseArguments(const Args& args, const ArgumentSpec& spec);
 
 // The value of a message-number option (default `fallback`), or nothing after printing the reason.
-std::optional<int32_t> MessageNumber(const ParsedArguments& parsed, const char* command, int32_t fallback = 1);
+std::optional<int32_t> MessageNumber(const ParsedArguments& parsed, const char* command,
+                                     int32_t fallback = 1);
 
 }  // namespace tarnview
 

@@ -15,9 +15,9 @@
 #include "pst/probe.h"
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
-#include "tools/tarnview/language.h"
 #include "tools/tarnview/filter_library.h"
 #include "tools/tarnview/json.h"
+#include "tools/tarnview/language.h"
 
 namespace tarnview {
 namespace {

@@ -14,8 +14,8 @@
 #include "pst/filter_data.h"
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
-#include "tools/tarnview/language.h"
 #include "tools/tarnview/filter_library.h"
+#include "tools/tarnview/language.h"
 
 namespace tarnview {
 namespace {
@@ -28,7 +28,8 @@ struct Options {
 };
 
 std::optional<Options> Parse(const Args& args) {
-    const auto parsed = ParseArguments(args, {"render", {"--text"}, {"--message", "-o", "--lang"}, {"FILE"}, {}});
+    const auto parsed =
+        ParseArguments(args, {"render", {"--text"}, {"--message", "-o", "--lang"}, {"FILE"}, {}});
     if (!parsed) return std::nullopt;
     const auto message = MessageNumber(*parsed, "render");
     if (!message || !ApplyLanguage(*parsed, "render")) return std::nullopt;

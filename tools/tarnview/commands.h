@@ -10,9 +10,9 @@ namespace tarnview {
 
 using Args = std::vector<std::string>;
 
-int RunInfo(const Args& args);  // fltInfo through the toolkit stand-in
-int RunDump(const Args& args);  // a PST's header and node B-tree
-int RunCfb(const Args& args);   // a compound file's directory, or one stream
+int RunInfo(const Args& args);    // fltInfo through the toolkit stand-in
+int RunDump(const Args& args);    // a PST's header and node B-tree
+int RunCfb(const Args& args);     // a compound file's directory, or one stream
 int RunRender(const Args& args);  // fltLoad through the toolkit stand-in, the document written out
 int RunList(const Args& args);    // a PST's messages in the filter's walk order
 

@@ -11,7 +11,7 @@
 namespace tarnview {
 
 class JsonWriter {
-public:
+  public:
     explicit JsonWriter(std::ostream& out) : out_(out) {}
 
     JsonWriter& BeginObject() { return Open('{'); }
@@ -63,7 +63,7 @@ public:
         return Value(value);
     }
 
-private:
+  private:
     JsonWriter& Open(char c) {
         Separate();
         out_ << c;
@@ -89,11 +89,21 @@ private:
         out_ << '"';
         for (unsigned char c : text) {
             switch (c) {
-                case '"': out_ << "\\\""; break;
-                case '\\': out_ << "\\\\"; break;
-                case '\n': out_ << "\\n"; break;
-                case '\r': out_ << "\\r"; break;
-                case '\t': out_ << "\\t"; break;
+                case '"':
+                    out_ << "\\\"";
+                    break;
+                case '\\':
+                    out_ << "\\\\";
+                    break;
+                case '\n':
+                    out_ << "\\n";
+                    break;
+                case '\r':
+                    out_ << "\\r";
+                    break;
+                case '\t':
+                    out_ << "\\t";
+                    break;
                 default:
                     if (c < 0x20) {
                         static const char* hex = "0123456789abcdef";

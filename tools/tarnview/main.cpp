@@ -30,8 +30,9 @@ const Command kCommands[] = {
 void PrintHelp(FILE* out) {
     std::fprintf(out, "usage: tarnview COMMAND [ARGS]\n\ncommands:\n");
     for (const auto& c : kCommands) std::fprintf(out, "  %s\n", c.usage);
-    std::fprintf(out, "\n--lang LANGID sets the kernel's user-interface language for the call (default: the\n"
-                      "TARNKRN_LANGUAGE environment variable, else 0x0409); the header block has labels in:\n%s",
+    std::fprintf(out,
+                 "\n--lang LANGID sets the kernel's user-interface language for the call (default: the\n"
+                 "TARNKRN_LANGUAGE environment variable, else 0x0409); the header block has labels in:\n%s",
                  tarnview::LanguageHelp().c_str());
     std::fprintf(out, "\n'tarnview COMMAND --help' for one command.\n");
 }

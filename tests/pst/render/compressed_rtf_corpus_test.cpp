@@ -13,8 +13,8 @@
 
 #include "common/little_endian.h"
 #include "pst/render/compressed_rtf.h"
-#include "store/ltp/property_bag.h"
 #include "store/ltp/prop_stream.h"
+#include "store/ltp/property_bag.h"
 #include "store/ndb/database.h"
 #include "tests/support/test_util.h"
 
@@ -70,8 +70,8 @@ TEST(CompressedRtfCorpus, EveryStoreBodyMatchesAnIndependentDecompressor) {
             ASSERT_EQ(status, 1) << where;
             Body body{where, work / (std::to_string(bodies.size()) + ".bin"), LoadLe32(raw.data() + 4),
                       std::string(reinterpret_cast<const char*>(document.data()), document.size())};
-            std::ofstream(body.raw, std::ios::binary).write(reinterpret_cast<const char*>(raw.data()),
-                                                            static_cast<std::streamsize>(raw.size()));
+            std::ofstream(body.raw, std::ios::binary)
+                .write(reinterpret_cast<const char*>(raw.data()), static_cast<std::streamsize>(raw.size()));
             bodies.push_back(std::move(body));
         }
     }
@@ -79,7 +79,8 @@ TEST(CompressedRtfCorpus, EveryStoreBodyMatchesAnIndependentDecompressor) {
     // One run of the oracle for all bodies.
     std::string command = "node '" + std::string(TARN_SOURCE_DIR) + "/tests/oracles/decompressrtf.js'";
     for (const Body& b : bodies) command += " '" + b.raw.string() + "' '" + b.raw.string() + ".rtf'";
-    ASSERT_EQ(std::system(command.c_str()), 0) << "the independent decompressor did not run (scripts/oracles.sh)";
+    ASSERT_EQ(std::system(command.c_str()), 0)
+        << "the independent decompressor did not run (scripts/oracles.sh)";
     // Byte for byte, RAWSIZE bytes: Outlook 97 counts a NUL after the closing brace in RAWSIZE, and
     // both decompressors keep it.
     for (const Body& b : bodies) {

@@ -57,11 +57,11 @@ Result ViaBuffer(const std::string& data) {
 // The two published examples, byte for byte: a reference into the pre-loaded dictionary, and one that
 // runs across the write position and copies what it has just written.
 TEST(CompressedRtf, PublishedExamplesDecompressThroughBothEntryPoints) {
-    const std::string example1 = Hex(
-        "2d 00 00 00 2b 00 00 00 4c 5a 46 75 f1 c5 c7 a7 03 00 0a 00 72 63 70 67 31 32 35 42 32 0a f3 20"
-        "68 65 6c 09 00 20 62 77 05 b0 6c 64 7d 0a 80 0f a0");
-    const std::string example2 = Hex(
-        "1a 00 00 00 1c 00 00 00 4c 5a 46 75 e2 d4 4b 51 41 00 04 20 57 58 59 5a 0d 6e 7d 01 0e b0");
+    const std::string example1 =
+        Hex("2d 00 00 00 2b 00 00 00 4c 5a 46 75 f1 c5 c7 a7 03 00 0a 00 72 63 70 67 31 32 35 42 32 0a f3 20"
+            "68 65 6c 09 00 20 62 77 05 b0 6c 64 7d 0a 80 0f a0");
+    const std::string example2 =
+        Hex("1a 00 00 00 1c 00 00 00 4c 5a 46 75 e2 d4 4b 51 41 00 04 20 57 58 59 5a 0d 6e 7d 01 0e b0");
     const struct {
         const std::string& data;
         std::string expected;
@@ -94,7 +94,8 @@ TEST(CompressedRtf, StoredBodiesFollowEachEntryPointsOwnChecks) {
     EXPECT_EQ(buffer.text, text);
 
     // With a matching CRC the stream variant takes the text up to its first NUL and ignores RAWSIZE.
-    const std::string with_nul = CompressedRtf(std::string("{\\rtf1 A}\0tail", 14), {.raw_size = 3, .comp_type = kMela});
+    const std::string with_nul =
+        CompressedRtf(std::string("{\\rtf1 A}\0tail", 14), {.raw_size = 3, .comp_type = kMela});
     Result stream = ViaStream(with_nul);
     EXPECT_EQ(stream.status, 1);
     EXPECT_EQ(stream.text, "{\\rtf1 A}");
@@ -147,7 +148,8 @@ TEST(CompressedRtf, ReferencesWrapAroundTheRing) {
     std::vector<RtfToken> tokens = RtfLiterals(text);
     tokens.push_back(RtfReference{300, 10});   // output position 4096 + 300, text offset 4189
     tokens.push_back(RtfReference{3000, 10});  // output position 3000, text offset 2793
-    const std::string data = CompressedRtf(RtfRuns(tokens), {.raw_size = static_cast<uint32_t>(text.size() + 20)});
+    const std::string data =
+        CompressedRtf(RtfRuns(tokens), {.raw_size = static_cast<uint32_t>(text.size() + 20)});
     Result r = ViaStream(data);
     ASSERT_EQ(r.status, 1);
     EXPECT_EQ(r.text.substr(text.size()), text.substr(4189, 10) + text.substr(2793, 10));
@@ -157,7 +159,8 @@ TEST(CompressedRtf, MalformedHeadersAreRefused) {
     const std::string good = CompressedRtf(RtfRuns(RtfLiterals("{\\rtf1 x}")), {.raw_size = 9});
     std::string bad_crc = good;
     bad_crc[12] ^= 1;
-    std::string unknown_type = CompressedRtf(RtfRuns(RtfLiterals("x")), {.raw_size = 1, .comp_type = 0x12345678});
+    std::string unknown_type =
+        CompressedRtf(RtfRuns(RtfLiterals("x")), {.raw_size = 1, .comp_type = 0x12345678});
     const struct {
         const char* name;
         std::string data;
@@ -204,13 +207,15 @@ TEST(CompressedRtf, MemoryFailuresGiveMinusOneAndLeaveTheDocument) {
     }
     krnctlFailAllocation(1);
     CountedString document;
-    EXPECT_EQ(DecompressRtfBuffer(reinterpret_cast<const std::byte*>(data.data()), data.size(), document), -1);
+    EXPECT_EQ(DecompressRtfBuffer(reinterpret_cast<const std::byte*>(data.data()), data.size(), document),
+              -1);
 
     // A failure leaves what the document held before.
     krnctlFailAllocation(0);
     ASSERT_EQ(DecompressRtfBuffer(reinterpret_cast<const std::byte*>(data.data()), data.size(), document), 1);
     const std::string junk = CompressedRtf("abc", {.comp_size = 1});
-    EXPECT_EQ(DecompressRtfBuffer(reinterpret_cast<const std::byte*>(junk.data()), junk.size(), document), -9);
+    EXPECT_EQ(DecompressRtfBuffer(reinterpret_cast<const std::byte*>(junk.data()), junk.size(), document),
+              -9);
     EXPECT_EQ(document.text(), "{\\rtf1 x}");
 }
 

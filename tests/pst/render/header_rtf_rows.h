@@ -22,85 +22,165 @@ struct LanguageRows {
 inline const LanguageRows kRows[] = {
     {0x0409,
      nullptr,
-     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 From:      \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Ann <ann@example.com>\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Sent:      \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Tue Mar 05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 To:        \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Cc:        \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:       \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Subject:   \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Importance:\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 High\\insrsid5716485 \\par }\r\n"}},
+     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 From:      \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Ann <ann@example.com>\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Sent:      \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Tue Mar 05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 To:        \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Cc:        \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:       \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Subject:   \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Importance:\\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 High\\insrsid5716485 \\par }\r\n"}},
     {0x0407,
      nullptr,
-     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Von:       \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Ann <ann@example.com>\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Gesendet:  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Tue Mar 05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 An:        \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Cc:        \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:       \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Betreff:   \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Priorit\\'e4t: \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 H\\'f6ch\\insrsid5716485 \\par }\r\n"}},
+     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Von:       \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Ann <ann@example.com>\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Gesendet:  \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Tue Mar 05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 An:        \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Cc:        \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:       \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Betreff:   \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Priorit\\'e4t: \\tab "
+      "}{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 H\\'f6ch\\insrsid5716485 \\par }\r\n"}},
     {0x0418,
-     "\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}{\\f1 \\swiss \\fcharset163 Batang}{\\f2 \\ \\fcharset0 MS Gothic}}",
-     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 De la:     \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Ann <ann@example.com>\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Trimis:    \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Tue Mar 05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 C\\f1 \\'e3\\f0 tre:     \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Cc:        \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:       \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Subiect:   \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Importan\\f2 \\u539 ?\\u259 ?\\u58 ?\\f0 \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Maxim\\insrsid5716485 \\par }\r\n"}},
+     "\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}{\\f1 \\swiss \\fcharset163 Batang}{\\f2 \\ \\fcharset0 MS "
+     "Gothic}}",
+     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 De la:     \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Ann <ann@example.com>\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Trimis:    \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Tue Mar 05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 C\\f1 \\'e3\\f0 tre:     \\tab "
+      "}{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Cc:        \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:       \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Subiect:   \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Importan\\f2 \\u539 ?\\u259 ?\\u58 "
+      "?\\f0 \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Maxim\\insrsid5716485 \\par }\r\n"}},
     {0x040C,
      nullptr,
-     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 De:        \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Ann <ann@example.com>\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Envoy\\'e8:    \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Tue Mar 05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\'c0:         \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Cc:        \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:       \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Objet:     \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Importance:\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Haute\\insrsid5716485 \\par }\r\n"}},
+     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 De:        \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Ann <ann@example.com>\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Envoy\\'e8:    \\tab "
+      "}{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Tue Mar 05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\'c0:         \\tab "
+      "}{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Cc:        \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:       \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Objet:     \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Importance:\\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Haute\\insrsid5716485 \\par }\r\n"}},
     {0x0411,
      "\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}{\\f1 \\swiss \\fcharset128 MS Gothic}}",
-     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'8d\\'b7\\'8fo\\'90l\\f0 :  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Ann <ann@example.com>\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'91\\'97\\'90M\\'93\\'fa\\'8e\\'9e\\f0 :\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Tue Mar 05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'88\\'b6\\'90\\'e6\\f0 :    \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'8f\\'b4\\'91\\'97\\f0 :   \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:    \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'8c\\'8f\\'96\\'bc\\f0 :    \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'8fd\\'97v\\'93x\\f0 :  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 \\f1 \\'8d\\'82\\f0 \\insrsid5716485 \\par }\r\n"}},
+     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'8d\\'b7\\'8fo\\'90l\\f0 :  "
+      "\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Ann <ann@example.com>\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 "
+      "\\'91\\'97\\'90M\\'93\\'fa\\'8e\\'9e\\f0 :\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Tue Mar "
+      "05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'88\\'b6\\'90\\'e6\\f0 :    "
+      "\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'8f\\'b4\\'91\\'97\\f0 :   "
+      "\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:    \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'8c\\'8f\\'96\\'bc\\f0 :    "
+      "\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'8fd\\'97v\\'93x\\f0 :  "
+      "\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 \\f1 \\'8d\\'82\\f0 \\insrsid5716485 \\par }\r\n"}},
     {0x0804,
-     "\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}{\\f1 \\ \\fcharset0 MS Gothic}{\\f2 \\swiss \\fcharset128 MS Gothic}}",
-     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\u21457 ?\\u20214 ?\\u20154 ?\\u58 ?\\u32 ?\\u32 ?\\f0 \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Ann <ann@example.com>\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\u21457 ?\\u-28671 ?\\u26102 ?\\u-27148 ?\\u58 ?\\f0 \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Tue Mar 05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f2 \\'9d\\'be\\'8c\\'8f\\'90l\\f0 :  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f2 \\'8f\\'b4\\'91\\'97\\f0 :   \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:    \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\u20027 ?\\u-26472 ?\\u58 ?\\u32 ?\\u32 ?\\u32 ?\\u32 ?\\f0 \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f2 \\'8fd\\'97v\\'90\\'ab\\f0 :  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 \\f2 \\'8d\\'82\\f0 \\insrsid5716485 \\par }\r\n"}},
+     "\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}{\\f1 \\ \\fcharset0 MS Gothic}{\\f2 \\swiss \\fcharset128 MS "
+     "Gothic}}",
+     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\u21457 ?\\u20214 ?\\u20154 "
+      "?\\u58 ?\\u32 ?\\u32 ?\\f0 \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Ann "
+      "<ann@example.com>\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\u21457 ?\\u-28671 ?\\u26102 "
+      "?\\u-27148 ?\\u58 ?\\f0 \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Tue Mar 05, 2019 02:07 "
+      "PM\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f2 "
+      "\\'9d\\'be\\'8c\\'8f\\'90l\\f0 :  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 "
+      "Bob\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f2 \\'8f\\'b4\\'91\\'97\\f0 :   "
+      "\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:    \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\u20027 ?\\u-26472 ?\\u58 "
+      "?\\u32 ?\\u32 ?\\u32 ?\\u32 ?\\f0 \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Hi "
+      "\\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f2 \\'8fd\\'97v\\'90\\'ab\\f0 :  "
+      "\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 \\f2 \\'8d\\'82\\f0 \\insrsid5716485 \\par }\r\n"}},
     {0x0404,
      "\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}{\\f1 \\swiss \\fcharset128 MS Gothic}}",
-     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'8a\\'f1\\'8c\\'8f\\'8e\\'d2\\f0 :  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Ann <ann@example.com>\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'8a\\'f1\\'8c\\'8f\\'93\\'fa\\'8a\\'fa\\f0 :\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Tue Mar 05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'9d\\'be\\'8c\\'8f\\'8e\\'d2\\f0 :  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'95\\'9b\\'96{\\f0 :   \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:    \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'8e\\'e5\\'8e|\\f0 :    \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'8fd\\'97v\\'90\\'ab\\f0 :  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 \\f1 \\'8d\\'82\\f0 \\insrsid5716485 \\par }\r\n"}},
+     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 "
+      "\\'8a\\'f1\\'8c\\'8f\\'8e\\'d2\\f0 :  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Ann "
+      "<ann@example.com>\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 "
+      "\\'8a\\'f1\\'8c\\'8f\\'93\\'fa\\'8a\\'fa\\f0 :\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Tue "
+      "Mar 05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 "
+      "\\'9d\\'be\\'8c\\'8f\\'8e\\'d2\\f0 :  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 "
+      "Bob\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'95\\'9b\\'96{\\f0 :   "
+      "\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:    \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'8e\\'e5\\'8e|\\f0 :    "
+      "\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'8fd\\'97v\\'90\\'ab\\f0 :  "
+      "\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 \\f1 \\'8d\\'82\\f0 \\insrsid5716485 \\par }\r\n"}},
     {0x0412,
      "\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}{\\f1 \\swiss \\fcharset129 Batang}}",
-     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'ba\\'b8\\'b3\\'bd\\f0  \\f1 \\'bb\\'e7\\'b6\\'f7\\f0 :\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Ann <ann@example.com>\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'ba\\'b8\\'b3\\'bd\\f0  \\f1 \\'b3\\'af\\'c2\\'a5\\f0 :\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Tue Mar 05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'b9\\'de\\'b4\\'c2\\f0  \\f1 \\'bb\\'e7\\'b6\\'f7\\f0 :\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'c2\\'fc\\'c1\\'b6\\f0 :   \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:    \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'c1\\'a6\\'b8\\'f1\\f0 :     \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'c1\\'df\\'bf\\'e4\\'b5\\'b5\\f0 :  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 \\f1 \\'b3\\'f4\\'c0\\'bd\\f0 \\insrsid5716485 \\par }\r\n"}},
+     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'ba\\'b8\\'b3\\'bd\\f0  "
+      "\\f1 \\'bb\\'e7\\'b6\\'f7\\f0 :\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Ann "
+      "<ann@example.com>\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'ba\\'b8\\'b3\\'bd\\f0  "
+      "\\f1 \\'b3\\'af\\'c2\\'a5\\f0 :\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Tue Mar 05, 2019 "
+      "02:07 PM\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'b9\\'de\\'b4\\'c2\\f0  "
+      "\\f1 \\'bb\\'e7\\'b6\\'f7\\f0 :\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 "
+      "\\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'c2\\'fc\\'c1\\'b6\\f0 :   "
+      "\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:    \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'c1\\'a6\\'b8\\'f1\\f0 :    "
+      " \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 "
+      "\\'c1\\'df\\'bf\\'e4\\'b5\\'b5\\f0 :  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 \\f1 "
+      "\\'b3\\'f4\\'c0\\'bd\\f0 \\insrsid5716485 \\par }\r\n"}},
     {0x2C01,
      "\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}{\\f1 \\swiss \\fcharset178 Arial}}",
-     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'e4\\'e3\\'e4\\f0  :  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Ann <ann@example.com>\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'ca\\'c7\\'d1\\'ed\\'ce\\f0  \\f1 \\'c7\\'e1\\'c5\\'d1\\'d3\\'c7\\'e1\\f0 :\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Tue Mar 05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'c5\\'e1\\'ec\\f0  :  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'e4\\'d3\\'ce\\'c9\\f0 :  \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:   \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'c7\\'e1\\'e3\\'e6\\'d6\\'e6\\'da\\f0 :\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Hi \\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
-      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'c7\\'e1\\'c3\\'e5\\'e3\\'ed\\'c9\\f0 : \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 \\f1 \\'da\\'c7\\'e1\\'ed\\'c9\\f0 \\insrsid5716485 \\par }\r\n"}},
+     {"\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'e4\\'e3\\'e4\\f0  :  \\tab "
+      "}{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Ann <ann@example.com>\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'ca\\'c7\\'d1\\'ed\\'ce\\f0 "
+      " \\f1 \\'c7\\'e1\\'c5\\'d1\\'d3\\'c7\\'e1\\f0 :\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Tue "
+      "Mar 05, 2019 02:07 PM\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'c5\\'e1\\'ec\\f0  :  \\tab "
+      "}{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Bob\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 \\'e4\\'d3\\'ce\\'c9\\f0 :  "
+      "\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Cy\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 Bcc:   \\tab }{\\rtlch\\fcs1 "
+      "\\af37 \\ltrch\\fcs0 \\cf0 Dee\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 "
+      "\\'c7\\'e1\\'e3\\'e6\\'d6\\'e6\\'da\\f0 :\\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 Hi "
+      "\\'7bx\\'7d\\insrsid5716485 \\par }\r\n",
+      "\r{\\rtlch\\fcs1 \\ab\\af37 \\ltrch\\fcs0 \\b\\cf0\\insrsid5716485 \\f1 "
+      "\\'c7\\'e1\\'c3\\'e5\\'e3\\'ed\\'c9\\f0 : \\tab }{\\rtlch\\fcs1 \\af37 \\ltrch\\fcs0 \\cf0 \\f1 "
+      "\\'da\\'c7\\'e1\\'ed\\'c9\\f0 \\insrsid5716485 \\par }\r\n"}},
 };
 
 }  // namespace tarn::testing

@@ -11,18 +11,20 @@
 #include <string>
 #include <vector>
 
+#include "platform/unicode.h"
 #include "store/ltp/property_bag.h"
 #include "store/ndb/database.h"
 #include "tests/support/scratch_file.h"
 #include "tests/support/test_util.h"
-#include "platform/unicode.h"
 
 namespace {
 
 using namespace tarn::ltp;
 namespace fs = std::filesystem;
 
-std::string Utf8(const std::u16string& text) { return tarn::platform::Utf8FromUtf16(text).value_or("(not UTF-16)"); }
+std::string Utf8(const std::u16string& text) {
+    return tarn::platform::Utf8FromUtf16(text).value_or("(not UTF-16)");
+}
 
 class CorpusSubjectTest : public ::testing::TestWithParam<const char*> {};
 

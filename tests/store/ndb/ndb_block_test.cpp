@@ -19,7 +19,6 @@ using namespace tarn::ndb;
 using namespace tarn::fixture;
 namespace fmt = tarn::ndb::format;
 
-
 size_t MaxData(PstLayout layout) { return layout == PstLayout::kAnsi ? 8180 : 8176; }
 
 const char* Name(PstLayout layout) { return layout == PstLayout::kAnsi ? "ANSI" : "Unicode"; }

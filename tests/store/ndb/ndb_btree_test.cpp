@@ -19,7 +19,6 @@ using namespace tarn::ndb;
 using namespace tarn::fixture;
 namespace fmt = tarn::ndb::format;
 
-
 // Node ids 0x22, 0x42, 0x62, ... (type 2, as folders): room below, between and above for misses.
 PstDescription Nodes(PstLayout layout, size_t count, size_t fanout) {
     PstDescription d;

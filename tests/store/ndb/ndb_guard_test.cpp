@@ -19,7 +19,6 @@ using namespace tarn::ndb;
 using namespace tarn::fixture;
 namespace fmt = tarn::ndb::format;
 
-
 size_t Width(PstLayout layout) { return layout == PstLayout::kAnsi ? 4 : 8; }
 
 void Put(Bytes& b, size_t at, uint64_t value, size_t width) {

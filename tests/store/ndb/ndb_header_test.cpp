@@ -32,7 +32,6 @@ bool IsUnicode(const std::shared_ptr<db_context>& db) {
     return dynamic_cast<database_impl<uint64_t>*>(db.get()) != nullptr;
 }
 
-
 TEST(NdbHeader, VersionAloneDecidesTheLayout) {
     // Versions 14 and 15 (and anything below 20) are ANSI; 20 and up Unicode. Each header is written
     // for its own layout, with valid CRCs, so only the version decides.

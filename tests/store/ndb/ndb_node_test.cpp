@@ -17,7 +17,6 @@ using tarn::testing::MessageOf;
 using namespace tarn::ndb;
 using namespace tarn::fixture;
 
-
 // 24,530 bytes fill three ANSI leaf blocks (3 x 8180 = 24,540) but spill two bytes into a fourth
 // Unicode one (3 x 8176 = 24,528), so the page count tells which layout's leaf size was used.
 constexpr size_t kLargeSubnodeSize = 24530;
