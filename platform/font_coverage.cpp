@@ -197,7 +197,16 @@ uint64_t FontconfigResolutions() {
 
 }  // namespace tarn::platform
 
+// GCC says so with __SANITIZE_ADDRESS__, clang (before 16) only through __has_feature.
 #if defined(__SANITIZE_ADDRESS__)
+#define TARN_ADDRESS_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TARN_ADDRESS_SANITIZER 1
+#endif
+#endif
+
+#if defined(TARN_ADDRESS_SANITIZER)
 // fontconfig keeps pieces of its parsed configuration for the life of the process, with nothing left
 // pointing at them; the leak checker would blame every program that asks it anything.
 extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
