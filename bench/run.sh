@@ -80,7 +80,15 @@ bench_ltp() {
   rm -rf "$dir"
 }
 
-all=(cfb ndb pst ltp)
+bench_header() {
+  build_target header_bench
+  local file
+  file="$(largest "$shared/corpus/pst" pst)"
+  echo "== header: compose every message of $(basename "$file") with and without its header block"
+  TARN_BENCH_PST="$file" "$build/bench/header_bench" --benchmark_min_time=3
+}
+
+all=(cfb ndb pst ltp header)
 for name in "${@:-${all[@]}}"; do
   "bench_$name"
 done
