@@ -7,7 +7,7 @@ Each message that `tarnview list` numbers is rendered with `tarnview render` (th
 loader is handed). RTF documents are read by unrtf, which must accept them and whose text must show each
 non-empty ASCII header value. HTML documents are opened in headless Chromium, one browser start for the
 whole store, and the text that the browser shows in the header table's rows must be the message's From,
-Sent and Subject in the order of the block. Values that contain markup are left out of the HTML check:
+Sent, To, Cc, Bcc, Subject and Importance, in the order of the block. Values that contain markup are left out of the HTML check:
 the localised rows write values as they are, so a browser rightly reads "<x>" as a tag.
 
 Exit status 0 when every rendered document passed, 1 with one line per fault otherwise. A summary line
@@ -75,7 +75,7 @@ def check_rtf(path, entry, faults):
         faults.append("%s: unrtf failed (%d): %s" % (name, run.returncode, squeeze(run.stderr.decode("latin-1"))))
         return
     text = squeeze(run.stdout.decode("latin-1"))
-    for field in ("sender", "sent", "subject"):
+    for field in ("sender", "sent", "to", "cc", "bcc", "subject", "importance"):
         value = squeeze(entry[field])
         # unrtf shows ASCII as it is; other characters depend on its own character tables.
         if not value or not value.isascii():
@@ -113,7 +113,8 @@ def check_html(chromium, workdir, documents, faults):
         if not labels or labels != expected:
             faults.append("%s: header rows %r are not the block's rows in order" % (name, labels))
             continue
-        for label, field in (("From:", "sender"), ("Sent:", "sent"), ("Subject:", "subject")):
+        for label, field in (("From:", "sender"), ("Sent:", "sent"), ("To:", "to"), ("Cc:", "cc"), ("Bcc:", "bcc"),
+                             ("Subject:", "subject"), ("Importance:", "importance")):
             value = squeeze(entry[field])
             if not value or re.search(r"[<>&]", value):
                 continue

@@ -44,6 +44,11 @@ struct Entry {
     std::string subject;
     std::string sender;
     std::string sent;
+    // In the JSON only: the text lines stay five columns.
+    std::string to;
+    std::string cc;
+    std::string bcc;
+    std::string importance;
 };
 
 std::string Utf8(const std::u16string& text) { return tarn::host::Utf8FromWide(text.c_str()); }
@@ -134,7 +139,9 @@ int RunList(const Args& args) {
         tarn::MessageDocument fields;
         tarn::ReadHeaderFields(message.properties(), fields);
         entries.push_back({running++, name->second, Utf8(subject), Text(fields.header[tarn::kSlotFrom]),
-                           Text(fields.header[tarn::kSlotSent])});
+                           Text(fields.header[tarn::kSlotSent]), Text(fields.header[tarn::kSlotTo]),
+                           Text(fields.header[tarn::kSlotCc]), Text(fields.header[tarn::kSlotBcc]),
+                           Text(fields.header[tarn::kSlotImportance])});
         if (progress) std::fprintf(stderr, "\rtarnview list: %d messages", running);
         return tarn::kWalkNext;
     };
@@ -147,7 +154,8 @@ int RunList(const Args& args) {
         for (const Entry& e : entries) {
             json.BeginObject();
             json.Field("index", e.index).Field("folder", e.folder).Field("subject", e.subject);
-            json.Field("sender", e.sender).Field("sent", e.sent);
+            json.Field("sender", e.sender).Field("sent", e.sent).Field("to", e.to).Field("cc", e.cc);
+            json.Field("bcc", e.bcc).Field("importance", e.importance);
             json.EndObject();
         }
         json.EndArray();
