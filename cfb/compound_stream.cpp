@@ -18,6 +18,12 @@ std::optional<CompoundStream> CompoundStream::open(const CompoundStorage& storag
     return stream;
 }
 
+uint64_t CompoundStream::capacity() const {
+    const uint64_t block = small_ ? storage_->small_block_size() : storage_->big_block_size();
+    // The chain is at most one entry per table word, so this product cannot overflow.
+    return std::min<uint64_t>(chain_.size() * block, storage_->file_size());
+}
+
 size_t CompoundStream::read_cached(uint64_t offset, std::byte* out, size_t length, uint64_t window) {
     bool hit = offset >= cache_offset_ && offset - cache_offset_ <= cache_length_ &&
                length <= cache_length_ - (offset - cache_offset_);

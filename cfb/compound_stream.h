@@ -26,6 +26,9 @@ class CompoundStream {
     const DirectoryEntry& entry() const { return storage_->directory().entry(index_); }
     size_t index() const { return index_; }
     uint64_t size() const { return entry().size; }
+    // The most bytes a read can yield: what the stream's chain of blocks spans, and never more than the
+    // file holds. A size the directory states beyond this cannot be read, whatever it claims.
+    uint64_t capacity() const;
     // Whether the data lives in small blocks of the mini stream (a size below 4096).
     bool in_mini_stream() const { return small_; }
     // The position after the last read.

@@ -1,7 +1,6 @@
 #include "pst/message_model.h"
 
 #include <algorithm>
-#include <ctime>
 #include <stdexcept>
 #include <string_view>
 #include <vector>
@@ -13,11 +12,6 @@
 namespace tarn {
 namespace {
 
-// Windows file times count 100-nanosecond intervals from 1601-01-01; this many of them lie before
-// 1970-01-01.
-constexpr uint64_t kFileTimeUnixEpoch = 0x019DB1DED53E8000;
-constexpr uint64_t kFileTimeTicksPerSecond = 10'000'000;
-constexpr size_t kSentTimeCapacity = 100;
 constexpr size_t kSubmitTimeBytes = 8;
 
 }  // namespace
@@ -61,19 +55,6 @@ void ReadStringField(const ltp::const_property_object& message, ltp::prop_id id,
     const std::u16string text = message.read_wstring(id);
     // A conversion that yields nothing leaves the slot empty, which shows as no header line.
     (void)AssignUtf8(slot, text.data(), text.size());
-}
-
-int32_t FormatSentTime(uint64_t file_time, CountedString& slot) {
-    slot.Release();
-    // Unsigned on purpose: a time before 1970 wraps to a far future rather than failing.
-    const uint64_t seconds = (file_time - kFileTimeUnixEpoch) / kFileTimeTicksPerSecond;
-    const auto when = static_cast<std::time_t>(seconds);
-    std::tm local{};
-    if (localtime_r(&when, &local) == nullptr) return kStatusFormatFailure;
-    char text[kSentTimeCapacity];
-    const size_t length = std::strftime(text, sizeof text, "%a %b %d, %Y %I:%M %p", &local);
-    if (length == 0) return kStatusFormatFailure;
-    return AssignBytes(slot, text, length);
 }
 
 void ReadHeaderFields(const ltp::const_property_object& message, MessageDocument& record) {

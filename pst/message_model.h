@@ -62,10 +62,6 @@ std::u16string ReadSubject(const ltp::const_property_object& message);
 // If the property exists, its text as UTF-8 in `slot`; a missing property leaves the slot untouched.
 void ReadStringField(const ltp::const_property_object& message, ltp::prop_id id, CountedString& slot);
 
-// The Windows file time in `value` as local time, "%a %b %d, %Y %I:%M %p". 1, or -74 when formatting
-// yields nothing (the slot is then left empty).
-int32_t FormatSentTime(uint64_t file_time, CountedString& slot);
-
 // From, To, Cc, Bcc, Sent and Importance of the message into the record's header slots (the Subject
 // slot is the composer's, which has the subject already).
 void ReadHeaderFields(const ltp::const_property_object& message, MessageDocument& record);

@@ -2,6 +2,7 @@
 
 #include "common/status.h"
 #include "pst/composer.h"
+#include "pst/msg_document.h"
 
 namespace tarn {
 
@@ -19,9 +20,14 @@ int32_t ProduceDocument(const char16_t* file_name, PstFilterData* record, InputK
             record->produced_kind = kInputPstStore;
             return kStatusOk;
         }
-        // The message-file reader and the MIME reader land in their own changes; until then these
-        // kinds yield no document, and the record keeps its produced kind 388.
-        case kInputMessageFile:
+        case kInputMessageFile: {
+            const int32_t status = ProduceMsgDocument(file_name, record, body_format, plain_text);
+            if (status != kStatusOk) return status;
+            record->produced_kind = kInputMessageFile;
+            return kStatusOk;
+        }
+        // The MIME reader lands in its own change; until then this kind yields no document, and the
+        // record keeps its produced kind 388.
         case kInputMimeText:
             return kStatusUnsupported;
         default:

@@ -1,12 +1,20 @@
 #include "pst/render/header_labels.h"
 
 #include <array>
+#include <ctime>
 
 #include "common/status.h"
 #include "kernel/tarnkrn.h"
+#include "pst/render/message_document.h"
 
 namespace tarn {
 namespace {
+
+// Windows file times count 100-nanosecond intervals from 1601-01-01; this many of them lie before
+// 1970-01-01.
+constexpr uint64_t kFileTimeUnixEpoch = 0x019DB1DED53E8000;
+constexpr uint64_t kFileTimeTicksPerSecond = 10'000'000;
+constexpr size_t kSentTimeCapacity = 100;
 
 // The labels as the toolkit's translators gave them, kept byte for byte: the German "Höch", the French
 // "Envoyè", the Japanese row's Cc label (the Chinese one) and the Arabic From label are what users of
@@ -84,6 +92,19 @@ int32_t ImportanceText(uint32_t value, CountedString& out) {
     else
         return kStatusOk;
     return InsertAt(&out, out.size(), label.data(), label.size());
+}
+
+int32_t FormatSentTime(uint64_t file_time, CountedString& slot) {
+    slot.Release();
+    // Unsigned on purpose: a time before 1970 wraps to a far future rather than failing.
+    const uint64_t seconds = (file_time - kFileTimeUnixEpoch) / kFileTimeTicksPerSecond;
+    const auto when = static_cast<std::time_t>(seconds);
+    std::tm local{};
+    if (localtime_r(&when, &local) == nullptr) return kStatusFormatFailure;
+    char text[kSentTimeCapacity];
+    const size_t length = std::strftime(text, sizeof text, "%a %b %d, %Y %I:%M %p", &local);
+    if (length == 0) return kStatusFormatFailure;
+    return AssignBytes(slot, text, length);
 }
 
 }  // namespace tarn

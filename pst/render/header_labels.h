@@ -49,6 +49,10 @@ constexpr uint32_t kImportanceHigh = 2;
 // (without a terminator); any other value appends nothing. 1, or -1 when memory runs out.
 int32_t ImportanceText(uint32_t value, CountedString& out);
 
+// The Windows file time `file_time` as local time, "%a %b %d, %Y %I:%M %p", replacing `slot`. 1, or -74
+// when formatting yields nothing (the slot is then left empty).
+int32_t FormatSentTime(uint64_t file_time, CountedString& slot);
+
 }  // namespace tarn
 
 #endif  // TARN_PST_RENDER_HEADER_LABELS_H_

@@ -1,0 +1,94 @@
+#include "pst/msg_document.h"
+
+#include <string_view>
+
+#include "common/status.h"
+#include "pst/msg/msg_reader.h"
+#include "pst/render/charset.h"
+#include "pst/render/header_block.h"
+
+namespace tarn {
+namespace {
+
+constexpr std::string_view kRtfStart = "{\\rtf";
+constexpr std::string_view kHtmlOpen = "<html>";
+constexpr std::string_view kHtmlClose = "</html>";
+constexpr std::string_view kHtmlElement = "<html";
+constexpr unsigned char kUtf8Mark[] = {0xEF, 0xBB, 0xBF};
+
+size_t LengthWithoutNul(const CountedString& text) {
+    const size_t size = text.size();
+    if (size > 0 && text.data()[size - 1] == std::byte{0}) return size - 1;
+    return size;
+}
+
+// Whether the body, after any spaces, CR and LF, opens with "<html" in any case.
+bool OpensWithHtmlElement(std::string_view body) {
+    const size_t start = body.find_first_not_of(" \r\n");
+    if (start == std::string_view::npos || body.size() - start < kHtmlElement.size()) return false;
+    for (size_t i = 0; i < kHtmlElement.size(); ++i) {
+        const char c = body[start + i];
+        const char lower = (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+        if (lower != kHtmlElement[i]) return false;
+    }
+    return true;
+}
+
+// The header builder's own -9 (a "<body" tag that never closes) stands; any other failure is -1.
+int32_t HeaderFailure(int32_t status) { return status == kStatusUnsupported ? status : kStatusFailure; }
+
+}  // namespace
+
+int32_t AssembleMsgDocument(MessageDocument& entry, int32_t* body_format, bool plain_text,
+                            PstFilterData* record) {
+    GrowBuffer& out = record->document;
+    out.Truncate(0);
+    if (plain_text) {
+        *body_format = kBodyPlainText;
+        if (const int32_t status = BuildLocalizedHeader(entry, kBodyPlainText); status != kStatusOk)
+            return HeaderFailure(status);
+        if (entry.text_body.data() == nullptr) return kStatusOk;
+        const size_t length = LengthWithoutNul(entry.text_body);
+        if (!out.Reserve(sizeof kUtf8Mark + length + 1)) return kStatusFailure;
+        if (out.Append(kUtf8Mark, sizeof kUtf8Mark) != kStatusOk ||
+            out.Append(entry.text_body.data(), length) != kStatusOk || out.AppendByte(0) != kStatusOk)
+            return kStatusFailure;
+        // The mark is not counted but the text's NUL is, so the declared length stops three bytes short
+        // of the buffer's end. Deliberate: the toolkit's text loader is handed exactly this.
+        out.Truncate(length + 1);
+        return kStatusOk;
+    }
+
+    if (entry.document.data() == nullptr) return kStatusUnsupported;
+    const bool rtf = entry.document.text().substr(0, kRtfStart.size()) == kRtfStart;
+    *body_format = rtf ? kBodyRtf : kBodyHtml;
+    // The header's labels are UTF-8; a body that declares no character set is declared UTF-8 with them.
+    if (!rtf && EnsureUtf8Meta(&entry.document) != kStatusOk) return kStatusFailure;
+    if (const int32_t status = BuildLocalizedHeader(entry, *body_format); status != kStatusOk)
+        return HeaderFailure(status);
+
+    const size_t length = LengthWithoutNul(entry.document);
+    const std::string_view body(reinterpret_cast<const char*>(entry.document.data()), length);
+    const bool wrap = !rtf && !OpensWithHtmlElement(body);
+    const size_t total = length + (wrap ? kHtmlOpen.size() + kHtmlClose.size() : 0);
+    if (!out.Reserve(total + 1)) return kStatusFailure;
+    if ((wrap && out.Append(kHtmlOpen) != kStatusOk) || out.Append(body) != kStatusOk ||
+        (wrap && out.Append(kHtmlClose) != kStatusOk) || out.AppendByte(0) != kStatusOk)
+        return kStatusFailure;
+    out.Truncate(total);
+    return kStatusOk;
+}
+
+int32_t ProduceMsgDocument(const char16_t* file_name, PstFilterData* record, int32_t* body_format,
+                           bool plain_text) {
+    MessageDocument entry;
+    MsgReadOptions options;
+    // Images are inlined once per record: a record that already wrote image files has them.
+    options.walk_attachments = record->temp_names.length() == 0;
+    if (const int32_t status = ReadMsgMessage(entry, file_name, options); status != kStatusOk) return status;
+    const int32_t status = AssembleMsgDocument(entry, body_format, plain_text, record);
+    record->reader_status = entry.reader_status;
+    return status;
+}
+
+}  // namespace tarn
