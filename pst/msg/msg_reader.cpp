@@ -86,20 +86,12 @@ int32_t InlineAttachment(const cfb::CompoundStorage& storage, const std::string&
     return status == 0 ? kStatusOk : status;
 }
 
-// The attachment storages in number order. One missing number is stepped over; two in a row end the
-// walk, since writers number attachments densely and a removed one leaves a single gap.
+// Inlines the images of every attachment storage. 1, or the first failure, which ends the walk.
 int32_t WalkAttachments(const cfb::CompoundStorage& storage, MessageDocument& record,
                         ImageFileWriter* image_files) {
-    // The directory cannot hold more storages than it has entries, so neither can the walk go further.
-    const size_t limit = storage.directory().size();
-    for (uint32_t number = 0; number <= limit; ++number) {
-        const std::string name = AttachmentStorageName(number);
-        if (!StorageExists(storage, name)) {
-            if (!StorageExists(storage, AttachmentStorageName(number + 1))) break;
-            continue;
-        }
-        if (const int32_t status = InlineAttachment(storage, name, record, image_files); status != kStatusOk)
-            return status;
+    for (const uint32_t number : AttachmentStorageNumbers(storage)) {
+        const int32_t status = InlineAttachment(storage, AttachmentStorageName(number), record, image_files);
+        if (status != kStatusOk) return status;
     }
     return kStatusOk;
 }
@@ -207,6 +199,20 @@ std::string AttachmentStorageName(uint32_t number) {
     char name[40];
     std::snprintf(name, sizeof name, "__attach_version1.0_#%08X", static_cast<unsigned>(number));
     return name;
+}
+
+std::vector<uint32_t> AttachmentStorageNumbers(const cfb::CompoundStorage& storage) {
+    std::vector<uint32_t> numbers;
+    // The directory cannot hold more storages than it has entries, so neither can the walk go further.
+    const size_t limit = storage.directory().size();
+    for (uint32_t number = 0; number <= limit; ++number) {
+        if (StorageExists(storage, AttachmentStorageName(number))) {
+            numbers.push_back(number);
+        } else if (!StorageExists(storage, AttachmentStorageName(number + 1))) {
+            break;
+        }
+    }
+    return numbers;
 }
 
 int32_t ReadWholeStream(const cfb::CompoundStorage& storage, std::string_view path, CountedString& out) {

@@ -7,7 +7,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "cfb/compound_storage.h"
 #include "pst/render/inline_image.h"
@@ -41,6 +43,11 @@ inline constexpr uint16_t kMsgPropSubmitTime = 0x0039;
 
 // The name of attachment storage `number`: "__attach_version1.0_#" and eight upper-case hex digits.
 std::string AttachmentStorageName(uint32_t number);
+
+// The numbers of the attachment storages, in the order they are walked: from 0 up, one missing number
+// stepped over, two in a row ending the walk (a name that is a stream, not a storage, counts as missing).
+// Writers number attachments densely; a removed one leaves a single gap.
+std::vector<uint32_t> AttachmentStorageNumbers(const cfb::CompoundStorage& storage);
 
 // The whole stream at `path` into `out`: its bytes, with two zero bytes behind them that the size does
 // not count. The buffer is sized by what the stream's chain of blocks and the file can hold, never by

@@ -1,0 +1,228 @@
+// Message files through ProduceDocument and the entry points: the choice between RTF and HTML, the html
+// wrapper, the UTF-8 declaration, plain-text mode with its mark and declared length, and the statuses.
+#include "pst/msg_document.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "common/apiutils.h"
+#include "common/status.h"
+#include "host/toolkit_host.h"
+#include "kernel/tarnkrn_control.h"
+#include "pst/produce.h"
+#include "pst/pst.h"
+#include "tests/support/msg_writer.h"
+#include "tests/support/rtf_writer.h"
+#include "tests/support/test_util.h"
+
+namespace tarn::testing {
+namespace {
+
+using test::BuildMsg;
+using test::CfbNode;
+using test::EightBitProperty;
+using test::KernelTempFile;
+using test::MsgBytes;
+using test::MsgName;
+using test::UnicodeProperty;
+
+const host::EntryPoints kLinkedFilter{fltInfo, fltLoad, fltFreeData};
+constexpr char kRtf[] = "{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}}\\pard hello\\par}";
+constexpr char kMeta[] = "<meta http-equiv=Content-Type content=\"text/html; charset=utf-8\">";
+
+CfbNode StoredBody(std::string_view contents) {
+    return CfbNode::Stream(MsgName("__substg1.0_10090102"),
+                           MsgBytes(CompressedRtf(contents, {.comp_type = 0x414C454D, .crc = 0})));
+}
+
+CfbNode CompressedBody(std::string_view rtf) {
+    return CfbNode::Stream(
+        MsgName("__substg1.0_10090102"),
+        MsgBytes(CompressedRtf(RtfRuns(RtfLiterals(rtf)), {.raw_size = uint32_t(rtf.size())})));
+}
+
+struct Produced {
+    int32_t status = 0;
+    int32_t body_format = kBodyNone;
+    std::string document;  // the declared length
+    std::string behind;    // up to four bytes of the buffer behind the declared length
+    int32_t produced_kind = 0;
+};
+
+Produced Produce(const std::vector<CfbNode>& streams, bool plain_text) {
+    KernelTempFile file(BuildMsg(streams).bytes);
+    const std::u16string name = Wide(file.path());
+    FilterDataHolder record(NewFilterData());
+    Produced out;
+    InputKind kind = kInputMessageFile;
+    int32_t index = 0;
+    out.status = ProduceDocument(name.c_str(), record.get(), &kind, &index, &out.body_format, plain_text,
+                                 file.handle());
+    const GrowBuffer& document = record->document;
+    if (document.data() != nullptr) {
+        const char* bytes = reinterpret_cast<const char*>(document.data());
+        out.document.assign(bytes, document.length());
+        out.behind.assign(bytes + document.length(),
+                          std::min<size_t>(4, document.capacity() - document.length()));
+    }
+    out.produced_kind = record->produced_kind;
+    return out;
+}
+
+TEST(MsgDocument, BodiesBecomeDocuments) {
+    struct Case {
+        const char* what;
+        std::vector<CfbNode> streams;
+        int32_t status;
+        int32_t body_format;
+        std::string document;
+    };
+    const std::string rtf = kRtf;
+    const std::vector<Case> cases = {
+        {"RTF as it is", {CompressedBody(rtf)}, 1, kBodyRtf, rtf},
+        {"RTF wins over a text body", {CompressedBody(rtf), UnicodeProperty("1000", u"t")}, 1, kBodyRtf, rtf},
+        {"HTML without its element is wrapped",
+         {StoredBody("<p>x</p>")},
+         1,
+         kBodyHtml,
+         "<html><p>x</p></html>"},
+        {"HTML after spaces and line ends, its element in capitals, is not",
+         {StoredBody("  \r\n<HTML><p>x</p></HTML>")},
+         1,
+         kBodyHtml,
+         "  \r\n<HTML><p>x</p></HTML>"},
+        {"a tab is not among the skipped characters",
+         {StoredBody("\t<html>x</html>")},
+         1,
+         kBodyHtml,
+         "<html>\t<html>x</html></html>"},
+        {"\"<htm\" alone is not the element", {StoredBody("<htm>")}, 1, kBodyHtml, "<html><htm></html>"},
+        {"a head without a character set is declared UTF-8",
+         {StoredBody("<html><head></head>x</html>")},
+         1,
+         kBodyHtml,
+         std::string("<html><head>") + kMeta + "</head>x</html>"},
+        {"a declared character set stays",
+         {StoredBody("<html><head><meta charset=us-ascii></head>x</html>")},
+         1,
+         kBodyHtml,
+         "<html><head><meta charset=us-ascii></head>x</html>"},
+        {"\"{\\rtf\" decides, not what follows",
+         {StoredBody("{\\rtf1{\\fonttbl{\\f0 A;}}\\pard <html>x</html>}")},
+         1,
+         kBodyRtf,
+         "{\\rtf1{\\fonttbl{\\f0 A;}}\\pard <html>x</html>}"},
+        {"a text body alone is no document", {UnicodeProperty("1000", u"t")}, -9, kBodyNone, ""},
+        {"no body at all", {UnicodeProperty("0037", u"s")}, -9, kBodyNone, ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const Produced p = Produce(c.streams, false);
+        EXPECT_EQ(p.status, c.status);
+        EXPECT_EQ(p.body_format, c.body_format);
+        if (c.status != kStatusOk) {
+            EXPECT_EQ(p.produced_kind, kInputUnsupported);
+            continue;
+        }
+        EXPECT_EQ(p.document, c.document);
+        // The document ends with a NUL that its length does not count.
+        ASSERT_FALSE(p.behind.empty());
+        EXPECT_EQ(p.behind[0], '\0');
+        EXPECT_EQ(p.produced_kind, kInputMessageFile);
+    }
+}
+
+TEST(MsgDocument, HeaderBlockGoesIntoEveryKindOfBody) {
+    const std::vector<CfbNode> fields = {
+        UnicodeProperty("0037", u"Quarterly"), UnicodeProperty("0C1A", u"Ann"),
+        UnicodeProperty("5D01", u"ann@example.com"), EightBitProperty("0E04", "Bob")};
+    struct Case {
+        const char* what;
+        CfbNode body;
+        bool plain_text;
+        std::string from;
+    };
+    const std::vector<Case> cases = {
+        {"RTF", CompressedBody(kRtf), false, "Ann <ann@example.com>"},
+        {"HTML", StoredBody("<html><body>x</body></html>"), false, "Ann &lt;ann@example.com&gt;"},
+        {"text", UnicodeProperty("1000", u"x"), true, "Ann <ann@example.com>"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::vector<CfbNode> streams = fields;
+        streams.push_back(c.body);
+        const Produced p = Produce(streams, c.plain_text);
+        ASSERT_EQ(p.status, kStatusOk);
+        EXPECT_NE(p.document.find("Quarterly"), std::string::npos);
+        EXPECT_NE(p.document.find("Bob"), std::string::npos);
+        EXPECT_NE(p.document.find(c.from), std::string::npos) << p.document;
+        EXPECT_LT(p.document.find("Quarterly"), p.document.find('x', p.document.find("Quarterly")));
+    }
+}
+
+TEST(MsgDocument, PlainTextMode) {
+    struct Case {
+        const char* what;
+        std::vector<CfbNode> streams;
+        std::string text;  // the text behind the mark
+    };
+    const std::vector<Case> cases = {
+        {"UTF-16 text", {UnicodeProperty("1000", u"h\u00E9llo")}, "h\xC3\xA9llo"},
+        {"8-bit text as it is", {EightBitProperty("1000", "h\xE9llo")}, "h\xE9llo"},
+        {"the text body, not the RTF", {CompressedBody(kRtf), UnicodeProperty("1000", u"plain")}, "plain"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const Produced p = Produce(c.streams, true);
+        ASSERT_EQ(p.status, kStatusOk);
+        EXPECT_EQ(p.body_format, kBodyPlainText);
+        // Deliberate: the buffer holds EF BB BF, the text and its NUL, but the declared length counts the
+        // text and the NUL only, so it stops three bytes short of the buffer's end.
+        const std::string full = p.document + p.behind.substr(0, 3);
+        EXPECT_EQ(full, "\xEF\xBB\xBF" + c.text + '\0');
+        EXPECT_EQ(p.document.size(), c.text.size() + 1);
+    }
+    // Without a text body the document is empty, which is not a failure.
+    const Produced empty = Produce({CompressedBody(kRtf)}, true);
+    EXPECT_EQ(empty.status, kStatusOk);
+    EXPECT_EQ(empty.body_format, kBodyPlainText);
+    EXPECT_EQ(empty.document, "");
+}
+
+// Through the exported entry points as the toolkit calls them: the format and the reported kind.
+TEST(MsgDocument, ThroughTheEntryPoints) {
+    struct Case {
+        const char* what;
+        std::vector<CfbNode> streams;
+        bool plain_text;
+        int32_t status;
+        int32_t format;
+    };
+    const std::vector<Case> cases = {
+        {"RTF", {CompressedBody(kRtf)}, false, 1, 226},
+        {"HTML", {StoredBody("<p>x</p>")}, false, 1, 369},
+        {"text", {UnicodeProperty("1000", u"t")}, true, 1, 316},
+        {"nothing", {UnicodeProperty("0037", u"s")}, false, -9, 0},
+    };
+    krnctlSetMode(kKernelModeInMemory);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        KernelTempFile file(BuildMsg(c.streams).bytes);
+        host::Toolkit toolkit;
+        host::SourceSession session(Wide(file.path()));
+        const int32_t status = fltInfo(&session.BuildInfoRequest(file.handle(), 1, c.plain_text));
+        EXPECT_EQ(status, c.status);
+        if (status != kStatusOk) continue;
+        EXPECT_EQ(session.file_info().format, kInputMessageFile);
+        ASSERT_EQ(toolkit.calls().size(), 1u);
+        EXPECT_EQ(toolkit.calls()[0].info->format, c.format);
+        EXPECT_EQ(fltLoad(&session.BuildLoadRequest(1, c.plain_text)), kStatusOk);
+        EXPECT_TRUE(session.ReleaseSlot(kLinkedFilter).returned());
+    }
+    krnctlReset();
+}
+
+}  // namespace
+}  // namespace tarn::testing
