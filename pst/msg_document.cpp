@@ -16,12 +16,6 @@ constexpr std::string_view kHtmlClose = "</html>";
 constexpr std::string_view kHtmlElement = "<html";
 constexpr unsigned char kUtf8Mark[] = {0xEF, 0xBB, 0xBF};
 
-size_t LengthWithoutNul(const CountedString& text) {
-    const size_t size = text.size();
-    if (size > 0 && text.data()[size - 1] == std::byte{0}) return size - 1;
-    return size;
-}
-
 // Whether the body, after any spaces, CR and LF, opens with "<html" in any case.
 bool OpensWithHtmlElement(std::string_view body) {
     const size_t start = body.find_first_not_of(" \r\n");
@@ -48,7 +42,7 @@ int32_t AssembleMsgDocument(MessageDocument& entry, int32_t* body_format, bool p
         if (const int32_t status = BuildLocalizedHeader(entry, kBodyPlainText); status != kStatusOk)
             return HeaderFailure(status);
         if (entry.text_body.data() == nullptr) return kStatusOk;
-        const size_t length = LengthWithoutNul(entry.text_body);
+        const size_t length = entry.text_body.TextLength();
         if (!out.Reserve(sizeof kUtf8Mark + length + 1)) return kStatusFailure;
         if (out.Append(kUtf8Mark, sizeof kUtf8Mark) != kStatusOk ||
             out.Append(entry.text_body.data(), length) != kStatusOk || out.AppendByte(0) != kStatusOk)
@@ -67,7 +61,7 @@ int32_t AssembleMsgDocument(MessageDocument& entry, int32_t* body_format, bool p
     if (const int32_t status = BuildLocalizedHeader(entry, *body_format); status != kStatusOk)
         return HeaderFailure(status);
 
-    const size_t length = LengthWithoutNul(entry.document);
+    const size_t length = entry.document.TextLength();
     const std::string_view body(reinterpret_cast<const char*>(entry.document.data()), length);
     const bool wrap = !rtf && !OpensWithHtmlElement(body);
     const size_t total = length + (wrap ? kHtmlOpen.size() + kHtmlClose.size() : 0);

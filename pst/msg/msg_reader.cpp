@@ -161,8 +161,10 @@ int32_t ReadFixedProperties(const cfb::CompoundStorage& storage, MessageDocument
     const int32_t read = ReadWholeStream(storage, kMsgPropertiesStream, properties);
     if (read == kStatusNotPresent) return kStatusOk;
     if (read != kStatusOk) return read;
-    if (const auto sent = FindFixedProperty(properties, kMsgTypeFileTime, kMsgPropSubmitTime))
-        (void)FormatSentTime(*sent, record.header[kSlotSent]);
+    if (const auto sent = FindFixedProperty(properties, kMsgTypeFileTime, kMsgPropSubmitTime)) {
+        // A time that cannot be formatted leaves Sent empty; memory running out ends the read.
+        if (FormatSentTime(*sent, record.header[kSlotSent]) == kStatusFailure) return kStatusFailure;
+    }
     if (const auto importance = FindFixedProperty(properties, kMsgTypeLong, kMsgPropImportance)) {
         if (const int32_t status =
                 ImportanceText(static_cast<uint32_t>(*importance), record.header[kSlotImportance]);

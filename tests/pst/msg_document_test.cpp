@@ -191,6 +191,45 @@ TEST(MsgDocument, PlainTextMode) {
     EXPECT_EQ(empty.document, "");
 }
 
+// Memory running out at each allocation in turn: a failure ends in -1, except one in the attachment walk,
+// which leaves the message delivered and its status in the record's reader status, and one while the
+// compound file is opened, which reads as a file that does not open: no body, -9.
+TEST(MsgDocument, TheReaderStatusReachesTheRecord) {
+    KernelTempFile file(BuildMsg({StoredBody("<p>x</p>"), UnicodeProperty("0037", u"s"),
+                                  test::AttachmentStorage(0, {UnicodeProperty("3704", u"x.png")})})
+                            .bytes);
+    const std::u16string name = Wide(file.path());
+    auto produce = [&](uint32_t fail_at, int32_t* reader_status) {
+        FilterDataHolder record(NewFilterData());
+        if (record == nullptr) return kStatusFailure;
+        InputKind kind = kInputMessageFile;
+        int32_t index = 0;
+        int32_t body_format = kBodyNone;
+        krnctlFailAllocation(fail_at);
+        const int32_t status =
+            ProduceDocument(name.c_str(), record.get(), &kind, &index, &body_format, false, file.handle());
+        krnctlFailAllocation(0);
+        *reader_status = record->reader_status;
+        return status;
+    };
+    int32_t reader_status = 0;
+    const uint64_t before = krnctlAllocationCount();
+    ASSERT_EQ(produce(0, &reader_status), kStatusOk);
+    EXPECT_EQ(reader_status, kStatusOk);
+    const uint64_t needed = krnctlAllocationCount() - before;
+    int reported = 0;
+    // The record itself is the first allocation; the sweep starts behind it.
+    for (uint32_t nth = 2; nth <= needed; ++nth) {
+        SCOPED_TRACE(nth);
+        const int32_t status = produce(nth, &reader_status);
+        EXPECT_TRUE(status == kStatusOk || status == kStatusFailure || status == kStatusMessageFileOpen ||
+                    status == kStatusUnsupported)
+            << status;
+        if (status == kStatusOk && reader_status == kStatusFailure) ++reported;
+    }
+    EXPECT_GT(reported, 0);
+}
+
 // Through the exported entry points as the toolkit calls them: the format and the reported kind.
 TEST(MsgDocument, ThroughTheEntryPoints) {
     struct Case {
