@@ -88,7 +88,27 @@ bench_header() {
   TARN_BENCH_PST="$file" "$build/bench/header_bench" --benchmark_min_time=3
 }
 
-all=(cfb ndb pst ltp header)
+bench_msg() {
+  build_target msg_bench
+  local files=("$shared"/corpus/msg/*.msg) out ours reader convert
+  out="$(mktemp -d)"
+  echo "== msg: render every message file of the corpus (${#files[@]} files, $(cat "${files[@]}" | wc -c) bytes)"
+  scripts/oracles.sh
+  "$build/bench/msg_bench" --benchmark_min_time=3 --benchmark_out="$out/msg.json" --benchmark_out_format=json
+  ours="$("$python" -c 'import json, sys
+print([b["real_time"] for b in json.load(open(sys.argv[1]))["benchmarks"] if b["name"] == "BM_RenderEveryCorpusMessage"][0])' \
+    "$out/msg.json")"
+  reader="$(node bench/msg_msgreader.js 5 "${files[@]}")"
+  convert="$(perl bench/msg_msgconvert.pl 2 "${files[@]}")"
+  printf '%s\n%s\n' "$reader" "$convert"
+  reader="$(grep -o '[0-9.]* ms per pass' <<<"$reader" | cut -d' ' -f1)"
+  convert="$(grep -o '[0-9.]* ms per pass' <<<"$convert" | cut -d' ' -f1)"
+  awk -v o="$ours" -v r="$reader" -v c="$convert" 'BEGIN {
+    printf "wall time per pass, relative to ours (%.1f ms): msgreader %.1fx, msgconvert %.0fx\n", o, r / o, c / o }'
+  rm -rf "$out"
+}
+
+all=(cfb ndb pst ltp header msg)
 for name in "${@:-${all[@]}}"; do
   "bench_$name"
 done

@@ -7,7 +7,8 @@ build=(cmake ninja-build g++ pkg-config libicu-dev libboost-iostreams-dev libfon
 test=(libgtest-dev libgmock-dev g++-multilib python3-olefile python3-pypff libgsf-bin pst-utils pff-tools
       clang-format-14 unrtf chromium  # independent readers of the documents
       fonts-liberation fonts-noto-cjk fonts-noto-core)  # the fonts the glyph test resolves Windows faces to
-bench=(libbenchmark-dev python3-olefile python3-pypff pst-utils pff-tools)
+bench=(libbenchmark-dev python3-olefile python3-pypff pst-utils pff-tools
+       libemail-outlook-message-perl)  # msgconvert, beside the message-file benchmark
 fuzz=(clang-14 libclang-rt-14-dev)
 
 wanted=("${build[@]}")
