@@ -24,8 +24,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         tarn::InputKind kind = tarn::kInputMessageFile;
         int32_t message_index = 0;
         int32_t body_format = tarn::kBodyNone;
-        (void)tarn::ProduceDocument(path.c_str(), record.get(), &kind, &message_index, &body_format, plain_text,
-                                    handle.get());
+        (void)tarn::ProduceDocument(path.c_str(), record.get(), &kind, &message_index, &body_format,
+                                    plain_text, handle.get());
     }
     tarn::fuzz::AbortOnKernelLeak();
     return 0;

@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "tests/support/msg_writer.h"
-#include "tests/support/rtf_writer.h"
 
 namespace {
 
@@ -18,19 +17,13 @@ void Write(const std::string& dir, const char* name, const std::vector<uint8_t>&
     std::fclose(f);
 }
 
-CfbNode Body(std::string_view contents, uint32_t type) {
-    const std::string data = type == 0x414C454D
-                                 ? tarn::testing::CompressedRtf(contents, {.comp_type = type, .crc = 0})
-                                 : tarn::testing::CompressedRtf(
-                                       tarn::testing::RtfRuns(tarn::testing::RtfLiterals(contents)),
-                                       {.raw_size = static_cast<uint32_t>(contents.size())});
-    return CfbNode::Stream(u"__substg1.0_10090102", MsgBytes(data));
-}
-
 std::vector<CfbNode> Header() {
-    return {UnicodeProperty("0037", u"Quarterly figures"), UnicodeProperty("0C1A", u"Ann Example"),
-            UnicodeProperty("5D01", u"ann@example.com"), UnicodeProperty("004D", u"Boss"),
-            UnicodeProperty("0E04", u"Bob; Carol"), UnicodeProperty("0E03", u"Dave"),
+    return {UnicodeProperty("0037", u"Quarterly figures"),
+            UnicodeProperty("0C1A", u"Ann Example"),
+            UnicodeProperty("5D01", u"ann@example.com"),
+            UnicodeProperty("004D", u"Boss"),
+            UnicodeProperty("0E04", u"Bob; Carol"),
+            UnicodeProperty("0E03", u"Dave"),
             PropertyStream(PropertyStreamBytes({{0x0040, 0x0039, 0x01C6BE3CADCF5880}, {0x0003, 0x0017, 2}}))};
 }
 
@@ -43,13 +36,13 @@ int main(int argc, char** argv) {
     }
     const std::string dir = argv[1];
     std::vector<CfbNode> rtf = Header();
-    rtf.push_back(Body("{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}}\\pard hello\\par}", 0x75465A4C));
+    rtf.push_back(CompressedRtfBody("{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}}\\pard hello\\par}"));
     rtf.push_back(UnicodeProperty("1000", u"hello"));
     Write(dir, "rtf-body-and-text", BuildMsg(rtf).bytes);
 
     std::vector<CfbNode> html = Header();
-    html.push_back(Body("<html><head></head><body><img src=\"cid:one\"><img src=\"two.png\"></body></html>",
-                        0x414C454D));
+    html.push_back(
+        StoredRtfBody("<html><head></head><body><img src=\"cid:one\"><img src=\"two.png\"></body></html>"));
     for (const uint32_t n : {0u, 1u, 3u}) {
         html.push_back(AttachmentStorage(
             n, {UnicodeProperty("3704", n == 1 ? u"two.png" : u"x.png"), UnicodeProperty("3712", u"one"),

@@ -32,17 +32,6 @@ const host::EntryPoints kLinkedFilter{fltInfo, fltLoad, fltFreeData};
 constexpr char kRtf[] = "{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}}\\pard hello\\par}";
 constexpr char kMeta[] = "<meta http-equiv=Content-Type content=\"text/html; charset=utf-8\">";
 
-CfbNode StoredBody(std::string_view contents) {
-    return CfbNode::Stream(MsgName("__substg1.0_10090102"),
-                           MsgBytes(CompressedRtf(contents, {.comp_type = 0x414C454D, .crc = 0})));
-}
-
-CfbNode CompressedBody(std::string_view rtf) {
-    return CfbNode::Stream(
-        MsgName("__substg1.0_10090102"),
-        MsgBytes(CompressedRtf(RtfRuns(RtfLiterals(rtf)), {.raw_size = uint32_t(rtf.size())})));
-}
-
 struct Produced {
     int32_t status = 0;
     int32_t body_format = kBodyNone;
@@ -81,36 +70,44 @@ TEST(MsgDocument, BodiesBecomeDocuments) {
     };
     const std::string rtf = kRtf;
     const std::vector<Case> cases = {
-        {"RTF as it is", {CompressedBody(rtf)}, 1, kBodyRtf, rtf},
-        {"RTF wins over a text body", {CompressedBody(rtf), UnicodeProperty("1000", u"t")}, 1, kBodyRtf, rtf},
+        {"RTF as it is", {test::CompressedRtfBody(rtf)}, 1, kBodyRtf, rtf},
+        {"RTF wins over a text body",
+         {test::CompressedRtfBody(rtf), UnicodeProperty("1000", u"t")},
+         1,
+         kBodyRtf,
+         rtf},
         {"HTML without its element is wrapped",
-         {StoredBody("<p>x</p>")},
+         {test::StoredRtfBody("<p>x</p>")},
          1,
          kBodyHtml,
          "<html><p>x</p></html>"},
         {"HTML after spaces and line ends, its element in capitals, is not",
-         {StoredBody("  \r\n<HTML><p>x</p></HTML>")},
+         {test::StoredRtfBody("  \r\n<HTML><p>x</p></HTML>")},
          1,
          kBodyHtml,
          "  \r\n<HTML><p>x</p></HTML>"},
         {"a tab is not among the skipped characters",
-         {StoredBody("\t<html>x</html>")},
+         {test::StoredRtfBody("\t<html>x</html>")},
          1,
          kBodyHtml,
          "<html>\t<html>x</html></html>"},
-        {"\"<htm\" alone is not the element", {StoredBody("<htm>")}, 1, kBodyHtml, "<html><htm></html>"},
+        {"\"<htm\" alone is not the element",
+         {test::StoredRtfBody("<htm>")},
+         1,
+         kBodyHtml,
+         "<html><htm></html>"},
         {"a head without a character set is declared UTF-8",
-         {StoredBody("<html><head></head>x</html>")},
+         {test::StoredRtfBody("<html><head></head>x</html>")},
          1,
          kBodyHtml,
          std::string("<html><head>") + kMeta + "</head>x</html>"},
         {"a declared character set stays",
-         {StoredBody("<html><head><meta charset=us-ascii></head>x</html>")},
+         {test::StoredRtfBody("<html><head><meta charset=us-ascii></head>x</html>")},
          1,
          kBodyHtml,
          "<html><head><meta charset=us-ascii></head>x</html>"},
         {"\"{\\rtf\" decides, not what follows",
-         {StoredBody("{\\rtf1{\\fonttbl{\\f0 A;}}\\pard <html>x</html>}")},
+         {test::StoredRtfBody("{\\rtf1{\\fonttbl{\\f0 A;}}\\pard <html>x</html>}")},
          1,
          kBodyRtf,
          "{\\rtf1{\\fonttbl{\\f0 A;}}\\pard <html>x</html>}"},
@@ -145,8 +142,8 @@ TEST(MsgDocument, HeaderBlockGoesIntoEveryKindOfBody) {
         std::string from;
     };
     const std::vector<Case> cases = {
-        {"RTF", CompressedBody(kRtf), false, "Ann <ann@example.com>"},
-        {"HTML", StoredBody("<html><body>x</body></html>"), false, "Ann &lt;ann@example.com&gt;"},
+        {"RTF", test::CompressedRtfBody(kRtf), false, "Ann <ann@example.com>"},
+        {"HTML", test::StoredRtfBody("<html><body>x</body></html>"), false, "Ann &lt;ann@example.com&gt;"},
         {"text", UnicodeProperty("1000", u"x"), true, "Ann <ann@example.com>"},
     };
     for (const Case& c : cases) {
@@ -171,7 +168,9 @@ TEST(MsgDocument, PlainTextMode) {
     const std::vector<Case> cases = {
         {"UTF-16 text", {UnicodeProperty("1000", u"h\u00E9llo")}, "h\xC3\xA9llo"},
         {"8-bit text as it is", {EightBitProperty("1000", "h\xE9llo")}, "h\xE9llo"},
-        {"the text body, not the RTF", {CompressedBody(kRtf), UnicodeProperty("1000", u"plain")}, "plain"},
+        {"the text body, not the RTF",
+         {test::CompressedRtfBody(kRtf), UnicodeProperty("1000", u"plain")},
+         "plain"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -185,7 +184,7 @@ TEST(MsgDocument, PlainTextMode) {
         EXPECT_EQ(p.document.size(), c.text.size() + 1);
     }
     // Without a text body the document is empty, which is not a failure.
-    const Produced empty = Produce({CompressedBody(kRtf)}, true);
+    const Produced empty = Produce({test::CompressedRtfBody(kRtf)}, true);
     EXPECT_EQ(empty.status, kStatusOk);
     EXPECT_EQ(empty.body_format, kBodyPlainText);
     EXPECT_EQ(empty.document, "");
@@ -195,7 +194,7 @@ TEST(MsgDocument, PlainTextMode) {
 // which leaves the message delivered and its status in the record's reader status, and one while the
 // compound file is opened, which reads as a file that does not open: no body, -9.
 TEST(MsgDocument, TheReaderStatusReachesTheRecord) {
-    KernelTempFile file(BuildMsg({StoredBody("<p>x</p>"), UnicodeProperty("0037", u"s"),
+    KernelTempFile file(BuildMsg({test::StoredRtfBody("<p>x</p>"), UnicodeProperty("0037", u"s"),
                                   test::AttachmentStorage(0, {UnicodeProperty("3704", u"x.png")})})
                             .bytes);
     const std::u16string name = Wide(file.path());
@@ -240,8 +239,8 @@ TEST(MsgDocument, ThroughTheEntryPoints) {
         int32_t format;
     };
     const std::vector<Case> cases = {
-        {"RTF", {CompressedBody(kRtf)}, false, 1, 226},
-        {"HTML", {StoredBody("<p>x</p>")}, false, 1, 369},
+        {"RTF", {test::CompressedRtfBody(kRtf)}, false, 1, 226},
+        {"HTML", {test::StoredRtfBody("<p>x</p>")}, false, 1, 369},
         {"text", {UnicodeProperty("1000", u"t")}, true, 1, 316},
         {"nothing", {UnicodeProperty("0037", u"s")}, false, -9, 0},
     };

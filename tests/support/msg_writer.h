@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/support/cfb_writer.h"
+#include "tests/support/rtf_writer.h"
 
 namespace tarn::test {
 
@@ -36,6 +37,22 @@ inline CfbNode UnicodeProperty(std::string_view id, std::u16string_view text) {
 // "__substg1.0_" + `id` + "001E", holding `bytes` as they are.
 inline CfbNode EightBitProperty(std::string_view id, std::string_view bytes) {
     return CfbNode::Stream(MsgName("__substg1.0_" + std::string(id) + "001E"), MsgBytes(bytes));
+}
+
+// The compressed-RTF body holding `contents` stored as they are ("MELA", with the CRC field 0 as writers
+// store it).
+inline CfbNode StoredRtfBody(std::string_view contents) {
+    return CfbNode::Stream(u"__substg1.0_10090102",
+                           MsgBytes(testing::CompressedRtf(contents, {.comp_type = 0x414C454D, .crc = 0})));
+}
+
+// The compressed-RTF body holding `rtf` compressed ("LZFu") as literal tokens only; RAWSIZE is the RTF's
+// size unless `header` says otherwise.
+inline CfbNode CompressedRtfBody(std::string_view rtf, testing::RtfHeader header = {}) {
+    if (!header.raw_size) header.raw_size = static_cast<uint32_t>(rtf.size());
+    return CfbNode::Stream(
+        u"__substg1.0_10090102",
+        MsgBytes(testing::CompressedRtf(testing::RtfRuns(testing::RtfLiterals(rtf)), header)));
 }
 
 // One entry of the fixed-length property stream.

@@ -41,19 +41,6 @@ constexpr char kAugust2006Text[] = "Sat Aug 12, 2006 06:25 PM";
 constexpr uint64_t kNewYearsEve1999 = 0x01BF53EB01A9FA00;
 constexpr char kNewYearsEve1999Text[] = "Fri Dec 31, 1999 11:59 PM";
 
-// A stored ("MELA") compressed-RTF stream carrying `contents` as they are.
-CfbNode StoredBody(std::string_view contents) {
-    return CfbNode::Stream(MsgName("__substg1.0_10090102"),
-                           MsgBytes(CompressedRtf(contents, {.comp_type = 0x414C454D, .crc = 0})));
-}
-
-// An "LZFu" stream whose tokens are all literals.
-CfbNode CompressedBody(std::string_view rtf, RtfHeader header = {}) {
-    if (!header.raw_size) header.raw_size = static_cast<uint32_t>(rtf.size());
-    return CfbNode::Stream(MsgName("__substg1.0_10090102"),
-                           MsgBytes(CompressedRtf(RtfRuns(RtfLiterals(rtf)), header)));
-}
-
 CfbNode TextBody(std::u16string_view text) { return UnicodeProperty("1000", text); }
 
 // A file on disk holding `children` in its root, opened as a compound file.
@@ -264,26 +251,30 @@ TEST(MsgReader, BodiesAndStatuses) {
         {"a text body alone", {TextBody(u"plain")}, 1, {}, std::string("plain\0", 6)},
         {"an 8-bit text body", {EightBitProperty("1000", "plain\xE9")}, 1, {}, "plain\xE9"},
         {"an empty text body is a body", {TextBody(u"")}, 1, {}, {}},
-        {"compressed RTF", {CompressedBody(rtf)}, 1, rtf, {}},
-        {"RTF beside text", {CompressedBody(rtf), TextBody(u"t")}, 1, rtf, std::string("t\0", 2)},
-        {"stored HTML", {StoredBody("<p>x</p>")}, 1, "<p>x</p>", {}},
+        {"compressed RTF", {test::CompressedRtfBody(rtf)}, 1, rtf, {}},
+        {"RTF beside text", {test::CompressedRtfBody(rtf), TextBody(u"t")}, 1, rtf, std::string("t\0", 2)},
+        {"stored HTML", {test::StoredRtfBody("<p>x</p>")}, 1, "<p>x</p>", {}},
         {"an unknown type is ignored",
-         {CompressedBody(rtf, {.comp_type = 0x44434241}), TextBody(u"t")},
+         {test::CompressedRtfBody(rtf, {.comp_type = 0x44434241}), TextBody(u"t")},
          1,
          {},
          std::string("t\0", 2)},
-        {"an unknown type alone is no body", {CompressedBody(rtf, {.comp_type = 0x44434241})}, -9, {}, {}},
+        {"an unknown type alone is no body",
+         {test::CompressedRtfBody(rtf, {.comp_type = 0x44434241})},
+         -9,
+         {},
+         {}},
         {"a stream too short for its type",
          {CfbNode::Stream(MsgName("__substg1.0_10090102"), {1, 2, 3})},
          -9,
          {},
          {}},
         {"a bad CRC is the decompressor's refusal",
-         {CompressedBody(rtf, {.crc = 1}), TextBody(u"t")},
+         {test::CompressedRtfBody(rtf, {.crc = 1}), TextBody(u"t")},
          -9,
          {},
          {}},
-        {"a wrong size is too", {CompressedBody(rtf, {.comp_size = 7})}, -9, {}, {}},
+        {"a wrong size is too", {test::CompressedRtfBody(rtf, {.comp_size = 7})}, -9, {}, {}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -368,7 +359,7 @@ TEST(MsgClaims, WholeStreamsAreBoundedByWhatTheFileHolds) {
 TEST(MsgClaims, EveryStreamOfAMessageClaimingGigabytes) {
     const std::string html(5000, 'h');
     std::vector<CfbNode> streams = {
-        StoredBody(html),
+        test::StoredRtfBody(html),
         TextBody(std::u16string(3000, u't')),
         UnicodeProperty("0037", std::u16string(3000, u's')),
         PropertyStream(PropertyStreamBytes(std::vector<MsgFixedProperty>(300, {kLong, 0x0017, 2}))),
@@ -407,7 +398,7 @@ TEST(MsgClaims, EveryStreamOfAMessageClaimingGigabytes) {
 // Every allocation of a read failing in turn: each ends in the reader's -1 or in a delivered message,
 // never in a crash or a leak (the test main checks the kernel's leak report).
 TEST(MsgReader, EveryAllocationFailure) {
-    MsgFile file({StoredBody("<p>x</p>"), TextBody(u"text"), UnicodeProperty("0037", u"s"),
+    MsgFile file({test::StoredRtfBody("<p>x</p>"), TextBody(u"text"), UnicodeProperty("0037", u"s"),
                   UnicodeProperty("0C1A", u"n"), UnicodeProperty("5D01", u"a@b"),
                   PropertyStream(PropertyStreamBytes({{kLong, 0x0017, 2}})),
                   AttachmentStorage(0, {UnicodeProperty("3704", u"x.png")})});
