@@ -51,6 +51,8 @@ std::u16string ReadNameIfPresent(const ltp::const_property_object& attachment, l
     return attachment.prop_exists(id) ? attachment.read_wstring(id) : std::u16string();
 }
 
+}  // namespace
+
 // Puts each attachment that the HTML body refers to in place of its references, attachments in table
 // order. The long file name is the key: "cid:" and it, else the file name (long, or short without a
 // long one) itself; the attachment's content id is not consulted. Images go into the document as data
@@ -99,8 +101,6 @@ int32_t InlineAttachedImages(PstMessage& message, CountedString& html, PstFilter
     }
     return kStatusOk;
 }
-
-}  // namespace
 
 int32_t ComposeMessage(PstMessage& message, MessageDocument& entry, bool is_target, int32_t* body_format,
                        PstFilterData* record) {
