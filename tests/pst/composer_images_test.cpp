@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -146,6 +147,42 @@ TEST(ComposerImages, ADamagedAttachmentEndsTheInliningAndKeepsWhatWasDone) {
         EXPECT_EQ(loaded.body,
                   Html("<img src=\"" + Uri(a) + "\"><img src=\"cid:b.png\"><img src=\"cid:c.png\">"));
     }
+}
+
+TEST(ComposerImages, EveryFailedAllocationEndsInAStatusOrKeepsTheImagesDoneSoFar) {
+    const Bytes a = Image(300, 1), b = Image(400, 2);
+    const std::string body = "<img src=\"cid:a.png\"><img src=\"cid:b.png\">";
+    StoreDescription store;
+    store.folders = {{"Inbox", {WithImages("target", body, {{"a.png", "A.PNG", a}, {"b.png", "B.PNG", b}})}}};
+    ScratchDir dir;
+    const std::u16string path = WriteStore(dir, store);
+    const std::string none = Html(body);
+    const std::string first = Html("<img src=\"" + Uri(a) + "\"><img src=\"cid:b.png\">");
+    const std::string both = Html("<img src=\"" + Uri(a) + "\"><img src=\"" + Uri(b) + "\">");
+
+    const uint64_t start = krnctlAllocationCount();
+    ASSERT_EQ(LoadMessage(path, 1).body, both);
+    const uint64_t allocations = krnctlAllocationCount() - start;
+    std::map<std::string, int> outcomes;
+    for (uint64_t nth = 1; nth <= allocations; ++nth) {
+        SCOPED_TRACE(nth);
+        krnctlFailAllocation(static_cast<uint32_t>(nth));
+        const Loaded loaded = LoadMessage(path, 1);
+        krnctlFailAllocation(0);
+        EXPECT_EQ(loaded.error, "");
+        if (loaded.status != kStatusOk) {
+            EXPECT_EQ(loaded.status, kStatusFailure);
+            ++outcomes["failure"];
+            continue;
+        }
+        // A body is never cut: it has every image, the first only, or none.
+        const bool whole = loaded.body == both || loaded.body == first || loaded.body == none;
+        EXPECT_TRUE(whole);
+        ++outcomes[loaded.body == both ? "both" : loaded.body == first ? "first" : "none"];
+    }
+    // The faults reach the inlining itself: some leave the images out and the body delivered.
+    EXPECT_GT(outcomes["failure"], 0);
+    EXPECT_GT(outcomes["first"] + outcomes["none"], 0);
 }
 
 std::string ReadFile(const std::filesystem::path& path) {
