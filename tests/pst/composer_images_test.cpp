@@ -18,6 +18,7 @@
 #include "common/apiutils.h"
 #include "common/status.h"
 #include "pst/filter_data.h"
+#include "pst/image_files.h"
 #include "pst/message_walk.h"
 #include "store/ndb/database.h"
 #include "tests/pst/store_fixture.h"
@@ -188,6 +189,43 @@ TEST(ComposerImages, EveryFailedAllocationEndsInAStatusOrKeepsTheImagesDoneSoFar
 std::string ReadFile(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+TEST(RecordImageFiles, AFailedWriteEndsInAStatusAndLeavesNothingOnceTheRecordGoes) {
+    struct Case {
+        const char* name;
+        int32_t operation;  // 0: an allocation fault, else the file operation made to fail
+        uint32_t nth;
+        int32_t status;
+        size_t listed;  // names in the record afterwards
+    };
+    const Case cases[] = {
+        {"no fault", 0, 0, kStatusOk, 1},
+        {"the image file cannot be created", KRNCTL_WRITE, 1, -1490, 1},
+        {"the name cannot be kept", 0, 1, kStatusFailure, 0},
+    };
+    const Bytes image = Image(100, 1);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        FilterDataHolder record(NewFilterData());
+        ASSERT_NE(record, nullptr);
+        record->temp_file_mode = 1;
+        RecordImageFiles files(record.get());
+        if (c.operation != 0) krnctlFailFileOperation(c.operation, c.nth);
+        if (c.operation == 0) krnctlFailAllocation(c.nth);
+        std::string name;
+        EXPECT_EQ(files.Write(image.data(), image.size(), &name), c.status);
+        krnctlReset();
+        EXPECT_EQ(record->temp_names.length(), c.listed * sizeof(char16_t*));
+        const std::filesystem::path folder = host::Utf8FromWide(record->temp_directory);
+        ASSERT_TRUE(std::filesystem::is_directory(folder));
+        if (c.status == kStatusOk) {
+            EXPECT_EQ(AsString(image), ReadFile(folder / name));
+        }
+        record.reset();
+        EXPECT_FALSE(std::filesystem::exists(folder));
+        EXPECT_EQ(krnctlLeakReport(nullptr, 0), 0u);
+    }
 }
 
 TEST(ComposerImages, InTemporaryFileModeImagesAreFilesThatLiveAsLongAsTheRecord) {
