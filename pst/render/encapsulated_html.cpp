@@ -5,6 +5,7 @@
 #include <cstring>
 #include <deque>
 #include <limits>
+#include <unordered_map>
 
 #include "common/kernel_memory.h"
 #include "platform/codepage.h"
@@ -95,17 +96,24 @@ class Deencapsulator {
         if (pos_ < in_.size() && in_[pos_] == ' ') ++pos_;
     }
 
+    // 0 for a font the table does not have.
     int32_t FontCodePage(int32_t number) const {
-        const RtfFont* font = FontByNumber(fonts_, number);
-        return font == nullptr ? 0 : static_cast<int32_t>(font->code_page);
+        const auto found = font_code_pages_.find(number);
+        return found == font_code_pages_.end() ? 0 : found->second;
     }
 
-    // Reads the font table whose "\fonttbl" is at `p`; `p` ends behind its closing brace.
+    // Reads the font table whose "\fonttbl" is at `p`; `p` ends behind its closing brace. The code pages
+    // are kept by font number, so that a body switching fonts often does not search the table each time;
+    // of two entries with one number the first counts, as in FontByNumber.
     int32_t FontTable(size_t& p) {
         const char* position = in_.data() + p;
         const int32_t status = ParseFontTable(fonts_, position, in_.data() + in_.size());
-        if (status == kStatusOk) p = static_cast<size_t>(position - in_.data());
-        return status;
+        if (status != kStatusOk) return status;
+        p = static_cast<size_t>(position - in_.data());
+        font_code_pages_.clear();
+        for (const RtfFont& font : fonts_.entries())
+            font_code_pages_.emplace(font.number, static_cast<int32_t>(font.code_page));
+        return kStatusOk;
     }
 
     // Everything up to the first "{" that opens an HTML tag group: only the document's code page, its
@@ -396,6 +404,7 @@ class Deencapsulator {
     size_t pos_ = 0;
     int32_t status_ = kStatusOk;
     RtfFontTable fonts_;
+    std::unordered_map<int32_t, int32_t> font_code_pages_;
     int32_t document_code_page_ = kUnset;
     int32_t language_code_page_ = kUnset;
     int32_t default_font_ = kUnset;
