@@ -65,9 +65,9 @@ struct Allocation {
 // past its end doubles its next refill. A refill starts at the position rounded down to
 // kReadWindowAlign, so that a read just behind the last one (a block's neighbour) is often served too.
 constexpr size_t kReadWindows = 8;
-constexpr size_t kReadWindowMin = 4 * 1024;
+constexpr size_t kReadWindowMin = 1024;
 constexpr size_t kReadWindowMax = 32 * 1024;
-constexpr int64_t kReadWindowAlign = 4 * 1024;
+constexpr int64_t kReadWindowAlign = 1024;
 // A read at least this large goes straight into the caller's buffer instead of through a window.
 constexpr size_t kDirectReadSize = kReadWindowMax / 2;
 
