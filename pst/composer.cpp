@@ -138,6 +138,12 @@ int32_t ComposeMessage(PstMessage& message, MessageDocument& entry, bool is_targ
     return kStatusOk;
 }
 
+void ReleaseComposedBodies(MessageDocument& entry) {
+    entry.text_body.Release();
+    entry.compressed_rtf.Release();
+    entry.document.Release();
+}
+
 int32_t AssemblePstDocument(MessageDocument& entry, int32_t* body_format, bool plain_text,
                             PstFilterData* record) {
     GrowBuffer& out = record->document;

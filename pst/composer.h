@@ -33,6 +33,10 @@ int32_t InlineAttachedImages(PstMessage& message, CountedString& html, PstFilter
 int32_t AssemblePstDocument(MessageDocument& entry, int32_t* body_format, bool plain_text,
                             PstFilterData* record);
 
+// Frees what ComposeMessage read into `entry`: its text body, its document and any compressed-RTF
+// copy. The header slots are left as they are.
+void ReleaseComposedBodies(MessageDocument& entry);
+
 // ProduceDocument for a PST: opens the store, counts and clamps, walks to the message and assembles
 // it. Errors while the store is opened or counted are not caught.
 int32_t ProducePstDocument(const char16_t* file_name, PstFilterData* record, int32_t* message_index,
