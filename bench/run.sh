@@ -88,6 +88,23 @@ bench_header() {
   TARN_BENCH_PST="$file" "$build/bench/header_bench" --benchmark_min_time=3
 }
 
+bench_deencapsulate() {
+  build_target deencapsulate_bench
+  scripts/oracles.sh
+  local dir
+  dir="$(mktemp -d)"
+  echo "== deencapsulate: HTML recovered from a \\fromhtml body, and from one that is a single hex-escape run (10 MiB, 1 MiB)"
+  TARN_BENCH_BODY_DIR="$dir" "$build/bench/deencapsulate_bench" --benchmark_min_time=3
+  # rtf-stream-parser's time grows faster than its input (a 10 MiB body takes many minutes), so it is
+  # timed on the 1 MiB bodies only.
+  local body
+  for body in message hex-run; do
+    echo "rtf-stream-parser, $body-1MiB.rtf: $(mean_ms 1 node tests/oracles/deencapsulate.js "$dir/$body-1MiB.rtf" "$dir/$body.html") ms (one run, process)"
+  done
+  rm -rf "$dir"
+}
+
+
 bench_msg() {
   build_target msg_bench
   local files=("$shared"/corpus/msg/*.msg) out ours reader convert
@@ -108,7 +125,7 @@ print([b["real_time"] for b in json.load(open(sys.argv[1]))["benchmarks"] if b["
   rm -rf "$out"
 }
 
-all=(cfb ndb pst ltp header msg)
+all=(cfb ndb pst ltp header deencapsulate msg)
 for name in "${@:-${all[@]}}"; do
   "bench_$name"
 done

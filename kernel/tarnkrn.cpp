@@ -24,6 +24,8 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "kernel/tarnkrn_control.h"
 
@@ -56,10 +58,191 @@ struct Allocation {
     Origin origin;
 };
 
+// A read handle of a regular file keeps up to kReadWindows windows of the file, together at most
+// kReadWindows * kReadWindowMax bytes (256 KiB). A store reader seeks before every page and block it
+// reads, and a walk reads from a few places at once (the tree pages, the blocks, the heap of a table),
+// each moving forward; so each place gets a window of its own, and a window that keeps being read
+// past its end doubles its next refill. A refill starts at the position rounded down to
+// kReadWindowAlign, so that a read just behind the last one (a block's neighbour) is often served too.
+constexpr size_t kReadWindows = 8;
+constexpr size_t kReadWindowMin = 1024;
+constexpr size_t kReadWindowMax = 32 * 1024;
+constexpr int64_t kReadWindowAlign = 1024;
+// A read at least this large goes straight into the caller's buffer instead of through a window.
+constexpr size_t kDirectReadSize = kReadWindowMax / 2;
+
+// Reads into `out` from `at` (or from the descriptor's own position when `at` is negative) until
+// `count` bytes, the end of the file, or an error. Returns the bytes read, or -1 when an error came
+// before any byte.
+int64_t ReadFully(int fd, unsigned char* out, size_t count, int64_t at) {
+    size_t total = 0;
+    while (total < count) {
+        const ssize_t got = at < 0 ? ::read(fd, out + total, count - total)
+                                   : ::pread(fd, out + total, count - total,
+                                             static_cast<off_t>(at + static_cast<int64_t>(total)));
+        if (got < 0) {
+            if (errno == EINTR) continue;
+            return total > 0 ? static_cast<int64_t>(total) : -1;
+        }
+        if (got == 0) break;
+        total += static_cast<size_t>(got);
+    }
+    return static_cast<int64_t>(total);
+}
+
+// Some bytes of the file, as they were when read.
+struct ReadWindow {
+    std::unique_ptr<unsigned char[]> bytes;  // kReadWindowMax bytes, plain heap memory
+    int64_t start = 0;                       // file offset of bytes[0]
+    size_t length = 0;                       // bytes that hold the file; 0: empty
+    size_t refill = kReadWindowMin;          // bytes the last refill asked for
+    uint64_t used = 0;                       // when last read from, for replacement
+
+    int64_t end() const { return start + static_cast<int64_t>(length); }
+    bool Holds(int64_t at) const { return length > 0 && at >= start && at < end(); }
+};
+
+// One open file. A read handle of a regular file keeps its own position and its read windows: seeks
+// and reads give exactly what the descriptor would (the same positions, short reads and failures),
+// but a seek within what the file held when it was opened, or within a window, and a read that a
+// window holds make no system call. The windows are plain heap memory, not the tracked allocator's,
+// so the allocation counts that tests assert do not see them. Written files and anything that is not
+// a regular file go to the descriptor directly. Shared, so that a close on another thread cannot take
+// the descriptor from under a read.
 struct OpenFile {
     int fd = -1;
     std::string path;
     bool writable = false;
+    bool buffered = false;  // a regular file opened for reading
+
+    std::mutex mutex;         // guards what follows; taken after the kernel's mutex is released
+    int64_t position = 0;     // the position the handle reports (buffered files)
+    int64_t opened_size = 0;  // the size at open: every position up to it is one the file system allows
+    std::vector<ReadWindow> windows;
+    uint64_t reads = 0;
+
+    OpenFile(int descriptor, std::string name, bool for_writing, bool regular, int64_t size)
+        : fd(descriptor),
+          path(std::move(name)),
+          writable(for_writing),
+          buffered(regular && !for_writing),
+          opened_size(size) {}
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+    ~OpenFile() {
+        if (fd >= 0) ::close(fd);
+    }
+
+    // Requires: `mutex` is held and the file is buffered.
+    int64_t Seek(int64_t offset, int whence) {
+        int64_t target = offset;
+        if (whence == SEEK_END) {
+            // The end is the file's, asked for every time: it may have changed since the open.
+            const off_t moved = ::lseek(fd, static_cast<off_t>(offset), SEEK_END);
+            if (moved < 0) return -1;
+            position = moved;
+            return position;
+        }
+        if (whence == SEEK_CUR && __builtin_add_overflow(position, offset, &target)) return -1;
+        bool known = target >= 0 && target <= opened_size;
+        for (const ReadWindow& w : windows)
+            known = known || (w.length > 0 && target >= w.start && target <= w.end());
+        if (!known) {
+            // Let the descriptor judge the position: negative, or beyond what the file system allows.
+            const off_t moved = ::lseek(fd, static_cast<off_t>(target), SEEK_SET);
+            if (moved < 0) return -1;
+            target = moved;
+        }
+        position = target;
+        return position;
+    }
+
+    // Requires: `mutex` is held, the file is buffered and `count` is positive.
+    int32_t Read(unsigned char* out, int32_t count) {
+        const size_t wanted = static_cast<size_t>(count);
+        size_t total = 0;
+        ++reads;
+        // What the windows hold, from the position on (a read may run from one window into the next).
+        while (total < wanted) {
+            ReadWindow* w = Find(position);
+            if (w == nullptr) break;
+            total += Take(*w, out + total, wanted - total);
+        }
+        if (total == wanted) return count;
+
+        const size_t rest = wanted - total;
+        if (rest < kDirectReadSize) {
+            ReadWindow* w = nullptr;
+            // Nothing at all where something was asked for is the end of a regular file.
+            if (Refill(rest, w) == 0) return static_cast<int32_t>(total);
+            if (w->Holds(position)) total += Take(*w, out + total, rest);
+            if (total == wanted) return count;
+        }
+        // A large read, or one the refill could not complete (an error, a read cut short): straight
+        // from the descriptor, as an unbuffered read would.
+        const int64_t got = ReadFully(fd, out + total, wanted - total, position);
+        if (got < 0) return total > 0 ? static_cast<int32_t>(total) : -1;
+        position += got;
+        return static_cast<int32_t>(total + static_cast<size_t>(got));
+    }
+
+  private:
+    ReadWindow* Find(int64_t at) {
+        for (ReadWindow& w : windows) {
+            if (w.Holds(at)) return &w;
+        }
+        return nullptr;
+    }
+
+    // Copies what `w` holds at the position, up to `count` bytes, and moves the position past it.
+    // Requires: w.Holds(position).
+    size_t Take(ReadWindow& w, unsigned char* out, size_t count) {
+        const size_t skip = static_cast<size_t>(position - w.start);
+        const size_t n = std::min(count, w.length - skip);
+        std::memcpy(out, w.bytes.get() + skip, n);
+        position += static_cast<int64_t>(n);
+        w.used = reads;
+        return n;
+    }
+
+    // Fills a window from the position rounded down, for a read of `count` bytes there, with one
+    // system call, and returns what that call returned. The window continues one whose end the
+    // position lies just beyond (its refill doubles), or else is a free one or the least recently
+    // read. A failed refill leaves it empty.
+    ssize_t Refill(size_t count, ReadWindow*& filled) {
+        ReadWindow* chosen = nullptr;
+        size_t refill = kReadWindowMin;
+        for (ReadWindow& w : windows) {
+            if (w.length > 0 && position >= w.end() && position - w.end() < static_cast<int64_t>(w.refill)) {
+                chosen = &w;
+                refill = std::min(w.refill * 2, kReadWindowMax);
+                break;
+            }
+        }
+        if (chosen == nullptr && windows.size() < kReadWindows) {
+            chosen = &windows.emplace_back();
+            chosen->bytes = std::make_unique<unsigned char[]>(kReadWindowMax);
+        }
+        if (chosen == nullptr) {
+            chosen =
+                &*std::min_element(windows.begin(), windows.end(),
+                                   [](const ReadWindow& a, const ReadWindow& b) { return a.used < b.used; });
+        }
+        const int64_t start = position - position % kReadWindowAlign;
+        const size_t reach = static_cast<size_t>(position - start) + count;
+        refill = std::min(kReadWindowMax,
+                          std::max(refill, (reach + kReadWindowMin - 1) / kReadWindowMin * kReadWindowMin));
+        ssize_t got;
+        do {
+            got = ::pread(fd, chosen->bytes.get(), refill, static_cast<off_t>(start));
+        } while (got < 0 && errno == EINTR);
+        chosen->start = start;
+        chosen->length = got > 0 ? static_cast<size_t>(got) : 0;
+        chosen->refill = refill;
+        chosen->used = reads;
+        filled = chosen;
+        return got;
+    }
 };
 
 struct Fault {
@@ -85,7 +268,7 @@ struct Kernel {
     std::mutex mutex;
     std::unordered_map<void*, Allocation> allocations;
     std::map<std::pair<int32_t, const void*>, Origin> objects;
-    std::map<krn_handle, OpenFile> files;
+    std::map<krn_handle, std::shared_ptr<OpenFile>> files;
     std::set<std::string> temp_files;
     krn_handle next_handle = 3;
     uint64_t allocation_count = 0;
@@ -155,28 +338,27 @@ void* TrackedAllocate(Kernel& k, size_t bytes, bool zeroed, const char* file, in
 // True for characters that belong to no one script and so join the run they stand in.
 bool JoinsAnyRun(UScriptCode script) { return script == USCRIPT_COMMON || script == USCRIPT_INHERITED; }
 
+// The file behind a handle, or null.
+std::shared_ptr<OpenFile> FindFile(Kernel& k, krn_handle handle) {
+    auto it = k.files.find(handle);
+    return it == k.files.end() ? nullptr : it->second;
+}
+
 int32_t ReadCommon(krn_handle handle, void* buffer, int32_t count) {
-    int fd;
+    std::shared_ptr<OpenFile> file;
     {
         Kernel& k = K();
         std::lock_guard lock(k.mutex);
         if (k.fail_read.Fire()) return -1;
-        auto it = k.files.find(handle);
-        if (it == k.files.end() || buffer == nullptr || count < 0) return -1;
-        fd = it->second.fd;
+        file = FindFile(k, handle);
+        if (file == nullptr || buffer == nullptr || count < 0) return -1;
     }
-    int32_t total = 0;
     auto* out = static_cast<unsigned char*>(buffer);
-    while (total < count) {
-        ssize_t got = ::read(fd, out + total, static_cast<size_t>(count - total));
-        if (got < 0) {
-            if (errno == EINTR) continue;
-            return total > 0 ? total : -1;
-        }
-        if (got == 0) break;
-        total += static_cast<int32_t>(got);
-    }
-    return total;
+    if (count == 0) return 0;
+    if (!file->buffered)
+        return static_cast<int32_t>(ReadFully(file->fd, out, static_cast<size_t>(count), -1));
+    std::lock_guard lock(file->mutex);
+    return file->Read(out, count);
 }
 
 int32_t DeleteCommon(const char16_t* path) {
@@ -209,30 +391,29 @@ krn_handle krnOpenFile(const char16_t* name, int32_t /*mode*/, int32_t /*share*/
         ::close(fd);
         return KRN_NO_HANDLE;
     }
+    auto file = std::make_shared<OpenFile>(fd, std::move(path), false, S_ISREG(st.st_mode) != 0,
+                                           static_cast<int64_t>(st.st_size));
     std::lock_guard lock(k.mutex);
     krn_handle handle = k.next_handle++;
-    k.files[handle] = OpenFile{fd, path, false};
+    k.files[handle] = std::move(file);
     return handle;
 }
 
 void krnCloseFile(krn_handle handle) {
     Kernel& k = K();
     std::lock_guard lock(k.mutex);
-    auto it = k.files.find(handle);
-    if (it == k.files.end()) return;
-    ::close(it->second.fd);
-    k.files.erase(it);
+    // The descriptor closes with the last user of the file.
+    k.files.erase(handle);
 }
 
 int64_t krnSeekFile(krn_handle handle, int32_t offset_low, int32_t offset_high, int32_t origin) {
-    int fd;
+    std::shared_ptr<OpenFile> file;
     {
         Kernel& k = K();
         std::lock_guard lock(k.mutex);
         if (k.fail_seek.Fire()) return -1;
-        auto it = k.files.find(handle);
-        if (it == k.files.end()) return -1;
-        fd = it->second.fd;
+        file = FindFile(k, handle);
+        if (file == nullptr) return -1;
     }
     int whence = origin == KRN_SEEK_START     ? SEEK_SET
                  : origin == KRN_SEEK_CURRENT ? SEEK_CUR
@@ -241,7 +422,12 @@ int64_t krnSeekFile(krn_handle handle, int32_t offset_low, int32_t offset_high, 
     if (whence < 0) return -1;
     uint64_t bits =
         (static_cast<uint64_t>(static_cast<uint32_t>(offset_high)) << 32) | static_cast<uint32_t>(offset_low);
-    off_t result = ::lseek(fd, static_cast<off_t>(static_cast<int64_t>(bits)), whence);
+    const auto offset = static_cast<int64_t>(bits);
+    if (file->buffered) {
+        std::lock_guard lock(file->mutex);
+        return file->Seek(offset, whence);
+    }
+    off_t result = ::lseek(file->fd, static_cast<off_t>(offset), whence);
     return result < 0 ? -1 : static_cast<int64_t>(result);
 }
 
@@ -265,20 +451,20 @@ krn_handle krnCreateFile(const char16_t* path, int32_t /*flags*/) {
     if (fd < 0) return KRN_NO_HANDLE;
     std::lock_guard lock(k.mutex);
     krn_handle handle = k.next_handle++;
-    k.files[handle] = OpenFile{fd, name, true};
+    k.files[handle] = std::make_shared<OpenFile>(fd, std::move(name), true, false, 0);
     return handle;
 }
 
 int32_t krnWriteFile(krn_handle handle, const void* bytes, int32_t count, int32_t /*flags*/) {
-    int fd;
+    std::shared_ptr<OpenFile> file;
     {
         Kernel& k = K();
         std::lock_guard lock(k.mutex);
         if (k.fail_write.Fire()) return 0;
-        auto it = k.files.find(handle);
-        if (it == k.files.end() || !it->second.writable || bytes == nullptr || count < 0) return 0;
-        fd = it->second.fd;
+        file = FindFile(k, handle);
+        if (file == nullptr || !file->writable || bytes == nullptr || count < 0) return 0;
     }
+    const int fd = file->fd;
     int32_t total = 0;
     const auto* in = static_cast<const unsigned char*>(bytes);
     while (total < count) {
@@ -297,7 +483,9 @@ int32_t krnCloseCreatedFile(krn_handle handle, int32_t /*flags*/) {
     std::lock_guard lock(k.mutex);
     auto it = k.files.find(handle);
     if (it == k.files.end()) return kStatusBadArgument;
-    int rc = ::close(it->second.fd);
+    // Closed here rather than by the last user, so that the caller learns whether the close worked.
+    int rc = ::close(it->second->fd);
+    it->second->fd = -1;
     k.files.erase(it);
     return rc == 0 ? kStatusOk : kStatusFailure;
 }
@@ -602,7 +790,7 @@ size_t krnctlLeakReport(char* out, size_t capacity) {
             report += line;
         }
         for (const auto& [handle, file] : k.files) {
-            report += "file handle " + std::to_string(handle) + " still open: " + file.path + "\n";
+            report += "file handle " + std::to_string(handle) + " still open: " + file->path + "\n";
         }
         for (const auto& [handle, font] : k.fonts) {
             std::string face;

@@ -27,6 +27,21 @@ int32_t WalkFolder(const ndb::db_ptr& db, ndb::node_id folder, const MessageVisi
     return kWalkNext;
 }
 
+// Releases the bodies of a message composed before the target when its composition ends, whether it
+// gave a status or threw.
+class BodyRelease {
+  public:
+    explicit BodyRelease(MessageDocument* entry) : entry_(entry) {}
+    BodyRelease(const BodyRelease&) = delete;
+    BodyRelease& operator=(const BodyRelease&) = delete;
+    ~BodyRelease() {
+        if (entry_ != nullptr) ReleaseComposedBodies(*entry_);
+    }
+
+  private:
+    MessageDocument* entry_;
+};
+
 }  // namespace
 
 int32_t CountMessages(const ndb::db_ptr& db, MessageListPtr* list) {
@@ -84,7 +99,12 @@ int32_t SelectMessage(const ndb::db_ptr& db, MessageList& list, int32_t index, i
         // and the target, which lies within it, has been passed already.
         if (running < 0 || running >= list.count) return kWalkFinished;
         const bool target = running == index;
-        const int32_t result = ComposeMessage(message, list.entries[running], target, body_format, record);
+        MessageDocument& entry = list.entries[running];
+        // A message before the target is composed in full only for the status it gives (a malformed
+        // RTF body ends the walk there); its bodies go as soon as it has given it, so that memory stays
+        // flat however far the target lies. Each gets buffers of its own; none are kept for the next.
+        const BodyRelease release(target ? nullptr : &entry);
+        const int32_t result = ComposeMessage(message, entry, target, body_format, record);
         if (result < kStatusOk) return result;
         if (result == kStatusNotPresent) return kWalkNext;
         if (target) {

@@ -65,7 +65,9 @@ int32_t WalkMessages(const ndb::db_ptr& db, const MessageVisitor& visit,
 
 // Composes every message up to the one at `index` (running index; skipped messages take none) into the
 // list's entries. 1 (also when the target is never reached: its entry then has no body), or the
-// composer's failure status.
+// composer's failure status. Only the target keeps what was composed: every message before it is read
+// in full (so that its failures end the walk as they would), and its bodies are released as soon as
+// its composition has given its status.
 int32_t SelectMessage(const ndb::db_ptr& db, MessageList& list, int32_t index, int32_t* body_format,
                       PstFilterData* record);
 

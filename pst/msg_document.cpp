@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "common/status.h"
+#include "pst/image_files.h"
 #include "pst/msg/msg_reader.h"
 #include "pst/render/charset.h"
 #include "pst/render/header_block.h"
@@ -79,6 +80,9 @@ int32_t ProduceMsgDocument(const char16_t* file_name, PstFilterData* record, int
     MsgReadOptions options;
     // Images are inlined once per record: a record that already wrote image files has them.
     options.walk_attachments = record->temp_names.length() == 0;
+    // A document handed over as a file has its images as files beside it; one in memory, as data URIs.
+    RecordImageFiles files(record);
+    if (record->temp_file_mode != 0) options.image_files = &files;
     if (const int32_t status = ReadMsgMessage(entry, file_name, options); status != kStatusOk) return status;
     const int32_t status = AssembleMsgDocument(entry, body_format, plain_text, record);
     record->reader_status = entry.reader_status;

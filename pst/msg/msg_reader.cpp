@@ -82,8 +82,9 @@ int32_t InlineAttachment(const cfb::CompoundStorage& storage, const std::string&
     int32_t count = 0;
     const int32_t status =
         InlineImage(&record.document, reference, data.data(), data.size(), image_files, &count);
-    // 0: this image cannot be encoded and stays a reference; the other images are still inlined.
-    return status == 0 ? kStatusOk : status;
+    // An image too small to encode (0) or empty (-13) stays a reference; the other images are still
+    // inlined.
+    return status == 0 || status == kStatusBadArgument ? kStatusOk : status;
 }
 
 // Inlines the images of every attachment storage. 1, or the first failure, which ends the walk.

@@ -3,9 +3,11 @@
 #include <cstring>
 #include <limits>
 #include <span>
+#include <utility>
 
 #include "common/crc32.h"
 #include "common/little_endian.h"
+#include "pst/render/encapsulated_html.h"
 
 namespace tarn {
 namespace {
@@ -160,14 +162,27 @@ int32_t DecompressRtfBuffer(const std::byte* data, size_t size, CountedString& d
     if (data == nullptr || size < kRtfHeaderSize) return kStatusUnsupported;
     const Header header = ReadHeader(data);
     if (header.comp_size != size - 4) return kStatusUnsupported;
+    CountedString rtf;
+    int32_t status = kStatusUnsupported;
     if (header.comp_type == kRtfUncompressed) {
         const uint64_t raw = header.raw_size;
         const size_t count = raw + kRtfHeaderSize < size ? static_cast<size_t>(raw) : size - kRtfHeaderSize;
-        return CopyInto(data + kRtfHeaderSize, count, document);
+        status = CopyInto(data + kRtfHeaderSize, count, rtf);
+    } else if (header.comp_type == kRtfCompressed) {
+        if (RtfCrc(data, size - kRtfHeaderSize) != header.crc) return kStatusUnsupported;
+        status = DecompressInto(std::span(data, size), header.raw_size, true, rtf);
     }
-    if (header.comp_type != kRtfCompressed) return kStatusUnsupported;
-    if (RtfCrc(data, size - kRtfHeaderSize) != header.crc) return kStatusUnsupported;
-    return DecompressInto(std::span(data, size), header.raw_size, true, document);
+    if (status != kStatusOk) return status;
+    // A body that encapsulates HTML is handed on as that HTML. A failure there is the call's failure,
+    // and leaves the document as it was like any other.
+    if (IsEncapsulatedHtml(rtf.text())) {
+        status = DeencapsulateHtml(&rtf);
+        if (status == kStatusOk) status = RewriteConditionalComments(&rtf);
+        if (status == kStatusOk) status = TrimLongDivs(&rtf);
+        if (status != kStatusOk) return status;
+    }
+    document = std::move(rtf);
+    return kStatusOk;
 }
 
 }  // namespace tarn

@@ -36,6 +36,10 @@ int32_t DecompressRtfStream(std::istream& stream, CountedString& document);
 // Decompresses `size` bytes into `document`: RAWSIZE bytes, with a NUL behind them that the size does
 // not count. "MELA" data is copied with no CRC check (RAWSIZE bytes, or what there is), and only
 // "LZFu" data has its CRC checked. 1, -9, -1 as above.
+//
+// An RTF body that encapsulates HTML (IsEncapsulatedHtml) is handed on: the document receives the HTML
+// that DeencapsulateHtml recovers, tidied by RewriteConditionalComments and TrimLongDivs, NUL-terminated
+// (the NUL counted in its size). A failure of any of those is returned as it is.
 int32_t DecompressRtfBuffer(const std::byte* data, size_t size, CountedString& document);
 
 }  // namespace tarn

@@ -49,14 +49,7 @@ std::vector<prop_id> property_bag::prop_list() const {
 
 prop_type property_bag::get_prop_type(prop_id id) const { return index_->lookup(id).type; }
 
-bool property_bag::prop_exists(prop_id id) const {
-    try {
-        index_->lookup(id);
-        return true;
-    } catch (const key_not_found<prop_id>&) {
-        return false;
-    }
-}
+bool property_bag::prop_exists(prop_id id) const { return index_->find(id) != nullptr; }
 
 uint32_t property_bag::prop_size(prop_id id) const {
     return static_cast<uint32_t>(hnid_value_size(heap(), get_value_4(id)));

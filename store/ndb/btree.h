@@ -39,8 +39,20 @@ class btree_node {
   public:
     virtual ~btree_node() = default;
 
+    // The value stored for `key`, or null exactly where lookup throws key_not_found<K>; any other
+    // failure throws as it does. For the callers that ask whether a key is there, which is common
+    // (most properties a reader asks for are absent), without paying for an exception each time.
+    virtual const V* find(const K& key) const = 0;
+
     // The value stored for `key`. Throws key_not_found<K> when the tree has none.
-    virtual const V& lookup(const K& key) const = 0;
+    const V& lookup(const K& key) const {
+        if (const V* value = find(key)) return *value;
+        throw key_not_found<K>(key);
+    }
+
+    // This node as an intermediate node, or null for a leaf: the descent asks it at every level, which
+    // a virtual call answers more cheaply than a cast across the virtual bases.
+    virtual const btree_node_nonleaf<K, V>* as_nonleaf() const { return nullptr; }
     virtual const K& get_key(size_t position) const = 0;
     virtual size_t num_values() const = 0;
 
@@ -75,11 +87,10 @@ class btree_node_leaf : public virtual btree_node<K, V> {
   public:
     virtual const V& get_value(size_t position) const = 0;
 
-    const V& lookup(const K& key) const override {
+    const V* find(const K& key) const override {
         const int position = this->binary_search(key);
-        if (position < 0 || !(this->get_key(static_cast<size_t>(position)) == key))
-            throw key_not_found<K>(key);
-        return get_value(static_cast<size_t>(position));
+        if (position < 0 || !(this->get_key(static_cast<size_t>(position)) == key)) return nullptr;
+        return &get_value(static_cast<size_t>(position));
     }
 
     void first(btree_iter_state<K, V>& state) const override {
@@ -134,17 +145,19 @@ class btree_node_nonleaf : public virtual btree_node<K, V> {
 
     // Descends level by level (a loop, not recursion) and counts the levels: a child's own level is
     // deliberately not compared with its parent's, so the count is what stops a tree that never ends.
-    const V& lookup(const K& key) const override {
+    const V* find(const K& key) const override {
         const btree_node<K, V>* node = this;
         for (size_t depth = 0;; ++depth) {
-            const auto* nonleaf = dynamic_cast<const btree_node_nonleaf<K, V>*>(node);
-            if (nonleaf == nullptr) return node->lookup(key);
+            const btree_node_nonleaf<K, V>* nonleaf = node->as_nonleaf();
+            if (nonleaf == nullptr) return node->find(key);
             if (depth >= kMaxBtreeDepth) throw database_corrupt("b-tree nests deeper than any store can");
             const int position = nonleaf->binary_search(key);
-            if (position < 0) throw key_not_found<K>(key);
+            if (position < 0) return nullptr;
             node = nonleaf->get_child(static_cast<size_t>(position));
         }
     }
+
+    const btree_node_nonleaf<K, V>* as_nonleaf() const override { return this; }
 
     void first(btree_iter_state<K, V>& state) const override {
         enter(state, 0);

@@ -1,10 +1,16 @@
 // The kernel stand-in's own behaviour: what the filter relies on of files, memory, the registry,
 // temporary names, conversion and the control interface.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iterator>
+#include <optional>
+#include <random>
 #include <string>
 
 #include "kernel/tarnkrn.h"
@@ -105,6 +111,202 @@ TEST(Kernel, FaultInjectionFailsTheNthCallOnly) {
     EXPECT_EQ(krnReadFile(h, &c, 1), -1);
     EXPECT_EQ(krnReadFile(h, &c, 1), 1);
     krnCloseFile(h);
+}
+
+// The position and the bytes a plain descriptor gives: what every seek and read of a kernel handle must
+// give too, however the kernel serves them.
+class DescriptorModel {
+  public:
+    explicit DescriptorModel(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+        struct stat st {};
+        if (fd_ >= 0 && ::fstat(fd_, &st) == 0) size_ = st.st_size;
+    }
+    ~DescriptorModel() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    bool valid() const { return fd_ >= 0; }
+
+    int64_t Seek(int64_t offset, int32_t origin) {
+        const int64_t base = origin == KRN_SEEK_START     ? 0
+                             : origin == KRN_SEEK_CURRENT ? position_
+                             : origin == KRN_SEEK_END     ? size_
+                                                          : -1;
+        if (base < 0 || (offset < 0 && base + offset < 0)) return -1;
+        position_ = base + offset;
+        return position_;
+    }
+
+    // The bytes read, or nullopt for a failed read.
+    std::optional<std::string> Read(int32_t count) {
+        std::string out(static_cast<size_t>(count), '\0');
+        size_t total = 0;
+        while (total < out.size()) {
+            const ssize_t got = ::pread(fd_, out.data() + total, out.size() - total,
+                                        static_cast<off_t>(position_ + static_cast<int64_t>(total)));
+            if (got < 0) return std::nullopt;
+            if (got == 0) break;
+            total += static_cast<size_t>(got);
+        }
+        out.resize(total);
+        position_ += static_cast<int64_t>(total);
+        return out;
+    }
+
+  private:
+    int fd_;
+    int64_t size_ = 0;
+    int64_t position_ = 0;
+};
+
+// Bytes that differ from place to place, so that a read from the wrong offset shows.
+std::string NumberedBytes(size_t size) {
+    std::string bytes(size, '\0');
+    uint32_t x = 0x9E3779B9u;
+    for (char& c : bytes) {
+        x ^= x << 13;
+        x ^= x >> 17;
+        x ^= x << 5;
+        c = static_cast<char>(x >> 24);
+    }
+    return bytes;
+}
+
+int64_t KernelSeek(krn_handle h, int64_t offset, int32_t origin) {
+    const auto bits = static_cast<uint64_t>(offset);
+    return krnSeekFile(h, static_cast<int32_t>(static_cast<uint32_t>(bits)),
+                       static_cast<int32_t>(static_cast<uint32_t>(bits >> 32)), origin);
+}
+
+TEST(KernelFiles, EverySeekAndReadGivesWhatTheDescriptorGives) {
+    // Larger than everything the kernel may keep of a file, and not a multiple of any block size.
+    constexpr size_t kSize = 700 * 1024 + 123;
+    const std::string content = NumberedBytes(kSize);
+    TempPath file(content);
+    DescriptorModel model(file.path());
+    ASSERT_TRUE(model.valid());
+    krn_handle h = krnOpenFile(file.wide().c_str(), 0, 256);
+    ASSERT_NE(h, KRN_NO_HANDLE);
+
+    const auto size = static_cast<int64_t>(kSize);
+    // Read sizes: nothing, the store's pages and blocks, sizes around the kernel's own windows, and
+    // more than all of them together.
+    const int32_t kReadSizes[] = {
+        0,         1,          7,         448, 512, 4095, 4096, 8192, 16 * 1024 - 1, 16 * 1024, 32 * 1024 + 5,
+        64 * 1024, 256 * 1024, 300 * 1024};
+    std::mt19937 random(20261123);
+    auto pick = [&](int64_t low, int64_t high) {
+        return std::uniform_int_distribution<int64_t>(low, high)(random);
+    };
+    int64_t position = 0;  // the model's, to aim seeks near it
+    for (int step = 0; step < 20000; ++step) {
+        SCOPED_TRACE("step " + std::to_string(step));
+        const int64_t kind = pick(0, 9);
+        if (kind < 4) {
+            // Seeks: near the position both ways (inside and just outside what was read), anywhere,
+            // before the start, at and beyond the end, far beyond it, and an unknown origin.
+            int32_t origin = KRN_SEEK_START;
+            int64_t offset = 0;
+            switch (pick(0, 8)) {
+                case 0:
+                    offset = position + pick(-5000, 5000);
+                    break;
+                case 1:
+                    offset = pick(0, size);
+                    break;
+                case 2:
+                    origin = KRN_SEEK_CURRENT;
+                    offset = pick(-70000, 70000);
+                    break;
+                case 3:
+                    origin = KRN_SEEK_CURRENT;
+                    offset = 0;
+                    break;
+                case 4:
+                    origin = KRN_SEEK_END;
+                    offset = pick(-size - 10, 10);
+                    break;
+                case 5:
+                    offset = -pick(1, 1 << 20);
+                    break;
+                case 6:
+                    offset = size + pick(0, 300000);
+                    break;
+                case 7:
+                    offset = int64_t{1} << pick(32, 40);
+                    break;
+                default:
+                    origin = static_cast<int32_t>(pick(3, 5));
+                    offset = pick(0, size);
+                    break;
+            }
+            const int64_t expected = model.Seek(offset, origin);
+            ASSERT_EQ(KernelSeek(h, offset, origin), expected) << "origin " << origin << " offset " << offset;
+            if (expected >= 0) position = expected;
+        } else {
+            // Mostly small reads that move forward, as a walk makes them.
+            const int32_t count = kReadSizes[pick(0, std::size(kReadSizes) - 1)];
+            const std::optional<std::string> expected = model.Read(count);
+            ASSERT_TRUE(expected.has_value());
+            std::string got(static_cast<size_t>(count) + 1, '\0');
+            const int32_t n =
+                (step & 1) != 0 ? krnReadFile(h, got.data(), count) : krnReadStoreFile(h, got.data(), count);
+            ASSERT_EQ(n, static_cast<int32_t>(expected->size())) << "read " << count << " at " << position;
+            got.resize(static_cast<size_t>(n));
+            ASSERT_TRUE(got == *expected) << "read " << count << " at " << position;
+            position += n;
+        }
+    }
+    // The file's own bytes, once more from the start in one read: the model reads the same file.
+    ASSERT_EQ(KernelSeek(h, 0, KRN_SEEK_START), 0);
+    std::string whole(kSize, '\0');
+    EXPECT_EQ(krnReadFile(h, whole.data(), static_cast<int32_t>(kSize)), static_cast<int32_t>(kSize));
+    EXPECT_TRUE(whole == content);
+    krnCloseFile(h);
+}
+
+TEST(KernelFiles, FaultsCountCallsAndNothingIsAllocatedFromTheTrackedHeap) {
+    const std::string content = NumberedBytes(100 * 1024);
+    TempPath file(content);
+    const uint64_t allocations = krnctlAllocationCount();
+    krn_handle h = krnOpenFile(file.wide().c_str(), 0, 256);
+    ASSERT_NE(h, KRN_NO_HANDLE);
+
+    // Ten small reads, one after the other, that a single fill of the kernel's buffer can serve: the
+    // third call fails all the same, reads nothing and leaves the position where it was.
+    struct Step {
+        int32_t fail_read_at;  // 0: no read fault armed
+        int32_t fail_seek_at;  // 0: no seek fault armed; counts both seeks of every call
+    };
+    const Step kSteps[] = {{3, 0}, {1, 0}, {10, 0}, {0, 2}, {0, 1}, {0, 20}, {4, 5}};
+    for (const Step& s : kSteps) {
+        SCOPED_TRACE("read fault " + std::to_string(s.fail_read_at) + ", seek fault " +
+                     std::to_string(s.fail_seek_at));
+        ASSERT_EQ(KernelSeek(h, 0, KRN_SEEK_START), 0);
+        krnctlFailFileOperation(KRNCTL_READ, static_cast<uint32_t>(s.fail_read_at));
+        krnctlFailFileOperation(KRNCTL_SEEK, static_cast<uint32_t>(s.fail_seek_at));
+        int64_t expected_position = 0;
+        int32_t seeks = 0;
+        for (int call = 1; call <= 10; ++call) {
+            // Each call: a seek to where the last read ended (free inside the buffer), 16 bytes, and a
+            // seek that tells the position.
+            const int64_t sought = KernelSeek(h, expected_position, KRN_SEEK_START);
+            EXPECT_EQ(sought, ++seeks == s.fail_seek_at ? -1 : expected_position) << "call " << call;
+            char bytes[16] = {};
+            const int32_t n = krnReadStoreFile(h, bytes, sizeof bytes);
+            if (call == s.fail_read_at) {
+                EXPECT_EQ(n, -1) << "call " << call;
+                continue;
+            }
+            ASSERT_EQ(n, 16) << "call " << call;
+            EXPECT_EQ(std::string(bytes, 16), content.substr(static_cast<size_t>(expected_position), 16));
+            expected_position += 16;
+            EXPECT_EQ(KernelSeek(h, 0, KRN_SEEK_CURRENT), ++seeks == s.fail_seek_at ? -1 : expected_position);
+        }
+        krnctlReset();
+    }
+    krnCloseFile(h);
+    EXPECT_EQ(krnctlAllocationCount(), allocations);
+    EXPECT_EQ(krnctlOutstandingAllocations(), 0u);
 }
 
 TEST(Kernel, RegistryAndAccounting) {

@@ -307,14 +307,139 @@ TEST(StoreWalk, TheListAndWhatTheWalkLeavesInIt) {
     ASSERT_EQ(SelectMessage(db, *list, 1, &body_format, record.get()), kStatusOk);
     EXPECT_EQ(list->count, 2) << "lowered to index + 1 at the target";
     EXPECT_EQ(body_format, kBodyHtml);
-    // Messages before the target get their bodies but no header fields; the target gets both.
-    EXPECT_EQ(list->entries[0].document.text(), "<p>1</p>");
+    // A message before the target keeps nothing: its bodies went once it was composed, and it never
+    // gets header fields. The target keeps its body and its header fields.
+    EXPECT_EQ(list->entries[0].document.data(), nullptr);
+    EXPECT_EQ(list->entries[0].text_body.data(), nullptr);
     EXPECT_EQ(list->entries[0].header[kSlotSubject].data(), nullptr);
     EXPECT_EQ(list->entries[0].header[kSlotFrom].data(), nullptr);
     EXPECT_EQ(list->entries[1].document.text(), "<p>2</p>");
     EXPECT_EQ(list->entries[1].header[kSlotSubject].text(), "second");
     EXPECT_EQ(list->entries[1].header[kSlotFrom].text(), "Bob");
     EXPECT_EQ(list->entries[2].document.data(), nullptr) << "nothing after the target is read";
+}
+
+TEST(StoreWalk, WhatTheWalkHoldsDoesNotGrowWithTheTarget) {
+    // Every message has all three bodies, so each composition allocates a text body, an HTML body and
+    // a decompressed RTF document.
+    const std::string rtf = "{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}}\\pard hello}";
+    StoreDescription store;
+    store.folders.push_back({"Inbox", {}});
+    for (int i = 0; i < 12; ++i) {
+        StoreMessage m = HtmlMessage("m" + std::to_string(i), "<p>" + std::string(5000, 'x') + "</p>");
+        m.body = fixture::StoreText(fixture::PstLayout::kUnicode, std::string(3000, 'y'));
+        m.rtf_compressed =
+            AsBytes(CompressedRtf(RtfRuns(RtfLiterals(rtf)), {.raw_size = uint32_t(rtf.size())}));
+        store.folders[0].messages.push_back(m);
+    }
+    ScratchDir dir;
+    const ndb::db_ptr db = ndb::open_database(WriteStore(dir, store));
+
+    // Kernel allocations the list and its entries hold once the walk has reached each target: the
+    // same for the first message as for the last.
+    std::vector<size_t> held;
+    for (const int32_t index : {0, 1, 5, 11}) {
+        MessageListPtr list;
+        ASSERT_EQ(CountMessages(db, &list), kStatusOk);
+        FilterDataHolder record(NewFilterData());
+        int32_t body_format = kBodyNone;
+        const size_t before = krnctlOutstandingAllocations();
+        ASSERT_EQ(SelectMessage(db, *list, index, &body_format, record.get()), kStatusOk);
+        EXPECT_EQ(body_format, kBodyRtf);
+        held.push_back(krnctlOutstandingAllocations() - before);
+        for (int32_t i = 0; i < index; ++i) {
+            EXPECT_EQ(list->entries[i].text_body.data(), nullptr) << "entry " << i << " of target " << index;
+            EXPECT_EQ(list->entries[i].document.data(), nullptr) << "entry " << i << " of target " << index;
+        }
+        EXPECT_EQ(list->entries[index].document.text(), rtf) << "target " << index;
+    }
+    EXPECT_EQ(held, std::vector<size_t>(held.size(), held.front()));
+}
+
+TEST(StoreWalk, EarlierMessagesThatFailOrAreSkippedLeaveTheTargetAsItIs) {
+    const std::string rtf = "{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}}\\pard hello}";
+    StoreMessage with_rtf = HtmlMessage("with rtf", "<p>under the rtf</p>");
+    with_rtf.sender_name = "Ann";
+    with_rtf.rtf_compressed =
+        AsBytes(CompressedRtf(RtfRuns(RtfLiterals(rtf)), {.raw_size = uint32_t(rtf.size())}));
+    StoreMessage broken = HtmlMessage("broken", "<p>x</p>");
+    broken.rtf_compressed = AsBytes(CompressedRtf("abc", {.comp_size = 1}));
+    const StoreMessage freebusy = HtmlMessage("LocalFreebusy", "<p>free/busy</p>");
+    StoreMessage a1 = HtmlMessage("a1", "<p>a1</p>");
+    a1.sender_name = "Bob";
+    const StoreMessage a2 = HtmlMessage("a2", "<p>a2</p>");
+    const StoreMessage a3 = HtmlMessage("a3", "<p>a3</p>");
+    const StoreMessage b1 = HtmlMessage("b1", "<p>b1</p>");
+
+    struct Target {
+        int32_t number;
+        int32_t status;
+        const StoreMessage* message;  // what the number reaches, when it succeeds
+        int32_t index;
+    };
+    struct Case {
+        const char* what;
+        std::vector<StoreFolder> folders;
+        std::optional<std::pair<size_t, size_t>> damaged;  // (folder, row) whose property context is damaged
+        std::vector<Target> targets;
+    };
+    const Case cases[] = {
+        {"a skipped message takes no index",
+         {{"Inbox", {a1, freebusy, with_rtf, freebusy, a3}}},
+         {},
+         {{1, kStatusOk, &a1, 0}, {2, kStatusOk, &with_rtf, 1}, {3, kStatusOk, &a3, 2}}},
+        {"a damaged message ends its folder, the next folder goes on with its index",
+         {{"Inbox", {a1, a2, a3}}, {"Archive", {b1, with_rtf}}},
+         std::make_pair(size_t{0}, size_t{1}),
+         {{1, kStatusOk, &a1, 0},
+          {2, kStatusOk, &b1, 1},
+          {3, kStatusOk, &with_rtf, 2},
+          {4, kStatusUnsupported, nullptr, 0}}},
+        {"a malformed RTF body before the target ends the walk with its status",
+         {{"Inbox", {a1, broken, a3}}, {"Archive", {b1}}},
+         {},
+         {{1, kStatusOk, &a1, 0},
+          {2, kStatusUnsupported, nullptr, 0},
+          {3, kStatusUnsupported, nullptr, 0},
+          {4, kStatusUnsupported, nullptr, 0}}},
+        {"many RTF bodies before the target",
+         {{"Inbox", {with_rtf, with_rtf, with_rtf, with_rtf, a3}}},
+         {},
+         {{4, kStatusOk, &with_rtf, 3}, {5, kStatusOk, &a3, 4}}},
+    };
+    ScratchDir dir;
+    int n = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        StoreDescription store;
+        store.folders = c.folders;
+        fixture::StoreMap map;
+        fixture::PstImage image = fixture::WritePst(fixture::DescribeStore(store, &map));
+        if (c.damaged) {
+            const uint32_t message = map.messages[c.damaged->first][c.damaged->second];
+            image.bytes.at(image.Block(image.Node(message).data_bid).trailer + 2) ^= std::byte{0xFF};  // wSig
+        }
+        const std::u16string path = Wide(dir.Write("case" + std::to_string(n++) + ".pst", image.bytes));
+        for (const Target& t : c.targets) {
+            SCOPED_TRACE("message " + std::to_string(t.number));
+            const Loaded loaded = LoadMessage(path, t.number);
+            EXPECT_EQ(loaded.status, t.status);
+            const Described d = Describe(path, t.number);
+            EXPECT_EQ(d.status, t.status);
+            if (t.status != kStatusOk) continue;
+            EXPECT_EQ(d.index, t.index);
+            // The oracle: the same message alone in a store, where nothing comes before it.
+            StoreDescription alone;
+            alone.folders = {{"Inbox", {*t.message}}};
+            const Loaded expected =
+                LoadMessage(WriteStore(dir, alone, "alone" + std::to_string(n++) + ".pst"), 1);
+            ASSERT_EQ(expected.status, kStatusOk);
+            EXPECT_EQ(loaded.format, t.message->rtf_compressed ? 226 : 369);
+            EXPECT_EQ(loaded.format, expected.format);
+            EXPECT_EQ(loaded.document, expected.document);
+            EXPECT_EQ(loaded.body, t.message->rtf_compressed ? rtf : Html(AsString(*t.message->html)));
+        }
+    }
 }
 
 TEST(Composer, TheLastPresentBodyWins) {

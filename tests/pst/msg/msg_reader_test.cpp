@@ -237,6 +237,60 @@ TEST(MsgReader, AttachmentNumbering) {
     EXPECT_EQ(AttachmentStorageName(10), "__attach_version1.0_#0000000A");
 }
 
+// Images go into an HTML body from the storages the walk visits: by "cid:" and the content id, else by
+// the file name. A storage behind two missing numbers is not visited, and an RTF body takes no images.
+TEST(MsgReader, ImagesFromTheAttachmentStorages) {
+    const std::vector<uint8_t> image = test::PatternBytes(60, 9);
+    auto attachment = [&](uint32_t n, std::u16string name, std::u16string content_id) {
+        return AttachmentStorage(n, {UnicodeProperty("3704", name), UnicodeProperty("3712", content_id),
+                                     CfbNode::Stream(u"__substg1.0_37010102", image)});
+    };
+    const std::string html = "<img src=\"cid:one\"><img src=\"b.png\"><img src=\"cid:four\">";
+    struct Case {
+        const char* what;
+        std::vector<CfbNode> streams;
+        std::vector<std::string> kept;  // references still in the document
+        int inlined;                    // data URIs in it
+    };
+    const std::vector<Case> cases = {
+        {"by content id and by file name",
+         {test::StoredRtfBody(html), attachment(0, u"a.png", u"one"), attachment(1, u"b.png", u"")},
+         {"cid:four"},
+         2},
+        {"not behind two missing numbers",
+         {test::StoredRtfBody(html), attachment(0, u"a.png", u"one"), attachment(3, u"d.png", u"four")},
+         {"b.png", "cid:four"},
+         1},
+        {"behind one",
+         {test::StoredRtfBody(html), attachment(0, u"a.png", u"one"), attachment(2, u"d.png", u"four")},
+         {"b.png"},
+         2},
+        {"not into RTF",
+         {test::CompressedRtfBody("{\\rtf1 " + html + "}"), attachment(0, u"a.png", u"one")},
+         {"cid:one", "b.png", "cid:four"},
+         0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        MsgFile file(c.streams);
+        MessageDocument record;
+        ASSERT_EQ(file.Read(record), kStatusOk);
+        const std::string document(record.document.text());
+        for (const std::string& kept : c.kept) EXPECT_NE(document.find(kept), std::string::npos) << kept;
+        int inlined = 0;
+        for (size_t at = document.find("data:image;base64,"); at != std::string::npos;
+             at = document.find("data:image;base64,", at + 1))
+            ++inlined;
+        EXPECT_EQ(inlined, c.inlined) << document;
+        EXPECT_EQ(record.reader_status, kStatusOk);
+    }
+    // A record that has written image files already walks no attachments.
+    MsgFile file({test::StoredRtfBody(html), attachment(0, u"a.png", u"one")});
+    MessageDocument record;
+    ASSERT_EQ(file.Read(record, {.walk_attachments = false}), kStatusOk);
+    EXPECT_EQ(record.document.text(), html);
+}
+
 TEST(MsgReader, BodiesAndStatuses) {
     const std::string rtf = "{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}}\\pard hello\\par}";
     struct Case {

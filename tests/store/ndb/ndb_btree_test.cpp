@@ -82,11 +82,19 @@ TEST(NdbBtree, TreesOfEveryDepthLookUpAndWalkInOrder) {
             EXPECT_EQ(block.address, image.Block(info.data_bid).address);
             EXPECT_EQ(block.size, n.data.size());
         }
-        // Misses below the smallest key, between two keys and above the largest.
+        // Misses below the smallest key, between two keys and above the largest: lookup throws, and
+        // find, which answers for the same descent without an exception, gives null.
+        const auto nbt = db->read_nbt_root();
         for (node_id miss :
              {node_id{0x21}, node_id{0x23}, node_id{0x22 + 0x20 * static_cast<node_id>(c.count)}}) {
             EXPECT_EQ(MessageOf<key_not_found<node_id>>([&] { db->lookup_node_info(miss); }),
                       "key not found");
+            EXPECT_EQ(nbt->find(miss), nullptr);
+        }
+        for (const PstNode& n : d.nodes) {
+            const node_info* found = nbt->find(n.id);
+            ASSERT_NE(found, nullptr);
+            EXPECT_EQ(found->data_bid, image.Node(n.id).data_bid);
         }
         // Every block of the store is in the block B-tree, and the walk finds them in id order.
         std::vector<block_id> blocks;
