@@ -90,9 +90,10 @@ TEST(ComposerImages, TheTargetsImagesGoInlineKeyedByTheLongFileName) {
     }
 }
 
-TEST(ComposerImages, MessagesBeforeTheTargetKeepTheirReferences) {
-    // The walk composes the messages before the target into the list; their documents must not carry
-    // images, which the list shows directly.
+TEST(ComposerImages, MessagesBeforeTheTargetGetNoImages) {
+    // The walk composes the messages before the target and releases their bodies at once, so whether
+    // they were given images shows in the image files that the record lists: in file mode each inlined
+    // image is a file of its own, and only the target's may be there.
     const Bytes a = Image(300, 1);
     const std::string body = "<img src=\"cid:a.png\">";
     StoreDescription store;
@@ -107,11 +108,12 @@ TEST(ComposerImages, MessagesBeforeTheTargetKeepTheirReferences) {
     ASSERT_EQ(list->count, 2);
     FilterDataHolder record(NewFilterData());
     ASSERT_NE(record, nullptr);
-    record->temp_file_mode = 0;
+    record->temp_file_mode = 1;
     int32_t body_format = 3;
     ASSERT_EQ(SelectMessage(db, *list, 1, &body_format, record.get()), kStatusOk);
-    EXPECT_EQ(list->entries[0].document.text(), body);
-    EXPECT_EQ(list->entries[1].document.text(), "<img src=\"" + Uri(a) + "\">");
+    EXPECT_EQ(list->entries[0].document.data(), nullptr);
+    EXPECT_EQ(record->temp_names.length(), sizeof(char16_t*));
+    EXPECT_EQ(list->entries[1].document.text().find("cid:"), std::string_view::npos);
 }
 
 // The data block that holds `bytes` at its start (the store is written without encoding).
