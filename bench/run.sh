@@ -88,7 +88,47 @@ bench_header() {
   TARN_BENCH_PST="$file" "$build/bench/header_bench" --benchmark_min_time=3
 }
 
-all=(cfb ndb pst ltp header)
+# Wall time and peak memory of one run of a command, "SECONDS MIB"; its output is discarded.
+time_and_peak() {
+  local report
+  report="$(mktemp)"
+  /usr/bin/time -o "$report" -f '%e %M' "$@" >/dev/null 2>&1 || true
+  awk '{ printf "%s %.0f\n", $1, $2 / 1024 }' "$report"
+  rm -f "$report"
+}
+
+bench_export() {
+  build_target tarnview make-store
+  local dir file
+  dir="$(mktemp -d /tmp/tarn-export-bench.XXXXXX)"
+  file="$dir/made.pst"
+  echo "== export: a 1 GiB store from make-store, every message out, beside readpst and pffexport"
+  "$build/tests/tools/make-store" --messages 56000 --folders 20 --body-bytes 8192 "$file" >/dev/null
+  echo "store: $(stat -c %s "$file") bytes; load before: $(cut -d' ' -f1-3 /proc/loadavg)"
+  cat "$file" >/dev/null  # warm: every figure below reads the file from the page cache
+  local -A t
+  run() {
+    local name="$1"
+    shift
+    t[$name]="$(time_and_peak "$@")"
+    printf '%-36s %8s s %6s MiB\n' "$name" ${t[$name]}
+  }
+  run "cat" cat "$file"
+  run "tarnview list" "$build/tools/tarnview" list "$file"
+  run "tarnview info --message 56000" "$build/tools/tarnview" info "$file" --message 56000
+  run "tarnview export" "$build/tools/tarnview" export "$file" -o "$dir/export"
+  run "tarnview export --attachments" "$build/tools/tarnview" export "$file" -o "$dir/export-attachments" --attachments
+  mkdir "$dir/readpst"
+  run "readpst -D -r" readpst -q -D -r -o "$dir/readpst" "$file"
+  run "pffexport -f all -m items" pffexport -q -f all -m items -t "$dir/pffexport" "$file"
+  echo "documents written: $(find "$dir/export" -type f ! -name manifest.jsonl | wc -l)"
+  echo "load after: $(cut -d' ' -f1-3 /proc/loadavg)"
+  awk -v e="${t[tarnview export]% *}" -v r="${t[readpst -D -r]% *}" -v l="${t[tarnview list]% *}" \
+      -v c="${t[cat]% *}" 'BEGIN { printf "readpst / export: %.2f; list / cat: %.2f\n", r / e, l / c }'
+  rm -rf "$dir"
+}
+
+all=(cfb ndb pst ltp header export)
 for name in "${@:-${all[@]}}"; do
   "bench_$name"
 done

@@ -149,8 +149,8 @@ int RunList(const Args& args) {
         };
         entries.push_back({running++, name->second, SubjectText(message.properties(), code_page),
                            text(tarn::kPropSenderName), Text(fields.header[tarn::kSlotSent]),
-                           text(tarn::kPropDisplayTo), text(tarn::kPropDisplayCc), text(tarn::kPropDisplayBcc),
-                           Text(fields.header[tarn::kSlotImportance])});
+                           text(tarn::kPropDisplayTo), text(tarn::kPropDisplayCc),
+                           text(tarn::kPropDisplayBcc), Text(fields.header[tarn::kSlotImportance])});
         if (progress) std::fprintf(stderr, "\rtarnview list: %d messages", running);
         return tarn::kWalkNext;
     };
