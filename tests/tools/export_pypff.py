@@ -1,22 +1,18 @@
 #!/usr/bin/python3
-"""Every message of a PST as pypff (python3-pypff) reads it, one tab-separated line each:
-node id, subject, sender name, client submit time in UTC (ISO 8601, to the second).
+"""Every message of a PST as pypff (python3-pypff) reads it, one JSON object a line: node id, subject,
+sender name, client submit time in UTC (ISO 8601, to the second).
 
 8-bit strings are taken as pypff's raw record bytes and decoded here with Python's own codecs in the
 message's code page (PR_MESSAGE_CODEPAGE, else PR_INTERNET_CPID, else 1252; a 7-bit internet form
-stands for the Windows page of its script), so the text comes from neither of our readers. A value
-that is absent is written as "-". Tabs, line breaks and backslashes in values are escaped as in
-`tarnview list`.
+stands for the Windows page of its script), so the text comes from neither of our readers. An absent
+value is null.
 """
+import json
 import sys
 
 import pypff
 
 SEVEN_BIT = {50220: 932, 50221: 932, 50222: 932, 50225: 949, 52936: 936, 20127: 1252}
-
-
-def escape(text):
-    return (text.replace("\\", "\\\\").replace("\t", "\\t").replace("\r", "\\r").replace("\n", "\\n"))
 
 
 def entries(item):
@@ -67,8 +63,8 @@ def walk(folder):
         message = folder.get_sub_message(i)
         props = entries(message)
         page = code_page(props)
-        values = [text(props, 0x0037, page, subject=True), text(props, 0x0C1A, page), sent(message)]
-        print("\t".join([str(message.identifier)] + ["-" if v is None else escape(v) for v in values]))
+        print(json.dumps({"node": str(message.identifier), "subject": text(props, 0x0037, page, subject=True),
+                          "sender": text(props, 0x0C1A, page), "sent": sent(message)}, ensure_ascii=False))
     for i in range(folder.number_of_sub_folders):
         walk(folder.get_sub_folder(i))
 

@@ -42,6 +42,7 @@
 #include "store/ndb/database.h"
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
+#include "tools/tarnview/documents.h"
 #include "tools/tarnview/export_names.h"
 #include "tools/tarnview/filter_library.h"
 #include "tools/tarnview/json.h"
@@ -87,17 +88,6 @@ std::optional<Options> Parse(const Args& args) {
     if (!ApplyLanguage(*parsed, "export")) return std::nullopt;
     return Options{parsed->positional, *out, parsed->Has("--text"), parsed->Has("--attachments"),
                    parsed->Has("--force")};
-}
-
-const char* Extension(int32_t format) {
-    switch (format) {
-        case tarn::kDocumentHtml:
-            return ".html";
-        case tarn::kDocumentRtf:
-            return ".rtf";
-        default:
-            return ".txt";
-    }
 }
 
 std::string IndexText(int32_t index) {
@@ -552,7 +542,7 @@ class StoreExport {
             row.format = composed.format;
             const std::string name = IndexText(*row.index) + "-" +
                                      PortableName(row.subject.value_or(""), kSubjectNameBytes, "message");
-            const fs::path file = folder.dir / (name + Extension(composed.format));
+            const fs::path file = folder.dir / (name + DocumentExtension(composed.format));
             if (std::string error = tree_.WriteFile(file, record->document.data(), record->document.length());
                 error.empty()) {
                 row.exported = true;
@@ -687,7 +677,7 @@ class StoreExport {
             out.error = "embedded message: composition gives status " + std::to_string(composed.status);
             return;
         }
-        const fs::path file = dir / (stem + Extension(composed.format));
+        const fs::path file = dir / (stem + DocumentExtension(composed.format));
         if (std::string error = tree_.WriteFile(file, record->document.data(), record->document.length());
             !error.empty()) {
             out.error = error;
@@ -802,7 +792,7 @@ void ExportSingle(const Options& options, const std::string& source, const fs::p
     const fs::path file =
         base /
         (IndexText(1) + "-" + PortableName(fs::path(source).stem().string(), kSubjectNameBytes, "message") +
-         Extension(format));
+         DocumentExtension(format));
     if (std::string written = tree.WriteFile(file, document.data(), document.size()); written.empty()) {
         row.exported = true;
         row.file = file.string();
