@@ -540,9 +540,12 @@ class StoreExport {
         row.text_fallback = composed.text_fallback;
         if (composed.has_document) {
             row.format = composed.format;
-            const std::string name = IndexText(*row.index) + "-" +
-                                     PortableName(row.subject.value_or(""), kSubjectNameBytes, "message");
-            const fs::path file = folder.dir / (name + DocumentExtension(composed.format));
+            const auto [name, attachments] =
+                ClaimDocument(folder.dir,
+                              IndexText(*row.index) + "-" +
+                                  PortableName(row.subject.value_or(""), kSubjectNameBytes, "message"),
+                              composed.format);
+            const fs::path file = folder.dir / name;
             if (std::string error = tree_.WriteFile(file, record->document.data(), record->document.length());
                 error.empty()) {
                 row.exported = true;
@@ -551,8 +554,7 @@ class StoreExport {
             } else {
                 row.error = error;
             }
-            if (options_.attachments)
-                WriteAttachments(message, folder.dir / (name + kAttachmentsSuffix), 1, row);
+            if (options_.attachments) WriteAttachments(message, folder.dir / attachments, 1, row);
         } else {
             row.error = composed.status == tarn::kStatusUnsupported
                             ? "no body the filter can make a document of"
@@ -593,6 +595,16 @@ class StoreExport {
         ++rows_done_;
         manifest_.Add(row);
         progress_.Step();
+    }
+
+    // A document's file name in `dir` and the name of the folder for its attachments beside it, both
+    // claimed there, so that neither clashes with a folder, an attachment or another document.
+    std::pair<std::string, std::string> ClaimDocument(const fs::path& dir, const std::string& stem,
+                                                      int32_t format) {
+        const std::string extension = DocumentExtension(format);
+        const std::string file = names_.Claim(dir.string(), stem + extension);
+        const std::string claimed = file.substr(0, file.size() - extension.size());
+        return {file, names_.Claim(dir.string(), claimed + kAttachmentsSuffix)};
     }
 
     // The attachments of `message` into `dir`; embedded messages composed as documents, to `depth`.
@@ -670,14 +682,14 @@ class StoreExport {
             Quietly([&] {
                 return std::optional(SubjectText(inner.properties(), StringCodePage(inner.properties())));
             }).value_or("");
-        const std::string stem = names_.Claim(
-            dir.string(),
-            PortableName(subject.empty() ? name.value_or("") : subject, kSubjectNameBytes, fallback));
         if (!composed.has_document) {
             out.error = "embedded message: composition gives status " + std::to_string(composed.status);
             return;
         }
-        const fs::path file = dir / (stem + DocumentExtension(composed.format));
+        const auto [file_name, attachments] = ClaimDocument(
+            dir, PortableName(subject.empty() ? name.value_or("") : subject, kSubjectNameBytes, fallback),
+            composed.format);
+        const fs::path file = dir / file_name;
         if (std::string error = tree_.WriteFile(file, record->document.data(), record->document.length());
             !error.empty()) {
             out.error = error;
@@ -685,7 +697,7 @@ class StoreExport {
         }
         out.file = file.string();
         out.bytes = record->document.length();
-        WriteAttachments(inner, dir / (stem + kAttachmentsSuffix), depth + 1, row);
+        WriteAttachments(inner, dir / attachments, depth + 1, row);
     }
 
     // A store error ended a folder (or the whole walk). The folder's rows from the one that failed on get

@@ -118,7 +118,6 @@ void ReportFailures(const std::string& file, const tarn::ndb::db_ptr& db,
 int RunList(const Args& args) {
     const std::optional<Options> options = Parse(args);
     if (!options) return 2;
-    const bool progress = isatty(STDERR_FILENO) != 0;
 
     tarn::ndb::db_ptr db;
     try {
@@ -129,8 +128,24 @@ int RunList(const Args& args) {
         return 1;
     }
     std::map<tarn::ndb::node_id, std::string> folder_names;
-    std::vector<Entry> entries;
     std::vector<tarn::WalkFailure> failures;
+    // Each line goes out as its message is read, so that the list's memory stays flat however large the
+    // store; on a terminal the lines show the progress themselves.
+    JsonWriter json(std::cout);
+    if (options->json) json.BeginArray();
+    const auto print = [&](const Entry& e) {
+        if (options->json) {
+            json.BeginObject();
+            json.Field("index", e.index).Field("folder", e.folder).Field("subject", e.subject);
+            json.Field("sender", e.sender).Field("sent", e.sent).Field("to", e.to).Field("cc", e.cc);
+            json.Field("bcc", e.bcc).Field("importance", e.importance);
+            json.EndObject();
+        } else {
+            std::cout << e.index << '\t' << Escaped(e.folder) << '\t' << Escaped(e.subject) << '\t'
+                      << Escaped(e.sender) << '\t' << Escaped(e.sent) << '\n';
+        }
+    };
+    const bool progress = isatty(STDERR_FILENO) != 0 && isatty(STDOUT_FILENO) == 0;
     int32_t running = 0;
     const auto visit = [&](tarn::ndb::node_id folder, tarn::PstMessage& message) {
         const std::u16string subject = tarn::ReadSubject(message.properties());
@@ -147,33 +162,18 @@ int RunList(const Args& args) {
         const auto text = [&](tarn::ltp::prop_id id) {
             return ReadText(message.properties(), id, code_page).value_or(std::string());
         };
-        entries.push_back({running++, name->second, SubjectText(message.properties(), code_page),
-                           text(tarn::kPropSenderName), Text(fields.header[tarn::kSlotSent]),
-                           text(tarn::kPropDisplayTo), text(tarn::kPropDisplayCc),
-                           text(tarn::kPropDisplayBcc), Text(fields.header[tarn::kSlotImportance])});
+        print({running++, name->second, SubjectText(message.properties(), code_page),
+               text(tarn::kPropSenderName), Text(fields.header[tarn::kSlotSent]), text(tarn::kPropDisplayTo),
+               text(tarn::kPropDisplayCc), text(tarn::kPropDisplayBcc),
+               Text(fields.header[tarn::kSlotImportance])});
         if (progress) std::fprintf(stderr, "\rtarnview list: %d messages", running);
         return tarn::kWalkNext;
     };
     tarn::WalkMessages(db, visit, [&](const tarn::WalkFailure& f) { failures.push_back(f); });
     if (progress) std::fprintf(stderr, "\r\033[K");
-
     if (options->json) {
-        JsonWriter json(std::cout);
-        json.BeginArray();
-        for (const Entry& e : entries) {
-            json.BeginObject();
-            json.Field("index", e.index).Field("folder", e.folder).Field("subject", e.subject);
-            json.Field("sender", e.sender).Field("sent", e.sent).Field("to", e.to).Field("cc", e.cc);
-            json.Field("bcc", e.bcc).Field("importance", e.importance);
-            json.EndObject();
-        }
         json.EndArray();
         std::cout << '\n';
-    } else {
-        for (const Entry& e : entries) {
-            std::cout << e.index << '\t' << Escaped(e.folder) << '\t' << Escaped(e.subject) << '\t'
-                      << Escaped(e.sender) << '\t' << Escaped(e.sent) << '\n';
-        }
     }
     std::cout.flush();
     ReportFailures(options->file, db, failures);
