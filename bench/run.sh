@@ -125,7 +125,58 @@ print([b["real_time"] for b in json.load(open(sys.argv[1]))["benchmarks"] if b["
   rm -rf "$out"
 }
 
-all=(cfb ndb pst ltp header deencapsulate msg)
+# Wall time, CPU time (user + system) and peak memory of one run of a command: "WALL CPU MIB", the
+# times in seconds. Its output is discarded; a run that fails or is stopped by `timeout` still reports.
+time_and_peak() {
+  local report
+  report="$(mktemp)"
+  /usr/bin/time -o "$report" -f '%e %U %S %M' "$@" >/dev/null 2>&1 || true
+  awk '/^[0-9.]+ [0-9.]+ [0-9.]+ [0-9]+$/ { printf "%s %.2f %.0f\n", $1, $2 + $3, $4 / 1024 }' "$report"
+  rm -f "$report"
+}
+
+# TARN_BENCH_STORE names a store made before by the same make-store command, to skip making it again.
+bench_export() {
+  build_target tarnview make-store
+  local dir file out
+  dir="$(mktemp -d /tmp/tarn-export-bench.XXXXXX)"
+  file="${TARN_BENCH_STORE:-$dir/made.pst}"
+  # The documents go to memory (tmpfs) where there is one: creating 56 000 files on a shared virtual
+  # disk costs milliseconds each and would time the disk, not the programs.
+  out="$dir"
+  if [[ -d /dev/shm && -w /dev/shm ]]; then out="$(mktemp -d /dev/shm/tarn-export-bench.XXXXXX)"; fi
+  echo "== export: a 1 GiB store from make-store, every message out, beside readpst and pffexport"
+  [[ -f "$file" ]] || "$build/tests/tools/make-store" --messages 56000 --folders 20 --body-bytes 8192 "$file" >/dev/null
+  echo "store: $(stat -c %s "$file") bytes; load before: $(cut -d' ' -f1-3 /proc/loadavg)"
+  cat "$file" >/dev/null  # warm: every figure below reads the file from the page cache
+  local -A t
+  run() {
+    local name="$1"
+    shift
+    t[$name]="$(time_and_peak "$@")"
+    printf '%-36s %8s s wall %8s s CPU %6s MiB\n' "$name" ${t[$name]}
+  }
+  run "cat" cat "$file"
+  run "tarnview list" "$build/tools/tarnview" list "$file"
+  run "tarnview info --message 56000" "$build/tools/tarnview" info "$file" --message 56000
+  run "tarnview export" "$build/tools/tarnview" export "$file" -o "$out/export"
+  run "tarnview export --attachments" "$build/tools/tarnview" export "$file" -o "$out/export-attachments" --attachments
+  mkdir "$out/readpst"
+  run "readpst -D -r" readpst -q -D -r -o "$out/readpst" "$file"
+  # pffexport writes a folder of files per item; it is stopped after 15 minutes.
+  run "pffexport -f all -m items" timeout 900 pffexport -q -f all -m items -t "$out/pffexport" "$file"
+  echo "documents written: $(find "$out/export" -type f ! -name manifest.jsonl | wc -l)"
+  echo "load after: $(cut -d' ' -f1-3 /proc/loadavg)"
+  read -r ew ec _ <<<"${t[tarnview export]}"
+  read -r rw rc _ <<<"${t[readpst -D -r]}"
+  read -r lw lc _ <<<"${t[tarnview list]}"
+  read -r cw cc _ <<<"${t[cat]}"
+  awk -v ew="$ew" -v ec="$ec" -v rw="$rw" -v rc="$rc" -v lw="$lw" -v cw="$cw" 'BEGIN {
+    printf "readpst / export: %.2f wall, %.2f CPU; list / cat: %.2f wall\n", rw / ew, rc / ec, lw / cw }'
+  rm -rf "$dir" "$out"
+}
+
+all=(cfb ndb pst ltp header deencapsulate msg export)
 for name in "${@:-${all[@]}}"; do
   "bench_$name"
 done

@@ -21,7 +21,7 @@ std::optional<ParsedArguments> ParseArguments(const Args& args, const ArgumentSp
         } else if (a.size() > 1 && a[0] == '-') {
             std::fprintf(stderr, "tarnview %s: unknown option '%s' (try --help)\n", spec.command, a.c_str());
             return std::nullopt;
-        } else if (parsed.positional.size() < most) {
+        } else if (parsed.positional.size() < most || spec.repeat_last) {
             parsed.positional.push_back(a);
         } else {
             std::fprintf(stderr, "tarnview %s: unexpected argument '%s' (try --help)\n", spec.command,

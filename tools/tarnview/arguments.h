@@ -20,6 +20,7 @@ struct ArgumentSpec {
     std::set<std::string> valued;       // "--message", "-o", ...: each takes the next argument
     std::vector<const char*> required;  // names of the positional arguments that must be there
     std::vector<const char*> optional;  // names of those that may follow them
+    bool repeat_last = false;           // the last positional argument may be given any number of times
 };
 
 struct ParsedArguments {

@@ -23,6 +23,7 @@
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
 #include "tools/tarnview/json.h"
+#include "tools/tarnview/store_text.h"
 
 namespace tarnview {
 namespace {
@@ -50,8 +51,6 @@ struct Entry {
     std::string bcc;
     std::string importance;
 };
-
-std::string Utf8(const std::u16string& text) { return tarn::host::Utf8FromWide(text.c_str()); }
 
 std::string Text(const tarn::CountedString& s) { return std::string(s.text()); }
 
@@ -81,9 +80,12 @@ std::string Escaped(const std::string& value) {
     return out;
 }
 
-std::string ReadFolderName(const tarn::ndb::db_ptr& db, tarn::ndb::node_id folder) {
+// Folders carry no code page of their own: an 8-bit name is read in the page of the message at hand
+// (a store is written by one client in one page), or in 1252.
+std::string ReadFolderName(const tarn::ndb::db_ptr& db, tarn::ndb::node_id folder,
+                           uint32_t code_page = kDefaultCodePage) {
     const tarn::ltp::property_bag bag(db->lookup_node(folder));
-    return Utf8(bag.read_wstring(tarn::kPropDisplayName));
+    return ReadText(bag, tarn::kPropDisplayName, code_page).value_or(std::string());
 }
 
 // The folder's display name for a report, or nothing when its property context cannot say.
@@ -116,7 +118,6 @@ void ReportFailures(const std::string& file, const tarn::ndb::db_ptr& db,
 int RunList(const Args& args) {
     const std::optional<Options> options = Parse(args);
     if (!options) return 2;
-    const bool progress = isatty(STDERR_FILENO) != 0;
 
     tarn::ndb::db_ptr db;
     try {
@@ -127,44 +128,52 @@ int RunList(const Args& args) {
         return 1;
     }
     std::map<tarn::ndb::node_id, std::string> folder_names;
-    std::vector<Entry> entries;
     std::vector<tarn::WalkFailure> failures;
-    int32_t running = 0;
-    const auto visit = [&](tarn::ndb::node_id folder, tarn::PstMessage& message) {
-        const std::u16string subject = tarn::ReadSubject(message.properties());
-        // The filter gives these no page and no index.
-        if (subject == tarn::kLocalFreebusySubject) return tarn::kWalkNext;
-        auto name = folder_names.find(folder);
-        if (name == folder_names.end()) name = folder_names.emplace(folder, ReadFolderName(db, folder)).first;
-        tarn::MessageDocument fields;
-        tarn::ReadHeaderFields(message.properties(), fields);
-        entries.push_back({running++, name->second, Utf8(subject), Text(fields.header[tarn::kSlotFrom]),
-                           Text(fields.header[tarn::kSlotSent]), Text(fields.header[tarn::kSlotTo]),
-                           Text(fields.header[tarn::kSlotCc]), Text(fields.header[tarn::kSlotBcc]),
-                           Text(fields.header[tarn::kSlotImportance])});
-        if (progress) std::fprintf(stderr, "\rtarnview list: %d messages", running);
-        return tarn::kWalkNext;
-    };
-    tarn::WalkMessages(db, visit, [&](const tarn::WalkFailure& f) { failures.push_back(f); });
-    if (progress) std::fprintf(stderr, "\r\033[K");
-
-    if (options->json) {
-        JsonWriter json(std::cout);
-        json.BeginArray();
-        for (const Entry& e : entries) {
+    // Each line goes out as its message is read, so that the list's memory stays flat however large the
+    // store; on a terminal the lines show the progress themselves.
+    JsonWriter json(std::cout);
+    if (options->json) json.BeginArray();
+    const auto print = [&](const Entry& e) {
+        if (options->json) {
             json.BeginObject();
             json.Field("index", e.index).Field("folder", e.folder).Field("subject", e.subject);
             json.Field("sender", e.sender).Field("sent", e.sent).Field("to", e.to).Field("cc", e.cc);
             json.Field("bcc", e.bcc).Field("importance", e.importance);
             json.EndObject();
-        }
-        json.EndArray();
-        std::cout << '\n';
-    } else {
-        for (const Entry& e : entries) {
+        } else {
             std::cout << e.index << '\t' << Escaped(e.folder) << '\t' << Escaped(e.subject) << '\t'
                       << Escaped(e.sender) << '\t' << Escaped(e.sent) << '\n';
         }
+    };
+    const bool progress = isatty(STDERR_FILENO) != 0 && isatty(STDOUT_FILENO) == 0;
+    int32_t running = 0;
+    const auto visit = [&](tarn::ndb::node_id folder, tarn::PstMessage& message) {
+        const std::u16string subject = tarn::ReadSubject(message.properties());
+        // The filter gives these no page and no index.
+        if (subject == tarn::kLocalFreebusySubject) return tarn::kWalkNext;
+        // People read the 8-bit strings of an ANSI store in the message's own code page; the filter's
+        // documents keep their byte-by-byte reading.
+        const uint32_t code_page = StringCodePage(message.properties());
+        auto name = folder_names.find(folder);
+        if (name == folder_names.end())
+            name = folder_names.emplace(folder, ReadFolderName(db, folder, code_page)).first;
+        tarn::MessageDocument fields;
+        tarn::ReadHeaderFields(message.properties(), fields);
+        const auto text = [&](tarn::ltp::prop_id id) {
+            return ReadText(message.properties(), id, code_page).value_or(std::string());
+        };
+        print({running++, name->second, SubjectText(message.properties(), code_page),
+               text(tarn::kPropSenderName), Text(fields.header[tarn::kSlotSent]), text(tarn::kPropDisplayTo),
+               text(tarn::kPropDisplayCc), text(tarn::kPropDisplayBcc),
+               Text(fields.header[tarn::kSlotImportance])});
+        if (progress) std::fprintf(stderr, "\rtarnview list: %d messages", running);
+        return tarn::kWalkNext;
+    };
+    tarn::WalkMessages(db, visit, [&](const tarn::WalkFailure& f) { failures.push_back(f); });
+    if (progress) std::fprintf(stderr, "\r\033[K");
+    if (options->json) {
+        json.EndArray();
+        std::cout << '\n';
     }
     std::cout.flush();
     ReportFailures(options->file, db, failures);

@@ -14,6 +14,7 @@
 #include "pst/filter_data.h"
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
+#include "tools/tarnview/documents.h"
 #include "tools/tarnview/filter_library.h"
 #include "tools/tarnview/language.h"
 
@@ -34,17 +35,6 @@ std::optional<Options> Parse(const Args& args) {
     const auto message = MessageNumber(*parsed, "render");
     if (!message || !ApplyLanguage(*parsed, "render")) return std::nullopt;
     return Options{parsed->positional[0], *message, parsed->Has("--text"), parsed->Value("-o").value_or("")};
-}
-
-const char* Extension(int32_t format) {
-    switch (format) {
-        case tarn::kDocumentHtml:
-            return ".html";
-        case tarn::kDocumentRtf:
-            return ".rtf";
-        default:
-            return ".txt";
-    }
 }
 
 bool IsLoad(tarn::host::LoaderKind kind) {
@@ -94,7 +84,7 @@ int RunRender(const Args& args) {
     std::string out = options->out;
     if (out.empty()) {
         out = std::filesystem::path(options->file).stem().string() + "-message-" +
-              std::to_string(options->message) + (options->text ? "-text" : "") + Extension(format);
+              std::to_string(options->message) + (options->text ? "-text" : "") + DocumentExtension(format);
     }
     std::ofstream file(out, std::ios::binary | std::ios::trunc);
     file.write(reinterpret_cast<const char*>(call->document.data()),

@@ -15,6 +15,7 @@ int RunDump(const Args& args);    // a PST's header and node B-tree
 int RunCfb(const Args& args);     // a compound file's directory, or one stream
 int RunRender(const Args& args);  // fltLoad through the toolkit stand-in, the document written out
 int RunList(const Args& args);    // a PST's messages in the filter's walk order
+int RunExport(const Args& args);  // every message of each source as a document file, in one pass
 
 }  // namespace tarnview
 

@@ -24,6 +24,9 @@ const Command kCommands[] = {
      "render FILE [--message N] [--text] [--lang LANGID] [-o OUT]   write the document the toolkit's loader "
      "receives"},
     {"list", tarnview::RunList, "list FILE [--json]                 a PST's messages in the filter's order"},
+    {"export", tarnview::RunExport,
+     "export SOURCE... -o DIR [--text] [--lang LANGID] [--attachments] [--force]   every message as a "
+     "document file, with manifest.jsonl"},
     {"cfb", tarnview::RunCfb, "cfb FILE [PATH] [--json]           a compound file's directory, or a stream"},
 };
 

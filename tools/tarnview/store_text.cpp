@@ -1,0 +1,128 @@
+#include "tools/tarnview/store_text.h"
+
+#include <ctime>
+#include <stdexcept>
+#include <string_view>
+#include <vector>
+
+#include "common/little_endian.h"
+#include "platform/codepage.h"
+#include "platform/unicode.h"
+#include "pst/message_model.h"
+
+namespace tarnview {
+namespace {
+
+constexpr uint64_t kFileTimeUnixEpoch = 0x019DB1DED53E8000;
+constexpr int64_t kFileTimeTicksPerSecond = 10'000'000;
+constexpr size_t kFileTimeBytes = 8;
+
+std::string Utf8(std::u16string_view text) {
+    const size_t end = text.find(u'\0');
+    if (end != std::u16string_view::npos) text = text.substr(0, end);
+    return tarn::platform::Utf8FromUtf16(text).value_or(std::string());
+}
+
+// Null when the page has no converter; empty input gives empty output.
+std::optional<std::u16string> Decode(uint32_t code_page, std::string_view bytes) {
+    if (bytes.empty()) return std::u16string();
+    const int length = static_cast<int>(bytes.size());
+    const int units = tarn::platform::MultiByteToWideChar(code_page, 0, bytes.data(), length, nullptr, 0);
+    if (units <= 0) return std::nullopt;
+    std::u16string text(static_cast<size_t>(units), u'\0');
+    if (tarn::platform::MultiByteToWideChar(code_page, 0, bytes.data(), length, text.data(), units) != units)
+        return std::nullopt;
+    return text;
+}
+
+std::string DecodeBytes(std::string_view bytes, uint32_t code_page) {
+    std::optional<std::u16string> text = Decode(code_page, bytes);
+    if (!text) text = Decode(kDefaultCodePage, bytes);
+    return text ? Utf8(*text) : std::string();
+}
+
+std::string_view View(const std::vector<std::byte>& bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+// A 7-bit transfer form of a script (ISO-2022, HZ, US-ASCII) can be a message's internet code page but
+// never the page its 8-bit strings are stored in: those are in the Windows page of the same script.
+uint32_t StoragePage(uint32_t code_page) {
+    switch (code_page) {
+        case 50220:
+        case 50221:
+        case 50222:
+            return 932;
+        case 50225:
+            return 949;
+        case 52936:
+            return 936;
+        case 20127:
+            return kDefaultCodePage;
+        default:
+            return code_page;
+    }
+}
+
+}  // namespace
+
+uint32_t StringCodePage(const tarn::ltp::const_property_object& object) {
+    for (const tarn::ltp::prop_id id : {kPropMessageCodePage, kPropInternetCodePage}) {
+        if (object.prop_exists(id)) return StoragePage(object.get_value_4(id));
+    }
+    return kDefaultCodePage;
+}
+
+std::optional<std::string> ReadText(const tarn::ltp::const_property_object& object, tarn::ltp::prop_id id,
+                                    uint32_t code_page) {
+    if (!object.prop_exists(id)) return std::nullopt;
+    if (object.get_prop_type(id) != tarn::ltp::kPropTypeString8) return Utf8(object.read_wstring(id));
+    const std::vector<std::byte> bytes = object.get_value_variable(id);
+    std::string_view text = View(bytes);
+    const size_t end = text.find('\0');
+    if (end != std::string_view::npos) text = text.substr(0, end);
+    return DecodeBytes(text, code_page);
+}
+
+std::string SubjectText(const tarn::ltp::const_property_object& message, uint32_t code_page) {
+    if (!message.prop_exists(tarn::kPropSubject) ||
+        message.get_prop_type(tarn::kPropSubject) != tarn::ltp::kPropTypeString8)
+        return Utf8(tarn::ReadSubject(message));
+    // The same marker rule as the filter's, on the bytes before they are decoded: a multi-byte page
+    // would otherwise see the marker's length byte as the lead of a character.
+    const std::vector<std::byte> bytes = message.get_value_variable(tarn::kPropSubject);
+    std::string_view text = View(bytes);
+    if (!text.empty() && text[0] == '\x01') {
+        if (text.size() < 2) throw std::out_of_range("subject prefix marker without its length");
+        text.remove_prefix(2);
+    }
+    const size_t end = text.find('\0');
+    if (end != std::string_view::npos) text = text.substr(0, end);
+    return DecodeBytes(text, code_page);
+}
+
+std::optional<std::string> SentTimeUtc(const tarn::ltp::const_property_object& message) {
+    if (!message.prop_exists(tarn::kPropSubmitTime)) return std::nullopt;
+    const std::vector<std::byte> value = message.get_value_variable(tarn::kPropSubmitTime);
+    if (value.size() != kFileTimeBytes) return std::nullopt;
+    return FileTimeUtc(tarn::LoadLe64(value.data()));
+}
+
+std::string FileTimeUtc(uint64_t file_time) {
+    // Whole seconds, rounded toward the past on both sides of 1970.
+    int64_t seconds = 0;
+    if (file_time >= kFileTimeUnixEpoch) {
+        seconds = static_cast<int64_t>((file_time - kFileTimeUnixEpoch) / kFileTimeTicksPerSecond);
+    } else {
+        const uint64_t before = kFileTimeUnixEpoch - file_time;
+        seconds = -static_cast<int64_t>((before + kFileTimeTicksPerSecond - 1) / kFileTimeTicksPerSecond);
+    }
+    const auto when = static_cast<std::time_t>(seconds);
+    std::tm utc{};
+    char text[64];
+    if (gmtime_r(&when, &utc) == nullptr || std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc) == 0)
+        return std::string();
+    return text;
+}
+
+}  // namespace tarnview
