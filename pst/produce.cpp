@@ -2,12 +2,13 @@
 
 #include "common/status.h"
 #include "pst/composer.h"
+#include "pst/mime_document.h"
 
 namespace tarn {
 
 int32_t ProduceDocument(const char16_t* file_name, PstFilterData* record, InputKind* kind,
                         int32_t* message_index, int32_t* body_format, bool plain_text,
-                        krn_handle /*handle*/) {
+                        krn_handle handle) {
     if (record == nullptr || kind == nullptr || message_index == nullptr || body_format == nullptr)
         return kStatusBadArgument;
     switch (*kind) {
@@ -19,10 +20,13 @@ int32_t ProduceDocument(const char16_t* file_name, PstFilterData* record, InputK
             record->produced_kind = kInputPstStore;
             return kStatusOk;
         }
-        // The message-file reader and the MIME reader land in their own changes; until then these
-        // kinds yield no document, and the record keeps its produced kind 388.
-        case kInputMessageFile:
         case kInputMimeText:
+            // One message: the toolkit's message number has nothing to choose.
+            *message_index = 0;
+            return ProduceMimeDocument(handle, record, body_format, nullptr);
+        // The message-file reader lands in its own change; until then it yields no document, and the
+        // record keeps its produced kind 388.
+        case kInputMessageFile:
             return kStatusUnsupported;
         default:
             return kStatusUnsupported;
