@@ -92,6 +92,8 @@ struct Frame {
     size_t end;
     std::string delimiter;
     int depth;
+    size_t parts = 0;       // found so far
+    ptrdiff_t report = -1;  // its own report, when parts are listed
 };
 
 class EmlReader {
@@ -295,8 +297,24 @@ int32_t EmlReader::Read() {
         report.content_type = TrimSpace(headers_type.substr(0, headers_type.find(';')));
         report.type = kMimeOther;
         report.fate = "multipart";
+        const ptrdiff_t index =
+            options_.parts != nullptr ? static_cast<ptrdiff_t>(options_.parts->size()) : -1;
         Report(std::move(report));
-        stack.push_back(Frame{begin, end, "\r\n--" + std::string(part_boundary), depth});
+        stack.push_back(Frame{begin, end, "\r\n--" + std::string(part_boundary), depth, 0, index});
+    };
+    // Says in a multipart's report why none of its parts was found.
+    auto finish = [&](const Frame& frame, bool closed) {
+        if (frame.parts != 0 || frame.report < 0) return;
+        if (closed) {
+            (*options_.parts)[static_cast<size_t>(frame.report)].fate = "multipart: closed before any part";
+            return;
+        }
+        const std::string_view bare = std::string_view(frame.delimiter).substr(1);  // LF "--" boundary
+        const bool lf_only = text_.substr(0, frame.end).find(bare, frame.position) != std::string_view::npos;
+        (*options_.parts)[static_cast<size_t>(frame.report)].fate =
+            lf_only ? "multipart: no part found; its delimiters follow LF alone, and a delimiter begins with "
+                      "CR LF"
+                    : "multipart: no part found; no line holds \"--\" and its boundary";
     };
     // From the empty line's own break on: a first delimiter right behind the header block begins with it.
     push(header_end >= 2 ? header_end - 2 : header_end, text_.size(), content_type, boundary, 0);
@@ -307,14 +325,17 @@ int32_t EmlReader::Read() {
         const std::string_view range = text_.substr(0, frame.end);
         const size_t found = range.find(frame.delimiter, frame.position);
         if (found == std::string_view::npos) {
+            finish(frame, false);
             stack.pop_back();
             continue;
         }
         const size_t begin = found + frame.delimiter.size();
         if (range.substr(begin, 2) == "--") {  // the closing delimiter
+            finish(frame, true);
             stack.pop_back();
             continue;
         }
+        ++frame.parts;
         const size_t next = range.find(frame.delimiter, begin);
         const size_t end = next == std::string_view::npos ? frame.end : next;
         frame.position = end;
@@ -322,7 +343,9 @@ int32_t EmlReader::Read() {
 
         const std::string_view part = text_.substr(begin, end - begin);
         std::string part_type;
-        FindHeaderField(part.substr(0, HeaderBlockEnd(part, true)), "Content-Type:", &part_type);
+        // Whether the part is a multipart is asked of the whole part, not only of its header block: a
+        // part cut short before its empty line still shows its own parts.
+        FindHeaderField(part, "Content-Type:", &part_type);
         const std::string_view part_boundary = ParameterValue(part_type, "boundary=");
         if (StartsIgnoringCase(TrimSpace(part_type), "message/rfc822") || part_boundary.empty()) {
             if (const int32_t status = ReadLeaf(begin, end, depth); status != kStatusOk) return status;

@@ -24,6 +24,8 @@ const Command kCommands[] = {
      "render FILE [--message N] [--text] [--lang LANGID] [-o OUT]   write the document the toolkit's loader "
      "receives"},
     {"list", tarnview::RunList, "list FILE [--json]                 a PST's messages in the filter's order"},
+    {"parts", tarnview::RunParts,
+     "parts FILE [--json]                an Internet message's MIME parts and what became of each"},
     {"cfb", tarnview::RunCfb, "cfb FILE [PATH] [--json]           a compound file's directory, or a stream"},
 };
 
