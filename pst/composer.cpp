@@ -1,12 +1,17 @@
 #include "pst/composer.h"
 
+#include <exception>
+#include <string>
 #include <string_view>
 
 #include "common/apiutils.h"
 #include "common/status.h"
+#include "kernel/tarnkrn.h"
+#include "pst/image_files.h"
 #include "pst/message_walk.h"
 #include "pst/render/compressed_rtf.h"
 #include "pst/render/header_block.h"
+#include "pst/render/inline_image.h"
 #include "store/ltp/prop_stream.h"
 
 namespace tarn {
@@ -23,10 +28,82 @@ size_t LengthWithoutNul(const CountedString& text) {
     return size;
 }
 
+// Room for an attachment name of a usual length in UTF-8; longer names grow the buffer.
+constexpr size_t kNameScratchBytes = 1024;
+constexpr size_t kNameGrowthStep = 32;
+
+// `name` in UTF-8 through the kernel's converter, with room for `per_unit` bytes a unit and `extra`
+// more: empty when the name is empty, does not fit that room, or memory runs out. The long name is
+// converted with only 2 bytes a unit, so a long name of mostly three-byte characters gives no value and
+// the body's "cid:" form of it is not looked for (the file name still is).
+std::string ConvertName(GrowBuffer& scratch, const std::u16string& name, size_t per_unit, size_t extra) {
+    if (name.empty() || name.size() > (kMaxBufferBytes - extra) / per_unit) return {};
+    const size_t capacity = name.size() * per_unit + extra;
+    if (!scratch.Reserve(capacity)) return {};
+    const int32_t written =
+        krnUtf16ToUtf8(name.data(), static_cast<int32_t>(name.size()),
+                       reinterpret_cast<char*>(scratch.data()), static_cast<int32_t>(capacity));
+    if (written <= 0) return {};
+    return std::string(reinterpret_cast<const char*>(scratch.data()), static_cast<size_t>(written));
+}
+
+std::u16string ReadNameIfPresent(const ltp::const_property_object& attachment, ltp::prop_id id) {
+    return attachment.prop_exists(id) ? attachment.read_wstring(id) : std::u16string();
+}
+
 }  // namespace
 
+// Puts each attachment that the HTML body refers to in place of its references, attachments in table
+// order. The long file name is the key: "cid:" and it, else the file name (long, or short without a
+// long one) itself; the attachment's content id is not consulted. Images go into the document as data
+// URIs, or in temporary-file mode into files beside it. 1 (also when there are no attachments), or -1
+// when the state for it cannot be had.
+//
+// A failure while an image is inlined stops the inlining but never discards the body: every image is
+// put in whole or not at all, so the body keeps the images done so far. A store error (a damaged
+// attachment) is one such failure, and so is anything else of the standard family thrown here.
+int32_t InlineAttachedImages(PstMessage& message, CountedString& html, PstFilterData* record) {
+    uint32_t attachments = 0;
+    try {
+        attachments = message.AttachmentCount();
+    } catch (const std::exception&) {
+        return kStatusOk;  // a damaged attachment table: no images, the body as it is
+    }
+    if (attachments == 0) return kStatusOk;
+
+    GrowBuffer names;
+    if (names.Init(kNameScratchBytes, kNameGrowthStep) != kStatusOk) return kStatusFailure;
+    RecordImageFiles files(record);
+    ImageFileWriter* writer = record != nullptr && record->temp_file_mode != 0 ? &files : nullptr;
+    try {
+        for (uint32_t row = 0; row < attachments; ++row) {
+            // The row names the attachment's own node, which holds its names and its data.
+            const ltp::property_bag attachment(
+                message.properties().get_node().lookup(message.Attachment(row).get_row_id()));
+            const std::u16string long_name = ReadNameIfPresent(attachment, kPropAttachLongName);
+            const std::u16string& file_name = attachment.prop_exists(kPropAttachLongName)
+                                                  ? long_name
+                                                  : ReadNameIfPresent(attachment, kPropAttachShortName);
+            std::string reference;
+            if (FindImageReference(html.text(), ConvertName(names, file_name, 4, 4),
+                                   ConvertName(names, long_name, 2, 1), &reference) != kStatusOk ||
+                !attachment.prop_exists(kPropAttachData))
+                continue;
+            CountedString data;
+            if (ReadWholeStream(attachment, kPropAttachData, data) != kStatusOk) break;
+            int32_t count = 0;
+            const int32_t status = InlineImage(&html, reference, data.data(), data.size(), writer, &count);
+            // An image too small to encode, or empty, is passed over; any other failure ends the inlining.
+            if (status != kStatusOk && status != 0 && status != kStatusBadArgument) break;
+        }
+    } catch (const std::exception&) {
+        // Inlining ends here; the body keeps the images put in before.
+    }
+    return kStatusOk;
+}
+
 int32_t ComposeMessage(PstMessage& message, MessageDocument& entry, bool is_target, int32_t* body_format,
-                       PstFilterData* /*record*/) {
+                       PstFilterData* record) {
     const ltp::property_bag& properties = message.properties();
     const std::u16string subject = ReadSubject(properties);
     if (subject == kLocalFreebusySubject) return kStatusNotPresent;
@@ -47,9 +124,9 @@ int32_t ComposeMessage(PstMessage& message, MessageDocument& entry, bool is_targ
     if (properties.prop_exists(kPropHtmlBody)) {
         *body_format = kBodyHtml;
         if (ReadWholeStream(properties, kPropHtmlBody, entry.document) != kStatusOk) return kStatusFailure;
-        // Images referenced by the HTML are inlined from the attachments by a later change. That step,
-        // unlike the body reads here, catches the store's errors itself (inlining stops, the HTML keeps
-        // what was done, the RTF step follows): it goes here, inside its own try block.
+        // Only the target's images: the other messages are composed only to be passed over.
+        if (is_target && InlineAttachedImages(message, entry.document, record) != kStatusOk)
+            return kStatusFailure;
     }
     if (properties.prop_exists(kPropRtfCompressed)) {
         *body_format = kBodyRtf;

@@ -21,6 +21,12 @@ inline constexpr char16_t kLocalFreebusySubject[] = u"LocalFreebusy";
 int32_t ComposeMessage(PstMessage& message, MessageDocument& entry, bool is_target, int32_t* body_format,
                        PstFilterData* record);
 
+// Puts the images that `html` refers to from the message's attachments in place of their references:
+// "cid:" and the long file name, else the file name itself. As data URIs, or in the record's
+// temporary-file mode as files (`record` may be null: data URIs). A store error while an attachment is
+// read ends the inlining, keeping the images put in before. 1; -1 when its state cannot be had.
+int32_t InlineAttachedImages(PstMessage& message, CountedString& html, PstFilterData* record);
+
 // Moves the target's body into record->document: the HTML wrapped in "<html>" and "</html>", the RTF as
 // it is, or with `plain_text` the text body behind the bytes FF FE (which the length does not count).
 // -9 when the body is absent, -1 when the header cannot be added or the buffer cannot grow.

@@ -2,6 +2,7 @@
 
 #include "common/status.h"
 #include "pst/composer.h"
+#include "pst/image_files.h"
 #include "pst/mime_document.h"
 
 namespace tarn {
@@ -23,7 +24,12 @@ int32_t ProduceDocument(const char16_t* file_name, PstFilterData* record, InputK
         case kInputMimeText:
             // One message: the toolkit's message number has nothing to choose.
             *message_index = 0;
-            return ProduceMimeDocument(handle, record, body_format, nullptr);
+            {
+                // A document handed over as a file takes its images as files beside it.
+                RecordImageFiles files(record);
+                return ProduceMimeDocument(handle, record, body_format,
+                                           record->temp_file_mode != 0 ? &files : nullptr);
+            }
         // The message-file reader lands in its own change; until then it yields no document, and the
         // record keeps its produced kind 388.
         case kInputMessageFile:

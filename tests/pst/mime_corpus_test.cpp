@@ -35,7 +35,7 @@ namespace {
 
 // Switch on when the images are put inside the document: until then the data-URI expectation is only
 // listed, never asserted.
-constexpr bool kImagesInlined = false;
+constexpr bool kImagesInlined = true;
 
 const std::filesystem::path kCorpus = std::filesystem::path(TARN_SHARED_DIR) / "corpus" / "eml";
 

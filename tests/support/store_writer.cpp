@@ -226,24 +226,28 @@ class Builder {
                 const size_t data_size = at.data.size();
                 const uint32_t aid = Nid(0x400 + static_cast<uint32_t>(a), 5);
                 uint32_t inner = 0x100;
-                LtpNodeData apc = WritePropertyContext(d_.layout,
-                                                       {
-                                                           {0x0E20, kLong, Le(data_size, 4)},
-                                                           {0x3701, kBinary, Take(at.data)},
-                                                           {0x3704, string_type_, Text(at.short_name)},
-                                                           {0x3705, kLong, Le(1, 4)},
-                                                           {0x3707, string_type_, Text(at.long_name)},
-                                                           {0x370B, kLong, Le(0xFFFFFFFF, 4)},
-                                                       },
-                                                       {.next_subnode = &inner});
+                std::vector<PcProperty> properties = {
+                    {0x0E20, kLong, Le(data_size, 4)},
+                    {0x3701, kBinary, Take(at.data)},
+                    {0x3704, string_type_, Text(at.short_name)},
+                    {0x3705, kLong, Le(1, 4)},
+                    {0x3707, string_type_, Text(at.long_name)},
+                    {0x370B, kLong, Le(0xFFFFFFFF, 4)},
+                };
+                std::vector<TcCell> cells = {{0x0E20, Le(data_size, 4)},
+                                             {0x3704, Text(at.short_name)},
+                                             {0x3705, Le(1, 4)},
+                                             {0x3707, Text(at.long_name)},
+                                             {0x370B, Le(0xFFFFFFFF, 4)}};
+                if (at.omit_long_name) {
+                    properties.erase(properties.begin() + 4);
+                    cells.erase(cells.begin() + 3);
+                }
+                LtpNodeData apc =
+                    WritePropertyContext(d_.layout, std::move(properties), {.next_subnode = &inner});
                 pc.subnodes.push_back(
                     {.id = aid, .data = std::move(apc.data), .subnodes = std::move(apc.subnodes)});
-                rows.push_back({aid,
-                                {{0x0E20, Le(data_size, 4)},
-                                 {0x3704, Text(at.short_name)},
-                                 {0x3705, Le(1, 4)},
-                                 {0x3707, Text(at.long_name)},
-                                 {0x370B, Le(0xFFFFFFFF, 4)}}});
+                rows.push_back({aid, std::move(cells)});
             }
             LtpNodeData table = WriteTableContext(d_.layout,
                                                   {{0x0E20, kLong},

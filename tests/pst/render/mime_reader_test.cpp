@@ -43,6 +43,10 @@ void ReadInto(std::string_view message, Read& out) {
     if (out.format == kBodyPlainText) out.body = out.record.text_body.text();
 }
 
+// A 1x1 PNG: large enough for its data URI's room (18 bytes and 1.4 per image byte).
+constexpr char kPixelPng[] =
+    "iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mNk+M9QDwADhgGAWjR9awAAAABJRU5ErkJggg==";
+
 MimeNode Html(std::string_view body) { return Leaf("text/html; charset=utf-8", body); }
 MimeNode Text(std::string_view body) { return Leaf("text/plain; charset=utf-8", body); }
 
@@ -190,7 +194,7 @@ TEST(ReadEmlBytes, ReportsEveryPart) {
     MimeNode top = Multipart(
         "mixed", "outer",
         {Multipart("alternative", "inner", {Text("t"), Html("<p><img src=\"cid:logo\"></p>")}),
-         Leaf("image/png; name=\"logo.png\"", "iVBORw0KGgo=\r\n",
+         Leaf("image/png; name=\"logo.png\"", kPixelPng,
               {"Content-Transfer-Encoding: base64", "Content-ID: <logo>"}),
          Leaf("image/png", "x"), Leaf("image/svg+xml; name=a.svg", "<svg/>"), Leaf("application/pdf", "%PDF"),
          Leaf("text/plain; charset=ISO-8859-1", "late"), Leaf("text/html", "")});
@@ -206,8 +210,7 @@ TEST(ReadEmlBytes, ReportsEveryPart) {
         {1, "multipart/alternative", "multipart"},
         {2, "text/plain", "ignored: replaced by a later body"},
         {2, "text/html", "body"},
-        // Until the inlining lands no reference is found.
-        {1, "image/png", "ignored: the HTML body before it does not refer to it"},
+        {1, "image/png", "inlined 1 time"},
         {1, "image/png", "ignored: an image without a location (Content-Location or name=)"},
         {1, "image/svg+xml", "ignored: SVG images are not inlined"},
         {1, "application/pdf", "ignored: not a type that is shown"},
@@ -224,8 +227,25 @@ TEST(ReadEmlBytes, ReportsEveryPart) {
     EXPECT_EQ(image.location, "logo.png");
     EXPECT_EQ(image.content_id, "logo");
     EXPECT_EQ(image.transfer_encoding, "base64");
-    EXPECT_EQ(image.decoded_size, 8u);
+    EXPECT_EQ(image.decoded_size, 70u);
     EXPECT_EQ(read.parts[8].charset, "ISO-8859-1");
+    EXPECT_NE(read.body.find("<img src=\"data:image;base64," + std::string(kPixelPng) + "\">"),
+              std::string::npos);
+
+    // An image too small for its data URI's room ends the walk: the body stays, later parts are not read,
+    // and the record keeps the status.
+    Read tiny;
+    ReadInto(
+        WriteMessage(kEnvelope, Multipart("related", "r",
+                                          {Html("<img src=\"cid:dot\">"),
+                                           Leaf("image/gif; name=dot.gif", "R0lG", {"Content-ID: <dot>"}),
+                                           Html("never read")})),
+        tiny);
+    EXPECT_EQ(tiny.status, kStatusOk);
+    EXPECT_EQ(tiny.body, "<img src=\"cid:dot\">");
+    EXPECT_EQ(tiny.record.reader_status, 0);
+    ASSERT_EQ(tiny.parts.size(), 3u);
+    EXPECT_EQ(tiny.parts[2].fate, "ignored: inlining failed with status 0; the walk ended here");
 }
 
 // A chain of multiparts `levels` deep around one HTML part.
