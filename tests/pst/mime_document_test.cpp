@@ -5,10 +5,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 #include "common/apiutils.h"
 #include "common/status.h"
+#include "pst/filter_data.h"
 #include "tests/pst/store_fixture.h"
 #include "tests/support/mime_writer.h"
 
@@ -95,6 +99,48 @@ TEST(MimeDocument, InfoDescribesOneMessage) {
     ASSERT_FALSE(toolkit.calls().empty());
     EXPECT_EQ(AsString(toolkit.calls().back().document), "From:   \ta@x\r\n\r\nhello");
     EXPECT_EQ(session.ReleaseSlot(kLinkedFilter).status, kStatusOk);
+}
+
+TEST(MimeDocument, InTemporaryFileModeImagesAreFilesBesideTheDocument) {
+    ScratchDir dir;
+    // A 1x1 PNG, and its bytes as the part's base64 carries them.
+    const std::string png_base64 =
+        "iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mNk+M9QDwADhgGAWjR9awAAAABJRU5ErkJggg==";
+    const std::string png = std::string(
+        "\x89\x50\x4e\x47\x0d\x0a\x1a\x0a\x00\x00\x00\x0d\x49\x48\x44\x52"
+        "\x00\x00\x00\x01\x00\x00\x00\x01\x08\x06\x00\x00\x00\x1f\x15\xc4"
+        "\x89\x00\x00\x00\x0d\x49\x44\x41\x54\x78\xda\x63\x64\xf8\xcf\x50"
+        "\x0f\x00\x03\x86\x01\x80\x5a\x34\x7d\x6b\x00\x00\x00\x00\x49\x45"
+        "\x4e\x44\xae\x42\x60\x82",
+        70);
+    const std::string message = WriteMessage(
+        {"From: a@x"}, Multipart("related", "r",
+                                 {Leaf("text/html", "<body><img src=\"cid:dot\"></body>"),
+                                  Leaf("image/png; name=dot.png", png_base64,
+                                       {"Content-ID: <dot>", "Content-Transfer-Encoding: base64"})}));
+    const auto path = Wide(dir.Write("images.eml", message));
+
+    host::Toolkit toolkit;
+    host::SourceSession session(path);
+    krnctlSetMode(0);  // not 3: HTML documents go to the loader by name
+    KernelFileHandle handle(krnOpenFile(path.c_str(), 0, kOpenShareMode));
+    ASSERT_EQ(host::CallInfo(kLinkedFilter, &session.BuildInfoRequest(handle.get(), 1)).status, kStatusOk);
+    ASSERT_EQ(toolkit.calls().size(), 1u);
+    const std::string html = AsString(toolkit.calls()[0].document);
+    const size_t src = html.find("<img src=\"");
+    ASSERT_NE(src, std::string::npos);
+    const std::string name = html.substr(src + 10, html.find('"', src + 10) - src - 10);
+    EXPECT_EQ(name.find(':'), std::string::npos) << name;  // a bare file name, neither cid: nor data:
+    const auto* record = static_cast<const PstFilterData*>(session.slot().data);
+    ASSERT_NE(record, nullptr);
+    const std::filesystem::path image =
+        std::filesystem::path(host::Utf8FromWide(record->temp_directory)) / name;
+    std::ifstream in(image, std::ios::binary);
+    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>()), png);
+    in.close();
+    // Released as the toolkit does: the image goes with the record.
+    ASSERT_TRUE(session.ReleaseSlot(kLinkedFilter).returned());
+    EXPECT_FALSE(std::filesystem::exists(image));
 }
 
 TEST(MimeDocument, AFileOverTheLimitIsRefusedUnread) {
