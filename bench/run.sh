@@ -3,6 +3,7 @@
 # in one run so that the figures share the machine's state.
 #
 # Usage: bench/run.sh [NAME...]       NAME is a benchmark below (default: all of them).
+#                                     eml also needs the npm oracles (scripts/oracles.sh, run here).
 # Environment: BUILD_DIR (default build/release), JOBS (build parallelism, default 2).
 #
 # To add a benchmark: write a function bench_NAME that builds its target with `build_target` and runs
@@ -176,7 +177,23 @@ bench_export() {
   rm -rf "$dir" "$out"
 }
 
-all=(cfb ndb pst ltp header deencapsulate msg export)
+
+bench_eml() {
+  build_target eml_bench
+  scripts/oracles.sh
+  local json
+  json="$(mktemp)"
+  echo "== eml: every corpus .eml through fltLoad, and the MIME reader alone in memory; mailparser over the same files"
+  "$build/bench/eml_bench" --benchmark_min_time=3 --benchmark_out="$json" --benchmark_out_format=json
+  local theirs ours
+  theirs="$(NODE_PATH=tests/oracles/node_modules node bench/eml_mailparser.js 20 "$shared"/corpus/eml/*.eml)"
+  echo "$theirs"
+  ours="$("$python" -c 'import json,sys; b=json.load(open(sys.argv[1]))["benchmarks"]; print(next(x["real_time"] for x in b if x["name"]=="BM_LoadEveryCorpusEml"))' "$json")"
+  "$python" -c 'import sys; o=float(sys.argv[1]); t=float(sys.argv[2].split()[1]); print(f"fltLoad of every file: {o:.2f} ms per pass; mailparser {t:.2f} ms: mailparser takes {t/o:.1f} times as long")' "$ours" "$theirs"
+  rm -f "$json"
+}
+
+all=(cfb ndb pst ltp header deencapsulate msg eml export)
 for name in "${@:-${all[@]}}"; do
   "bench_$name"
 done

@@ -2,13 +2,15 @@
 
 #include "common/status.h"
 #include "pst/composer.h"
+#include "pst/image_files.h"
+#include "pst/mime_document.h"
 #include "pst/msg_document.h"
 
 namespace tarn {
 
 int32_t ProduceDocument(const char16_t* file_name, PstFilterData* record, InputKind* kind,
                         int32_t* message_index, int32_t* body_format, bool plain_text,
-                        krn_handle /*handle*/) {
+                        krn_handle handle) {
     if (record == nullptr || kind == nullptr || message_index == nullptr || body_format == nullptr)
         return kStatusBadArgument;
     switch (*kind) {
@@ -26,10 +28,15 @@ int32_t ProduceDocument(const char16_t* file_name, PstFilterData* record, InputK
             record->produced_kind = kInputMessageFile;
             return kStatusOk;
         }
-        // The MIME reader lands in its own change; until then this kind yields no document, and the
-        // record keeps its produced kind 388.
         case kInputMimeText:
-            return kStatusUnsupported;
+            // One message: the toolkit's message number has nothing to choose.
+            *message_index = 0;
+            {
+                // A document handed over as a file takes its images as files beside it.
+                RecordImageFiles files(record);
+                return ProduceMimeDocument(handle, record, body_format,
+                                           record->temp_file_mode != 0 ? &files : nullptr);
+            }
         default:
             return kStatusUnsupported;
     }

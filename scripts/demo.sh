@@ -34,18 +34,24 @@ status=0
 report="$("$tarnview" info "$sample" 2>&1)" || status=$?
 printf '%s\n' "$report"
 if [ "$status" -eq 1 ] && grep -q '^status ' <<<"$report"; then
-  echo "(the filter produced no document for this source yet; the status line says why)"
+  echo "(the filter produced no document for this source; the status line says why)"
   exit 0
 elif [ "$status" -ne 0 ]; then
   echo "demo.sh: tarnview failed with exit status $status" >&2
   exit "$status"
 fi
 
-# The first message's document, exactly as the toolkit's loader is handed it.
-out="$build/demo-message-1"
+# The first message's document, exactly as the toolkit's loader is handed it, under the name tarnview
+# gives it (its extension says the format: .html, .rtf or .txt).
+out_dir="$build/demo-documents"
+mkdir -p "$out_dir"
+sample_path="$(cd "$(dirname "$sample")" && pwd)/$(basename "$sample")"
+tarnview_path="$(pwd)/$tarnview"
 echo
-echo "\$ tarnview render $sample --message 1 -o $out.html"
-"$tarnview" render "$sample" --message 1 -o "$out.html"
-echo "--- $out.html"
-cat "$out.html"
+echo "\$ tarnview render $sample --message 1"
+line="$(cd "$out_dir" && "$tarnview_path" render "$sample_path" --message 1)"
+printf '%s\n' "$line"
+written="$out_dir/${line%%: format *}"
+echo "--- $written"
+cat "$written"
 echo

@@ -105,6 +105,24 @@ void GrowBuffer::MoveInto(CountedString& target) {
     accounting_ = false;
 }
 
+int32_t GrowBuffer::Adopt(CountedString& source) {
+    Release();
+    const size_t size = source.size_;
+    if (size >= kAccountThreshold) {
+        if (const int32_t status = krnAccountMemory(static_cast<int64_t>(size)); status != kStatusOk) {
+            status_ = status;
+            return status;
+        }
+        accounting_ = true;
+        accounted_ = static_cast<int64_t>(size);
+    }
+    length_ = source.TextLength();
+    capacity_ = size;
+    data_ = std::exchange(source.data_, nullptr);
+    source.size_ = 0;
+    return kStatusOk;
+}
+
 void GrowBuffer::Truncate(size_t length) { length_ = std::min(length_, length); }
 
 CountedString::CountedString(CountedString&& other) noexcept

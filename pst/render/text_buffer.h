@@ -50,6 +50,10 @@ class GrowBuffer {
     void Release();
     // `target` takes over the data and length (its own data is freed); the buffer is left empty.
     void MoveInto(CountedString& target);
+    // Takes over `source`'s memory (its own is freed first) as contents of its text length, a final NUL
+    // kept beyond the length; nothing is copied. 1; the kernel's refusal to account a large block (the
+    // string then keeps its memory and the buffer is left empty).
+    int32_t Adopt(CountedString& source);
     // Shortens the contents to `length` bytes; a longer value is ignored.
     void Truncate(size_t length);
 

@@ -1,5 +1,6 @@
 // The exported entry points apart from composing: the statuses of the probe, of opening and of memory,
-// the kinds whose readers have not arrived yet, the record cached in a slot, and its release.
+// the kinds that give no document (a message file, whose reader has not arrived yet, and a MIME text
+// without a content type), the record cached in a slot, and its release.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -16,6 +16,7 @@ int RunCfb(const Args& args);     // a compound file's directory, or one stream
 int RunRender(const Args& args);  // fltLoad through the toolkit stand-in, the document written out
 int RunList(const Args& args);    // a PST's messages in the filter's walk order
 int RunExport(const Args& args);  // every message of each source as a document file, in one pass
+int RunParts(const Args& args);   // an Internet message's MIME tree and what became of each part
 
 }  // namespace tarnview
 

@@ -27,6 +27,8 @@ const Command kCommands[] = {
     {"export", tarnview::RunExport,
      "export SOURCE... -o DIR [--text] [--lang LANGID] [--attachments] [--force]   every message as a "
      "document file, with manifest.jsonl"},
+    {"parts", tarnview::RunParts,
+     "parts FILE [--json]                an Internet message's MIME parts and what became of each"},
     {"cfb", tarnview::RunCfb, "cfb FILE [PATH] [--json]           a compound file's directory, or a stream"},
 };
 

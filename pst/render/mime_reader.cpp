@@ -1,0 +1,400 @@
+#include "pst/render/mime_reader.h"
+
+#include <algorithm>
+#include <string>
+
+#include "common/status.h"
+#include "pst/render/charset.h"
+#include "pst/render/mime_decode.h"
+#include "pst/render/text_search.h"
+
+namespace tarn {
+namespace {
+
+// The file, read whole, with room for one more byte; the toolkit measures in signed 32 bits.
+constexpr int64_t kMaxMessageBytes = 0x7FFFFFFF;
+constexpr size_t kBodyGrowthStep = 1024;
+
+struct TypeName {
+    std::string_view name;
+    MimeType type;
+};
+constexpr TypeName kTypeNames[] = {
+    {"text/html", kMimeTextHtml},
+    {"text/plain", kMimeTextPlain},
+    {"text/xml", kMimeTextXml},
+    {"application/vnd.ms-officetheme", kMimeOfficeTheme},
+    {"application/javascript", kMimeJavascript},
+    {"image/svg", kMimeImageSvg},
+    {"image/png", kMimeImagePng},
+    {"image/gif", kMimeImageGif},
+    {"image/jpeg", kMimeImageJpeg},
+    {"image/x-wmf", kMimeImageWmf},
+    {"text/css", kMimeTextCss},
+};
+
+// The message's own header fields, in the order they are read, and the slot each fills.
+struct FieldName {
+    std::string_view name;
+    HeaderSlot slot;
+};
+constexpr FieldName kMessageFields[] = {
+    {"From:", kSlotFrom}, {"To:", kSlotTo},   {"Subject:", kSlotSubject},       {"Date:", kSlotSent},
+    {"CC:", kSlotCc},     {"BCC:", kSlotBcc}, {"Importance:", kSlotImportance},
+};
+// The fields converted with the first text part's character set (Importance is not).
+constexpr HeaderSlot kConvertedSlots[] = {kSlotFrom, kSlotTo, kSlotSubject, kSlotSent, kSlotCc, kSlotBcc};
+
+constexpr std::string_view kDoctype = "<!DOCTYPE html";
+
+std::string_view TrimSpace(std::string_view text) {
+    const size_t first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string_view::npos) return {};
+    return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
+
+// Where a block of header lines ends: behind the first empty line (CR LF, else LF alone); failing
+// both, behind the first line break, so that the first line alone is taken as headers; failing that,
+// at the end. The message's own block has no first-line fallback: without an empty line it is all headers.
+size_t HeaderBlockEnd(std::string_view text, bool first_line_fallback) {
+    if (const size_t found = text.find("\r\n\r\n"); found != std::string_view::npos) return found + 4;
+    if (const size_t found = text.find("\n\n"); found != std::string_view::npos) return found + 2;
+    if (first_line_fallback) {
+        if (const size_t found = text.find("\r\n"); found != std::string_view::npos) return found + 2;
+    }
+    return text.size();
+}
+
+// The value of parameter `name` (with its "=") in a header value: quotes removed; a quoted value ends
+// at its closing quote, a bare one at ";", white space or the end. Empty when there is none.
+std::string_view ParameterValue(std::string_view header, std::string_view name) {
+    size_t found = FindIgnoringCase(header, name);
+    // "name=" must not be the tail of another parameter's name ("filename=" for "name=").
+    while (found != std::string_view::npos && found > 0) {
+        const char before = header[found - 1];
+        if (before == ';' || before == ' ' || before == '\t') break;
+        found = FindIgnoringCase(header, name, found + 1);
+    }
+    if (found == std::string_view::npos) return {};
+    std::string_view value = header.substr(found + name.size());
+    if (!value.empty() && value.front() == '"') {
+        value.remove_prefix(1);
+        return value.substr(0, value.find('"'));
+    }
+    return value.substr(0, value.find_first_of("; \t\r\n"));
+}
+
+bool IsImage(MimeType type) { return type >= kMimeImagePng && type <= kMimeImageWmf; }
+
+// The walk over one multipart: its delimiter and the range still to be read.
+struct Frame {
+    size_t position;
+    size_t end;
+    std::string delimiter;
+    int depth;
+    size_t parts = 0;       // found so far
+    ptrdiff_t report = -1;  // its own report, when parts are listed
+};
+
+class EmlReader {
+  public:
+    EmlReader(std::string_view text, MessageDocument& record, int32_t* body_format,
+              const MimeReadOptions& options)
+        : text_(text), record_(record), body_format_(body_format), options_(options) {}
+
+    int32_t Read();
+
+  private:
+    int32_t ReadHeaderFields(std::string_view block);
+    int32_t ReadLeaf(size_t begin, size_t end, int depth);
+    void ConvertHeaderFields(CharsetCode charset);
+    int32_t TakeText(MimeType type, CharsetCode charset, GrowBuffer& content, MimePartReport& report);
+    void TakeImage(const GrowBuffer& content, MimePartReport& report);
+    MimePartReport* Report(MimePartReport report);
+
+    std::string_view text_;
+    MessageDocument& record_;
+    int32_t* body_format_;
+    const MimeReadOptions& options_;
+    bool headers_converted_ = false;
+    bool walk_ended_ = false;     // an image's failure ends the walk, keeping the body
+    ptrdiff_t body_report_ = -1;  // the report of the part that is the body now
+};
+
+MimePartReport* EmlReader::Report(MimePartReport report) {
+    if (options_.parts == nullptr) return nullptr;
+    options_.parts->push_back(std::move(report));
+    return &options_.parts->back();
+}
+
+int32_t EmlReader::ReadHeaderFields(std::string_view block) {
+    std::string value;
+    for (const FieldName& field : kMessageFields) {
+        if (!FindHeaderField(block, field.name, &value)) continue;
+        GrowBuffer decoded;
+        int32_t status = decoded.Init(0, 0);
+        if (status == kStatusOk) status = DecodeEncodedWords(value, &decoded);
+        if (status != kStatusOk) return status;
+        if (AssignBytes(record_.header[field.slot], decoded.data(), decoded.length()) != kStatusOk)
+            return kStatusFailure;
+    }
+    return kStatusOk;
+}
+
+void EmlReader::ConvertHeaderFields(CharsetCode charset) {
+    if (headers_converted_ || charset.code == kCharsetNone || charset.code == kCharsetUtf8 ||
+        charset.code == kCharsetUsAscii)
+        return;
+    headers_converted_ = true;
+    for (const HeaderSlot slot : kConvertedSlots) {
+        if (record_.header[slot].size() == 0) continue;
+        CharsetCode copy = charset;
+        // A field that cannot be converted keeps its bytes, as a body does.
+        (void)ConvertToUtf8(&record_.header[slot], &copy, true);
+    }
+}
+
+int32_t EmlReader::TakeText(MimeType type, CharsetCode charset, GrowBuffer& content, MimePartReport& report) {
+    // The first text part that names a set other than UTF-8 and US-ASCII converts the header fields,
+    // whether or not it becomes the body.
+    ConvertHeaderFields(charset);
+    if (type == kMimeTextPlain && *body_format_ == kBodyHtml && record_.document.TextLength() != 0) {
+        report.fate = "ignored: text/plain after an HTML body";
+        return kStatusOk;
+    }
+    // The document type declaration is blanked, so that loaders lay the page out in their own mode.
+    const std::string_view text = content.view();
+    if (const size_t doctype = text.find(kDoctype); doctype != std::string_view::npos) {
+        const size_t close = text.find('>', doctype);
+        const size_t last = close == std::string_view::npos ? text.size() : close + 1;
+        std::fill(content.data() + doctype, content.data() + last, std::byte{' '});
+    }
+    CountedString body;
+    content.MoveInto(body);
+    report.fate = "body";
+    // -1 is also the code page's refusal: the part then shows as it was written.
+    if (ConvertToUtf8(&body, &charset, true) != kStatusOk)
+        report.fate = "body, its character set not converted";
+    if (type == kMimeTextHtml) {
+        record_.document = std::move(body);
+        record_.text_body.Release();
+        *body_format_ = kBodyHtml;
+    } else {
+        record_.text_body = std::move(body);
+        record_.document.Release();
+        *body_format_ = kBodyPlainText;
+    }
+    if (options_.parts != nullptr) {
+        if (body_report_ >= 0)
+            (*options_.parts)[static_cast<size_t>(body_report_)].fate = "ignored: replaced by a later body";
+        body_report_ = static_cast<ptrdiff_t>(options_.parts->size());  // where this report goes
+    }
+    return kStatusOk;
+}
+
+void EmlReader::TakeImage(const GrowBuffer& content, MimePartReport& report) {
+    if (report.location.empty()) {
+        report.fate = "ignored: an image without a location (Content-Location or name=)";
+        return;
+    }
+    const std::string_view html = *body_format_ == kBodyHtml ? record_.document.text() : std::string_view{};
+    std::string reference;
+    if (FindImageReference(html, report.location, report.content_id, &reference) != kStatusOk) {
+        report.fate = "ignored: the HTML body before it does not refer to it";
+        return;
+    }
+    int32_t count = 0;
+    const int32_t status =
+        InlineImage(&record_.document, reference, content.data(), content.length(), options_.files, &count);
+    if (status < kStatusOk) {
+        // The body keeps what was done; the rest of the message is not read.
+        report.fate =
+            "ignored: inlining failed with status " + std::to_string(status) + "; the walk ended here";
+        record_.reader_status = status;
+        walk_ended_ = true;
+        return;
+    }
+    report.fate = count > 0 ? "inlined " + std::to_string(count) + (count == 1 ? " time" : " times")
+                            : "ignored: no use of its reference could be replaced";
+}
+
+int32_t EmlReader::ReadLeaf(size_t begin, size_t end, int depth) {
+    const std::string_view part = text_.substr(begin, end - begin);
+    const size_t header_end = HeaderBlockEnd(part, true);
+    const std::string_view headers = part.substr(0, header_end);
+    const std::string_view body = part.substr(header_end);
+
+    MimePartReport report;
+    report.depth = depth;
+    std::string content_type;
+    std::string value;
+    FindHeaderField(headers, "Content-Type:", &content_type);
+    report.type = MimeTypeOf(content_type);
+    report.content_type = TrimSpace(std::string_view(content_type).substr(0, content_type.find(';')));
+    CharsetCode charset;
+    if (report.type == kMimeTextHtml || report.type == kMimeTextPlain) {
+        FindCharsetDeclaration(content_type, &charset);
+        report.charset = ParameterValue(content_type, "charset=");
+    }
+    if (FindHeaderField(headers, "Content-Transfer-Encoding:", &value))
+        report.transfer_encoding = TrimSpace(value);
+    if (FindHeaderField(headers, "Content-ID:", &value)) {
+        std::string_view id = TrimSpace(value);
+        // Bodies refer to "cid:" and the id without its brackets.
+        if (id.size() >= 2 && id.front() == '<' && id.back() == '>') id = id.substr(1, id.size() - 2);
+        report.content_id = id;
+    }
+    if (FindHeaderField(headers, "Content-Location:", &value)) report.location = TrimSpace(value);
+    if (report.location.empty()) report.location = ParameterValue(content_type, "name=");
+
+    GrowBuffer content;
+    int32_t status = content.Init(0, kBodyGrowthStep);
+    if (status == kStatusOk) {
+        if (EqualsIgnoringCase(report.transfer_encoding, "quoted-printable"))
+            status = DecodeQuotedPrintable(body, &content, false);
+        else if (EqualsIgnoringCase(report.transfer_encoding, "base64"))
+            status = DecodeBase64(body, &content);
+        else
+            status = content.Append(body);
+    }
+    if (status != kStatusOk) return status;
+    report.decoded_size = content.length();
+
+    if (content.length() == 0) {
+        report.fate = "ignored: no content";
+    } else if (report.type == kMimeTextHtml || report.type == kMimeTextPlain) {
+        status = TakeText(report.type, charset, content, report);
+    } else if (IsImage(report.type)) {
+        TakeImage(content, report);
+    } else if (StartsIgnoringCase(report.content_type, "message/rfc822")) {
+        report.fate = "ignored: an enclosed message is not shown";
+    } else if (report.type == kMimeImageSvg) {
+        report.fate = "ignored: SVG images are not inlined";
+    } else {
+        report.fate = "ignored: not a type that is shown";
+    }
+    Report(std::move(report));
+    return status;
+}
+
+int32_t EmlReader::Read() {
+    *body_format_ = kBodyNone;
+    const size_t header_end = HeaderBlockEnd(text_, false);
+    const std::string_view block = text_.substr(0, header_end);
+    if (const int32_t status = ReadHeaderFields(block); status != kStatusOk) return status;
+
+    std::string content_type;
+    FindHeaderField(block, "Content-Type:", &content_type);
+    const std::string_view boundary = ParameterValue(content_type, "boundary=");
+    const bool rfc822 = StartsIgnoringCase(TrimSpace(content_type), "message/rfc822");
+    if (boundary.empty() || rfc822) return ReadLeaf(0, text_.size(), 0);
+
+    std::vector<Frame> stack;
+    auto push = [&](size_t begin, size_t end, std::string_view headers_type, std::string_view part_boundary,
+                    int depth) {
+        MimePartReport report;
+        report.depth = depth;
+        report.content_type = TrimSpace(headers_type.substr(0, headers_type.find(';')));
+        report.type = kMimeOther;
+        report.fate = "multipart";
+        const ptrdiff_t index =
+            options_.parts != nullptr ? static_cast<ptrdiff_t>(options_.parts->size()) : -1;
+        Report(std::move(report));
+        stack.push_back(Frame{begin, end, "\r\n--" + std::string(part_boundary), depth, 0, index});
+    };
+    // Says in a multipart's report why none of its parts was found.
+    auto finish = [&](const Frame& frame, bool closed) {
+        if (frame.parts != 0 || frame.report < 0) return;
+        if (closed) {
+            (*options_.parts)[static_cast<size_t>(frame.report)].fate = "multipart: closed before any part";
+            return;
+        }
+        const std::string_view bare = std::string_view(frame.delimiter).substr(1);  // LF "--" boundary
+        const bool lf_only = text_.substr(0, frame.end).find(bare, frame.position) != std::string_view::npos;
+        (*options_.parts)[static_cast<size_t>(frame.report)].fate =
+            lf_only ? "multipart: no part found; its delimiters follow LF alone, and a delimiter begins with "
+                      "CR LF"
+                    : "multipart: no part found; no line holds \"--\" and its boundary";
+    };
+    // From the empty line's own break on: a first delimiter right behind the header block begins with it.
+    push(header_end >= 2 ? header_end - 2 : header_end, text_.size(), content_type, boundary, 0);
+    // Multiparts are walked with a stack of their own, one frame a level, so that the input cannot
+    // choose how deep the reader's own calls go.
+    while (!stack.empty() && !walk_ended_) {
+        Frame& frame = stack.back();
+        const std::string_view range = text_.substr(0, frame.end);
+        const size_t found = range.find(frame.delimiter, frame.position);
+        if (found == std::string_view::npos) {
+            finish(frame, false);
+            stack.pop_back();
+            continue;
+        }
+        const size_t begin = found + frame.delimiter.size();
+        if (range.substr(begin, 2) == "--") {  // the closing delimiter
+            finish(frame, true);
+            stack.pop_back();
+            continue;
+        }
+        ++frame.parts;
+        const size_t next = range.find(frame.delimiter, begin);
+        const size_t end = next == std::string_view::npos ? frame.end : next;
+        frame.position = end;
+        const int depth = frame.depth + 1;
+
+        const std::string_view part = text_.substr(begin, end - begin);
+        std::string part_type;
+        // Whether the part is a multipart is asked of the whole part, not only of its header block: a
+        // part cut short before its empty line still shows its own parts.
+        FindHeaderField(part, "Content-Type:", &part_type);
+        const std::string_view part_boundary = ParameterValue(part_type, "boundary=");
+        if (StartsIgnoringCase(TrimSpace(part_type), "message/rfc822") || part_boundary.empty()) {
+            if (const int32_t status = ReadLeaf(begin, end, depth); status != kStatusOk) return status;
+            continue;
+        }
+        if (depth > kMaxMimeDepth) return kStatusUnsupported;
+        push(begin, end, part_type, part_boundary, depth);  // `frame` is not used after this
+    }
+    return kStatusOk;
+}
+
+}  // namespace
+
+MimeType MimeTypeOf(std::string_view content_type) {
+    const std::string_view value = TrimSpace(content_type);
+    for (const TypeName& entry : kTypeNames)
+        if (StartsIgnoringCase(value, entry.name)) return entry.type;
+    return kMimeOther;
+}
+
+int32_t ReadEmlBytes(std::string_view bytes, MessageDocument& record, int32_t* body_format,
+                     const MimeReadOptions& options) {
+    if (body_format == nullptr) return kStatusBadArgument;
+    EmlReader reader(bytes, record, body_format, options);
+    if (const int32_t status = reader.Read(); status != kStatusOk) return status;
+    if (*body_format == kBodyHtml) return EnsureUtf8Meta(&record.document);
+    return kStatusOk;
+}
+
+int32_t ReadEmlMessage(krn_handle handle, MessageDocument& record, int32_t* body_format,
+                       const MimeReadOptions& options) {
+    const int64_t size = krnSeekFile(handle, 0, 0, KRN_SEEK_END);
+    if (size < 0) return kStatusNoPosition;
+    if (size > kMaxMessageBytes) return kStatusFileTooLarge;
+    if (krnSeekFile(handle, 0, 0, KRN_SEEK_START) != 0) return kStatusNoPosition;
+
+    GrowBuffer file;
+    if (const int32_t status = file.Init(static_cast<size_t>(size) + 1, 0); status != kStatusOk)
+        return status;
+    // The size is what the file holds now: a read that falls short of it is a short read, not the end.
+    int64_t done = 0;
+    while (done < size) {
+        const int32_t got = krnReadFile(handle, file.data() + done, static_cast<int32_t>(size - done));
+        if (got <= 0) return kStatusShortRead;
+        done += got;
+    }
+    return ReadEmlBytes(
+        std::string_view(reinterpret_cast<const char*>(file.data()), static_cast<size_t>(size)), record,
+        body_format, options);
+}
+
+}  // namespace tarn

@@ -1,0 +1,328 @@
+// The MIME reader over messages written by the fixture writer: which part becomes the body, what the
+// header fields read, what every part's report says, and how damaged and oversized input ends.
+#include "pst/render/mime_reader.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "common/apiutils.h"
+#include "common/status.h"
+#include "kernel/tarnkrn_control.h"
+#include "pst/render/charset.h"
+#include "tests/support/mime_writer.h"
+#include "tests/support/scratch_file.h"
+
+namespace tarn {
+namespace {
+
+using testing::Leaf;
+using testing::MimeNode;
+using testing::Multipart;
+using testing::WriteMessage;
+
+const std::vector<std::string> kEnvelope = {"From: Ada <ada@example.org>", "To: Charles <c@example.org>",
+                                            "Subject: Notes", "Date: Mon, 23 Nov 2026 09:00:00 +0000"};
+
+struct Read {
+    int32_t status = 0;
+    int32_t format = -1;
+    std::string body;  // the document for HTML, the text body for text, without a final NUL
+    std::vector<MimePartReport> parts;
+    MessageDocument record;
+};
+
+void ReadInto(std::string_view message, Read& out) {
+    MimeReadOptions options;
+    options.parts = &out.parts;
+    out.status = ReadEmlBytes(message, out.record, &out.format, options);
+    if (out.format == kBodyHtml) out.body = out.record.document.text();
+    if (out.format == kBodyPlainText) out.body = out.record.text_body.text();
+}
+
+// A 1x1 PNG: large enough for its data URI's room (18 bytes and 1.4 per image byte).
+constexpr char kPixelPng[] =
+    "iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mNk+M9QDwADhgGAWjR9awAAAABJRU5ErkJggg==";
+
+MimeNode Html(std::string_view body) { return Leaf("text/html; charset=utf-8", body); }
+MimeNode Text(std::string_view body) { return Leaf("text/plain; charset=utf-8", body); }
+
+TEST(ReadEmlBytes, ChoosesTheBody) {
+    MimeNode unclosed = Multipart("mixed", "b1", {Text("first"), Text("runs to the end")});
+    unclosed.closed = false;
+    MimeNode preamble = Multipart("alternative", "b1", {Text("after the preamble")});
+    preamble.preamble = "This is a multi-part message in MIME format.\r\n";
+    MimeNode headerless = Multipart("mixed", "b1", {Text("kept"), Leaf("", "no headers at all")});
+    headerless.parts[1].headers.clear();
+
+    struct Case {
+        const char* name;
+        std::string message;
+        int32_t format;
+        std::string body;
+    } cases[] = {
+        {"single text part", WriteMessage(kEnvelope, Text("Hello")), kBodyPlainText, "Hello"},
+        {"single part, LF line ends", WriteMessage(kEnvelope, Text("Hello\n"), "\n"), kBodyPlainText,
+         "Hello\n"},
+        {"text then HTML",
+         WriteMessage(kEnvelope, Multipart("alternative", "b1", {Text("t"), Html("<p>h</p>")})), kBodyHtml,
+         "<p>h</p>"},
+        {"HTML then text",
+         WriteMessage(kEnvelope, Multipart("alternative", "b1", {Html("<p>h</p>"), Text("t")})), kBodyHtml,
+         "<p>h</p>"},
+        {"later HTML replaces", WriteMessage(kEnvelope, Multipart("mixed", "b1", {Html("one"), Html("two")})),
+         kBodyHtml, "two"},
+        {"later text replaces text",
+         WriteMessage(kEnvelope, Multipart("mixed", "b1", {Text("one"), Text("two")})), kBodyPlainText,
+         "two"},
+        {"nested",
+         WriteMessage(kEnvelope,
+                      Multipart("mixed", "outer",
+                                {Multipart("alternative", "inner", {Text("t"), Html("<b>nested</b>")}),
+                                 Leaf("application/pdf", "%PDF")})),
+         kBodyHtml, "<b>nested</b>"},
+        {"enclosed message is a leaf",
+         WriteMessage(kEnvelope, Multipart("mixed", "outer",
+                                           {Text("outer text"),
+                                            Leaf("message/rfc822",
+                                                 testing::WriteMime(Multipart("alternative", "enc",
+                                                                              {Html("<p>enclosed</p>")})))})),
+         kBodyPlainText, "outer text"},
+        {"closing delimiter never comes", WriteMessage(kEnvelope, unclosed), kBodyPlainText,
+         "runs to the end\r\n"},
+        {"preamble", WriteMessage(kEnvelope, preamble), kBodyPlainText, "after the preamble"},
+        {"part without headers", WriteMessage(kEnvelope, headerless), kBodyPlainText, "kept"},
+        // The delimiter begins with CR LF: in a message of LF line ends no part is found.
+        {"multipart with LF line ends",
+         WriteMessage(kEnvelope, Multipart("alternative", "b1", {Text("t"), Html("h")}), "\n"), kBodyNone,
+         ""},
+        {"no content type", WriteMessage(kEnvelope, Leaf("", "untyped")), kBodyNone, ""},
+        {"empty HTML part skipped",
+         WriteMessage(kEnvelope, Multipart("alternative", "b1", {Text("t"), Html("")})), kBodyPlainText, "t"},
+        {"quoted-printable",
+         WriteMessage(kEnvelope, Leaf("text/html", "<p>caf=C3=A9 and a soft=\r\nbreak</p>",
+                                      {"Content-Transfer-Encoding: quoted-printable"})),
+         kBodyHtml, "<p>caf\xC3\xA9 and a softbreak</p>"},
+        {"base64",
+         WriteMessage(kEnvelope, Leaf("text/plain", "Zm9vYmFy\r\n", {"Content-Transfer-Encoding: BASE64"})),
+         kBodyPlainText, "foobar"},
+        {"names in any case",
+         WriteMessage({"SUBJECT: x"},
+                      [] {
+                          MimeNode node = Multipart("alternative", "b1",
+                                                    {Leaf("", "<i>x</i>", {"content-type: TEXT/HTML"})});
+                          node.headers[0] = "content-type: Multipart/Alternative; BOUNDARY=b1";
+                          return node;
+                      }()),
+         kBodyHtml, "<i>x</i>"},
+        {"document type blanked", WriteMessage(kEnvelope, Html("<!DOCTYPE html PUBLIC \"x\"><p>y</p>")),
+         kBodyHtml, std::string(26, ' ') + "<p>y</p>"},
+        {"UTF-8 declaration added", WriteMessage(kEnvelope, Leaf("text/html", "<html><head></head>z</html>")),
+         kBodyHtml, "<html><head>" + std::string(kUtf8MetaTag) + "</head>z</html>"},
+        {"Latin-1 part converted", WriteMessage(kEnvelope, Leaf("text/plain; charset=iso-8859-1", "caf\xE9")),
+         kBodyPlainText, "caf\xC3\xA9"},
+    };
+    for (const Case& c : cases) {
+        Read read;
+        ReadInto(c.message, read);
+        EXPECT_EQ(read.status, kStatusOk) << c.name;
+        EXPECT_EQ(read.format, c.format) << c.name;
+        EXPECT_EQ(read.body, c.body) << c.name;
+    }
+}
+
+TEST(ReadEmlBytes, HeaderFields) {
+    struct Case {
+        const char* name;
+        std::vector<std::string> headers;
+        MimeNode top;
+        HeaderSlot slot;
+        std::string value;
+    } cases[] = {
+        {"folded subject", {"Subject: one", " two"}, Text("x"), kSlotSubject, "one two"},
+        {"Date raw",
+         {"Date: Mon, 23 Nov 2026 09:00:00 +0000"},
+         Text("x"),
+         kSlotSent,
+         "Mon, 23 Nov 2026 09:00:00 +0000"},
+        {"Importance raw", {"Importance: =?utf-8?Q?High?="}, Text("x"), kSlotImportance, "High"},
+        {"CC any case", {"cc: c@x"}, Text("x"), kSlotCc, "c@x"},
+        {"BCC", {"Bcc: b@x"}, Text("x"), kSlotBcc, "b@x"},
+        {"not Reply-To", {"Reply-To: r@x", "To: t@x"}, Text("x"), kSlotTo, "t@x"},
+        {"encoded From",
+         {"From: =?utf-8?B?QWRhIEzDtnZlbGFjZQ==?= <a@x>"},
+         Text("x"),
+         kSlotFrom,
+         "Ada L\xC3\xB6velace <a@x>"},
+        {"lower-case q kept", {"Subject: =?utf-8?q?a_b?="}, Text("x"), kSlotSubject, "=?utf-8?q?a_b?="},
+        // Deliberate: the first text part's set converts the fields again, even those that encoded words
+        // made UTF-8 already.
+        {"reconverted with the part's set",
+         {"Subject: =?windows-1251?B?z/Do4uXy?="},
+         Leaf("text/plain; charset=windows-1251", "x"),
+         kSlotSubject,
+         "\xD0\xA0\xD1\x9F\xD0\xA1\xD0\x82\xD0\xA0\xD1\x91\xD0\xA0\xD0\x86\xD0\xA0\xC2\xB5\xD0\xA1\xE2\x80"
+         "\x9A"},
+        {"raw Latin-1 converted by the part's set",
+         {"Subject: caf\xE9"},
+         Multipart("alternative", "b", {Leaf("text/plain; charset=iso-8859-1", "x"), Html("h")}),
+         kSlotSubject,
+         "caf\xC3\xA9"},
+        {"US-ASCII part converts nothing",
+         {"Subject: caf\xE9"},
+         Leaf("text/plain; charset=us-ascii", "x"),
+         kSlotSubject,
+         "caf\xE9"},
+        {"Importance never converted",
+         {"Importance: caf\xE9"},
+         Leaf("text/plain; charset=iso-8859-1", "x"),
+         kSlotImportance,
+         "caf\xE9"},
+    };
+    for (Case& c : cases) {
+        Read read;
+        ReadInto(WriteMessage(c.headers, c.top), read);
+        EXPECT_EQ(read.status, kStatusOk) << c.name;
+        EXPECT_EQ(std::string(read.record.header[c.slot].text()), c.value) << c.name;
+    }
+}
+
+TEST(ReadEmlBytes, ReportsEveryPart) {
+    MimeNode top = Multipart(
+        "mixed", "outer",
+        {Multipart("alternative", "inner", {Text("t"), Html("<p><img src=\"cid:logo\"></p>")}),
+         Leaf("image/png; name=\"logo.png\"", kPixelPng,
+              {"Content-Transfer-Encoding: base64", "Content-ID: <logo>"}),
+         Leaf("image/png", "x"), Leaf("image/svg+xml; name=a.svg", "<svg/>"), Leaf("application/pdf", "%PDF"),
+         Leaf("text/plain; charset=ISO-8859-1", "late"), Leaf("text/html", "")});
+    Read read;
+    ReadInto(WriteMessage(kEnvelope, top), read);
+    ASSERT_EQ(read.status, kStatusOk);
+    struct Expected {
+        int depth;
+        std::string type;
+        std::string fate;
+    } expected[] = {
+        {0, "multipart/mixed", "multipart"},
+        {1, "multipart/alternative", "multipart"},
+        {2, "text/plain", "ignored: replaced by a later body"},
+        {2, "text/html", "body"},
+        {1, "image/png", "inlined 1 time"},
+        {1, "image/png", "ignored: an image without a location (Content-Location or name=)"},
+        {1, "image/svg+xml", "ignored: SVG images are not inlined"},
+        {1, "application/pdf", "ignored: not a type that is shown"},
+        {1, "text/plain", "ignored: text/plain after an HTML body"},
+        {1, "text/html", "ignored: no content"},
+    };
+    ASSERT_EQ(read.parts.size(), std::size(expected));
+    for (size_t i = 0; i < read.parts.size(); ++i) {
+        EXPECT_EQ(read.parts[i].depth, expected[i].depth) << i;
+        EXPECT_EQ(read.parts[i].content_type, expected[i].type) << i;
+        EXPECT_EQ(read.parts[i].fate, expected[i].fate) << i;
+    }
+    const MimePartReport& image = read.parts[4];
+    EXPECT_EQ(image.location, "logo.png");
+    EXPECT_EQ(image.content_id, "logo");
+    EXPECT_EQ(image.transfer_encoding, "base64");
+    EXPECT_EQ(image.decoded_size, 70u);
+    EXPECT_EQ(read.parts[8].charset, "ISO-8859-1");
+    EXPECT_NE(read.body.find("<img src=\"data:image;base64," + std::string(kPixelPng) + "\">"),
+              std::string::npos);
+
+    // An image too small for its data URI's room ends the walk: the body stays, later parts are not read,
+    // and the record keeps the status.
+    Read tiny;
+    ReadInto(
+        WriteMessage(kEnvelope, Multipart("related", "r",
+                                          {Html("<img src=\"cid:dot\">"),
+                                           Leaf("image/gif; name=dot.gif", "R0lG", {"Content-ID: <dot>"}),
+                                           Html("never read")})),
+        tiny);
+    EXPECT_EQ(tiny.status, kStatusOk);
+    EXPECT_EQ(tiny.body, "<img src=\"cid:dot\">");
+    EXPECT_EQ(tiny.record.reader_status, 0);
+    ASSERT_EQ(tiny.parts.size(), 3u);
+    EXPECT_EQ(tiny.parts[2].fate, "ignored: inlining failed with status 0; the walk ended here");
+}
+
+// A chain of multiparts `levels` deep around one HTML part.
+std::string Nested(int levels) {
+    MimeNode node = Html("<p>deep</p>");
+    for (int i = 0; i < levels; ++i) node = Multipart("mixed", "level" + std::to_string(i), {node});
+    return WriteMessage(kEnvelope, node);
+}
+
+TEST(ReadEmlBytes, BoundsTheWork) {
+    // The message's own multipart is level 0; kMaxMimeDepth levels below it are read.
+    Read deepest;
+    ReadInto(Nested(kMaxMimeDepth + 1), deepest);
+    EXPECT_EQ(deepest.status, kStatusOk);
+    EXPECT_EQ(deepest.body, "<p>deep</p>");
+    Read deeper;
+    ReadInto(Nested(kMaxMimeDepth + 2), deeper);
+    EXPECT_EQ(deeper.status, kStatusUnsupported);
+
+    // 100,000 parts are read in one pass each: every one is reported and the last body wins.
+    std::vector<MimeNode> parts;
+    for (int i = 0; i < 100'000; ++i) parts.push_back(Text("part " + std::to_string(i)));
+    Read many;
+    ReadInto(WriteMessage(kEnvelope, Multipart("mixed", "many", std::move(parts))), many);
+    EXPECT_EQ(many.status, kStatusOk);
+    EXPECT_EQ(many.body, "part 99999");
+    EXPECT_EQ(many.parts.size(), 100'001u);
+}
+
+TEST(ReadEmlMessage, ReadsTheFileWholeOrFails) {
+    testing::ScratchDir dir;
+    const std::string message = WriteMessage(kEnvelope, Text("from a file"));
+    const auto small = testing::Wide(dir.Write("small.eml", message));
+    // A sparse file one byte over the limit: nothing of it is read.
+    const auto large_path = dir.path() / "large.eml";
+    {
+        const int fd = ::open(large_path.c_str(), O_CREAT | O_WRONLY, 0600);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(::ftruncate(fd, 0x80000000LL), 0);
+        ::close(fd);
+    }
+    const auto large = testing::Wide(large_path);
+
+    struct Case {
+        const char* name;
+        const std::u16string* file;
+        int fail_operation;  // 0 for none
+        uint32_t nth;
+        int32_t status;
+    } cases[] = {
+        {"whole", &small, 0, 0, kStatusOk},
+        {"over the limit", &large, 0, 0, kStatusFileTooLarge},
+        {"end cannot be found", &small, KRNCTL_SEEK, 1, kStatusNoPosition},
+        {"start cannot be found", &small, KRNCTL_SEEK, 2, kStatusNoPosition},
+        {"read fails", &small, KRNCTL_READ, 1, kStatusShortRead},
+    };
+    for (const Case& c : cases) {
+        KernelFileHandle handle(krnOpenFile(c.file->c_str(), 0, kOpenShareMode));
+        ASSERT_TRUE(handle.valid()) << c.name;
+        if (c.fail_operation != 0) krnctlFailFileOperation(c.fail_operation, c.nth);
+        MessageDocument record;
+        int32_t format = -1;
+        EXPECT_EQ(ReadEmlMessage(handle.get(), record, &format), c.status) << c.name;
+        krnctlReset();
+        if (c.status == kStatusOk) {
+            EXPECT_EQ(record.text_body.text(), "from a file");
+        }
+    }
+
+    // Memory refused for the file's buffer.
+    KernelFileHandle handle(krnOpenFile(small.c_str(), 0, kOpenShareMode));
+    MessageDocument record;
+    int32_t format = -1;
+    krnctlFailAllocation(1);
+    EXPECT_EQ(ReadEmlMessage(handle.get(), record, &format), kStatusFailure);
+    krnctlReset();
+}
+
+}  // namespace
+}  // namespace tarn
