@@ -17,16 +17,7 @@
 namespace tarn {
 namespace {
 
-constexpr std::string_view kHtmlOpen = "<html>";
-constexpr std::string_view kHtmlClose = "</html>";
 constexpr unsigned char kTextMark[] = {0xFF, 0xFE};
-
-// A counted string's length without one final NUL.
-size_t LengthWithoutNul(const CountedString& text) {
-    const size_t size = text.size();
-    if (size > 0 && text.data()[size - 1] == std::byte{0}) return size - 1;
-    return size;
-}
 
 // Room for an attachment name of a usual length in UTF-8; longer names grow the buffer.
 constexpr size_t kNameScratchBytes = 1024;
@@ -151,7 +142,7 @@ int32_t AssemblePstDocument(MessageDocument& entry, int32_t* body_format, bool p
         *body_format = kBodyPlainText;
         if (entry.text_body.data() == nullptr) return kStatusUnsupported;
         if (BuildLocalizedHeader(entry, kBodyPlainText) != kStatusOk) return kStatusFailure;
-        const size_t length = LengthWithoutNul(entry.text_body);
+        const size_t length = entry.text_body.TextLength();
         if (!out.Reserve(length + sizeof kTextMark)) return kStatusFailure;
         out.Truncate(0);
         if (out.Append(kTextMark, sizeof kTextMark) != kStatusOk ||
@@ -165,7 +156,7 @@ int32_t AssemblePstDocument(MessageDocument& entry, int32_t* body_format, bool p
 
     if (entry.document.data() == nullptr) return kStatusUnsupported;
     if (BuildLocalizedHeader(entry, *body_format) != kStatusOk) return kStatusFailure;
-    const size_t length = LengthWithoutNul(entry.document);
+    const size_t length = entry.document.TextLength();
     out.Truncate(0);
     if (*body_format == kBodyHtml) {
         // Wrapped even when the body has its own html element: the loader takes the outer one.

@@ -12,8 +12,6 @@ namespace tarn {
 namespace {
 
 constexpr std::string_view kRtfStart = "{\\rtf";
-constexpr std::string_view kHtmlOpen = "<html>";
-constexpr std::string_view kHtmlClose = "</html>";
 constexpr std::string_view kHtmlElement = "<html";
 constexpr unsigned char kUtf8Mark[] = {0xEF, 0xBB, 0xBF};
 

@@ -9,8 +9,7 @@
 namespace tarn {
 
 int32_t ProduceDocument(const char16_t* file_name, PstFilterData* record, InputKind* kind,
-                        int32_t* message_index, int32_t* body_format, bool plain_text,
-                        krn_handle handle) {
+                        int32_t* message_index, int32_t* body_format, bool plain_text, krn_handle handle) {
     if (record == nullptr || kind == nullptr || message_index == nullptr || body_format == nullptr)
         return kStatusBadArgument;
     switch (*kind) {

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "common/status.h"
 #include "pst/render/text_buffer.h"
@@ -33,6 +34,10 @@ enum BodyFormat : int32_t {
     kBodyPlainText = 2,
     kBodyNone = 3,  // none chosen yet
 };
+
+// The wrapper that an HTML body is put in when it is handed to the toolkit's loader.
+inline constexpr std::string_view kHtmlOpen = "<html>";
+inline constexpr std::string_view kHtmlClose = "</html>";
 
 // Every buffer is kernel memory (CountedString); a null pointer means absent. Constructed empty with
 // reader status 1; destruction frees every buffer.

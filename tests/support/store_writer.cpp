@@ -227,12 +227,9 @@ class Builder {
                 const uint32_t aid = Nid(0x400 + static_cast<uint32_t>(a), 5);
                 uint32_t inner = 0x100;
                 std::vector<PcProperty> properties = {
-                    {0x0E20, kLong, Le(data_size, 4)},
-                    {0x3701, kBinary, Take(at.data)},
-                    {0x3704, string_type_, Text(at.short_name)},
-                    {0x3705, kLong, Le(1, 4)},
-                    {0x3707, string_type_, Text(at.long_name)},
-                    {0x370B, kLong, Le(0xFFFFFFFF, 4)},
+                    {0x0E20, kLong, Le(data_size, 4)},           {0x3701, kBinary, Take(at.data)},
+                    {0x3704, string_type_, Text(at.short_name)}, {0x3705, kLong, Le(1, 4)},
+                    {0x3707, string_type_, Text(at.long_name)},  {0x370B, kLong, Le(0xFFFFFFFF, 4)},
                 };
                 std::vector<TcCell> cells = {{0x0E20, Le(data_size, 4)},
                                              {0x3704, Text(at.short_name)},

@@ -21,9 +21,9 @@
 namespace tarn::fixture {
 
 struct StoreAttachment {
-    std::string long_name;   // 0x3707
-    std::string short_name;  // 0x3704
-    Bytes data;              // 0x3701
+    std::string long_name;        // 0x3707
+    std::string short_name;       // 0x3704
+    Bytes data;                   // 0x3701
     bool omit_long_name = false;  // 0x3707 left out of the attachment and its row
 };
 
