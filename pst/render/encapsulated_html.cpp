@@ -35,13 +35,6 @@ bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 // The bytes the main scan stops at; every other byte is copied as it is.
 bool IsStructure(char c) { return c == '{' || c == '}' || c == '\\' || c == '\r' || c == '\n'; }
 
-int HexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 // The code page a "\lang" number stands for. Only three languages are known; any other number is
 // deliberately taken as a code page as it stands, which for most languages names no code page and so
 // leaves the conversion to the font's or the document's.

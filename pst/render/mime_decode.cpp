@@ -10,13 +10,6 @@
 namespace tarn {
 namespace {
 
-int HexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
-
 // The six-bit value of a base64 letter, -1 for "=", -2 for anything outside the alphabet.
 constexpr std::array<int8_t, 256> kBase64Values = [] {
     std::array<int8_t, 256> values{};

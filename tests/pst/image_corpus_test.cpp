@@ -34,13 +34,6 @@ struct PypffMessage {
     std::vector<Reference> references;
 };
 
-std::string FromHex(const std::string& hex) {
-    std::string out;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        out.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-    return out;
-}
-
 // The messages with an HTML body and attachments, by node id, as pypff reads the store; false when the
 // script did not run through.
 bool ReadWithPypff(const std::string& path, std::map<uint32_t, PypffMessage>* messages) {

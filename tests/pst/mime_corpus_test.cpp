@@ -47,13 +47,6 @@ std::vector<std::string> CorpusFiles() {
     return files;
 }
 
-std::string FromHex(const std::string& hex) {
-    std::string out;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    return out;
-}
-
 // What the other reader says of each file: field -> values, in its order.
 using OracleFields = std::map<std::string, std::vector<std::string>>;
 

@@ -33,6 +33,14 @@ inline std::u16string Wide(const std::filesystem::path& path) {
 
 // A line of `tarnview list`: its fields split at the tabs, with the escapes inside them (\t, \r, \n and
 // \\) undone.
+// The bytes that a text of hexadecimal digit pairs (as the oracle scripts print them) stands for.
+inline std::string FromHex(const std::string& hex) {
+    std::string out;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        out.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    return out;
+}
+
 inline std::vector<std::string> ListFields(const std::string& line) {
     std::vector<std::string> fields(1);
     for (size_t i = 0; i < line.size(); ++i) {
