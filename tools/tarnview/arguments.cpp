@@ -49,4 +49,18 @@ std::optional<int32_t> MessageNumber(const ParsedArguments& parsed, const char* 
     return static_cast<int32_t>(value);
 }
 
+std::optional<unsigned> JobCount(const ParsedArguments& parsed, const char* command, unsigned fallback) {
+    constexpr long kMaxJobs = 64;
+    const std::optional<std::string> text = parsed.Value("--jobs");
+    if (!text) return fallback;
+    char* end = nullptr;
+    const long value = std::strtol(text->c_str(), &end, 10);
+    if (end == text->c_str() || *end != '\0' || value < 1 || value > kMaxJobs) {
+        std::fprintf(stderr, "tarnview %s: --jobs: '%s' is not a number from 1 to %ld\n", command,
+                     text->c_str(), kMaxJobs);
+        return std::nullopt;
+    }
+    return static_cast<unsigned>(value);
+}
+
 }  // namespace tarnview

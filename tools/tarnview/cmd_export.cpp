@@ -23,6 +23,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <stdexcept>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -47,6 +48,7 @@
 #include "tools/tarnview/filter_library.h"
 #include "tools/tarnview/json.h"
 #include "tools/tarnview/language.h"
+#include "tools/tarnview/parallel_walk.h"
 #include "tools/tarnview/store_text.h"
 
 namespace tarnview {
@@ -73,10 +75,11 @@ struct Options {
     bool text = false;
     bool attachments = false;
     bool force = false;
+    unsigned jobs = 1;
 };
 
 std::optional<Options> Parse(const Args& args) {
-    ArgumentSpec spec{"export", {"--text", "--attachments", "--force"}, {"-o", "--lang"}, {"SOURCE"}, {}};
+    ArgumentSpec spec{"export", {"--text", "--attachments", "--force"}, {"-o", "--lang", "--jobs"}, {"SOURCE"}, {}};
     spec.repeat_last = true;
     const auto parsed = ParseArguments(args, spec);
     if (!parsed) return std::nullopt;
@@ -86,8 +89,10 @@ std::optional<Options> Parse(const Args& args) {
         return std::nullopt;
     }
     if (!ApplyLanguage(*parsed, "export")) return std::nullopt;
+    const std::optional<unsigned> jobs = JobCount(*parsed, "export", DefaultJobs());
+    if (!jobs) return std::nullopt;
     return Options{parsed->positional, *out, parsed->Has("--text"), parsed->Has("--attachments"),
-                   parsed->Has("--force")};
+                   parsed->Has("--force"), *jobs};
 }
 
 std::string IndexText(int32_t index) {
@@ -133,10 +138,19 @@ class OutputTree {
     // only with --force.
     std::string WriteFile(const fs::path& file, const void* bytes, size_t size) {
         if (!Contained(file)) return "refused path " + file.string();
-        if (std::string error = MakeDirectory(file.parent_path()); !error.empty()) return error;
         const fs::path path = root_ / file;
+        // Messages come folder by folder: the folder stays open, and each file is opened in it by name.
+        if (!folder_fd_ || folder_ != file.parent_path()) {
+            folder_fd_.reset();
+            if (std::string error = MakeDirectory(file.parent_path()); !error.empty()) return error;
+            const fs::path folder = root_ / file.parent_path();
+            const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            if (fd < 0) return folder.string() + ": " + std::strerror(errno);
+            folder_fd_.emplace(fd);
+            folder_ = file.parent_path();
+        }
         const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | (force_ ? O_TRUNC : O_EXCL);
-        const int fd = ::open(path.c_str(), flags, 0644);
+        const int fd = ::openat(folder_fd_->get(), file.filename().c_str(), flags, 0644);
         if (fd < 0) {
             if (errno == EEXIST) return path.string() + ": exists (--force replaces it)";
             return path.string() + ": " + std::strerror(errno);
@@ -167,9 +181,24 @@ class OutputTree {
         return true;
     }
 
+    // A descriptor that closes with its holder.
+    class Descriptor {
+      public:
+        explicit Descriptor(int fd) : fd_(fd) {}
+        Descriptor(const Descriptor&) = delete;
+        Descriptor& operator=(const Descriptor&) = delete;
+        ~Descriptor() { ::close(fd_); }
+        int get() const { return fd_; }
+
+      private:
+        int fd_;
+    };
+
     fs::path root_;
     bool force_;
     std::set<std::string> made_;
+    fs::path folder_;                     // the folder the descriptor below is open on, relative to DIR
+    std::optional<Descriptor> folder_fd_;
 };
 
 // An attachment as the manifest lists it.
@@ -366,6 +395,66 @@ std::optional<std::string> Quietly(const std::function<std::optional<std::string
     }
 }
 
+// What a message gives the export, read and composed on a worker; the calling thread numbers it, names
+// its file and writes it.
+struct ComposedMessage {
+    bool skipped = false;  // the filter passes it over: no index, no document
+    uint32_t code_page = kDefaultCodePage;
+    std::optional<std::string> unreadable_subject;  // the store error that ends the folder here
+    node_id node = 0;
+    std::optional<std::string> subject;
+    std::optional<std::string> sender;
+    std::optional<std::string> sent;
+    Composed composed;
+    tarn::FilterDataHolder record;
+    // As the filter's target the composition threw: the error, and the status it gives as an earlier
+    // message (below 1 ends the filter's walk there).
+    std::optional<std::string> thrown;
+    int32_t earlier_status = tarn::kStatusOk;
+};
+
+// Reads and composes one message. A subject that cannot be read ends the folder in the filter's
+// composer too; the store's own errors in reaching the message propagate.
+ComposedMessage ComposeForExport(tarn::PstMessage& message, bool text) {
+    ComposedMessage out;
+    const tarn::ltp::property_bag& properties = message.properties();
+    out.code_page = [&] {
+        try {
+            return StringCodePage(properties);
+        } catch (const std::exception&) {
+            return kDefaultCodePage;
+        }
+    }();
+    try {
+        if (tarn::ReadSubject(properties) == tarn::kLocalFreebusySubject) {
+            out.skipped = true;
+            return out;
+        }
+    } catch (const std::exception& e) {
+        // It ends the folder once the calling thread has taken the message's code page.
+        out.unreadable_subject = e.what();
+        return out;
+    }
+    out.node = properties.get_node().get_id();
+    out.subject = Quietly([&] { return std::optional(SubjectText(properties, out.code_page)); });
+    out.sender = Quietly([&] { return ReadText(properties, tarn::kPropSenderName, out.code_page); });
+    out.sent = Quietly([&] { return SentTimeUtc(properties); });
+    out.record.reset(tarn::NewFilterData());
+    if (out.record == nullptr) throw std::bad_alloc();
+    try {
+        out.composed = ComposeDocument(message, text, out.record.get());
+    } catch (const std::exception& e) {
+        // Whether the filter's walk gets past this message depends on how it fares as an earlier
+        // message, which reads no header fields: composed so, a throw ends the folder there as it does
+        // in the filter, and anything else keeps the numbering going.
+        out.thrown = e.what();
+        tarn::MessageDocument probe;
+        int32_t body_format = tarn::kBodyNone;
+        out.earlier_status = tarn::ComposeMessage(message, probe, false, &body_format, out.record.get());
+    }
+    return out;
+}
+
 class StoreExport {
   public:
     StoreExport(const Options& options, std::string source, fs::path base, OutputTree& tree,
@@ -392,9 +481,15 @@ class StoreExport {
         }
         CountAsTheFilterDoes();
         if (progress_.on()) progress_.SetTotal(RowsToWalk());
-        tarn::WalkMessages(
-            db_, [this](node_id folder, tarn::PstMessage& message) { return Visit(folder, message); },
-            [this](const tarn::WalkFailure& failure) { ListFailure(failure); });
+        const std::u16string path = tarn::host::WideFromUtf8(source_);
+        const bool text = options_.text;
+        ParallelWalk<ComposedMessage> walk(
+            {WorkersFor(options_.jobs)}, [&] { return tarn::ndb::open_database(path); },
+            [text](node_id, tarn::PstMessage& message) { return ComposeForExport(message, text); },
+            [](const ComposedMessage& m) { return m.record != nullptr ? m.record->document.length() : 0; });
+        walk.Run(
+            db_, [this](node_id folder, uint32_t, ComposedMessage& message) { Visit(folder, message); },
+            [this](const RowFailure& failure) { ListFailure(failure); });
     }
 
   private:
@@ -480,62 +575,36 @@ class StoreExport {
         return folders_.emplace(id, folder).first->second;
     }
 
-    int32_t Visit(node_id folder_id, tarn::PstMessage& message) {
-        if (folder_id != current_folder_) {
-            current_folder_ = folder_id;
-            rows_done_ = 0;
-        }
-        const tarn::ltp::property_bag& properties = message.properties();
-        // A subject that cannot be read ends the folder in the filter's composer too: let it through.
-        const uint32_t code_page = [&] {
-            try {
-                return StringCodePage(properties);
-            } catch (const std::exception&) {
-                return kDefaultCodePage;
-            }
-        }();
+    void Visit(node_id folder_id, ComposedMessage& message) {
         // Folders carry no code page of their own; a store is written by one client in one page, which
         // its first message names.
         if (!store_code_page_known_) {
             store_code_page_known_ = true;
-            store_code_page_ = code_page;
+            store_code_page_ = message.code_page;
         }
-        if (tarn::ReadSubject(properties) == tarn::kLocalFreebusySubject) {
-            ++rows_done_;
-            return tarn::kWalkNext;
-        }
+        if (message.unreadable_subject) throw std::runtime_error(*message.unreadable_subject);
+        if (message.skipped) return;
 
         Row row;
         row.source = source_;
-        row.node = properties.get_node().get_id();
+        row.node = message.node;
         const Folder& folder = FolderOf(folder_id);
         row.folder = folder.path;
-        row.subject = Quietly([&] { return std::optional(SubjectText(properties, code_page)); });
-        row.sender = Quietly([&] { return ReadText(properties, tarn::kPropSenderName, code_page); });
-        row.sent = Quietly([&] { return SentTimeUtc(properties); });
-
-        tarn::FilterDataHolder record(tarn::NewFilterData());
-        if (record == nullptr) throw std::bad_alloc();
-        Composed composed;
-        try {
-            composed = ComposeDocument(message, options_.text, record.get());
-        } catch (const std::exception& e) {
-            // As the filter's target this message throws. Whether the filter's walk gets past it depends
-            // on how it fares as an earlier message, which reads no header fields: composed so, a throw
-            // ends the folder here as it does in the filter, and anything else keeps the numbering going.
-            tarn::MessageDocument probe;
-            int32_t body_format = tarn::kBodyNone;
-            const int32_t status = tarn::ComposeMessage(message, probe, false, &body_format, record.get());
-            row.index = ++running_;
-            row.error = e.what();
+        row.subject = std::move(message.subject);
+        row.sender = std::move(message.sender);
+        row.sent = std::move(message.sent);
+        row.index = ++running_;
+        if (message.thrown) {
+            row.error = *message.thrown;
             row.filter_reaches = false;
             row.filter_note =
                 "as the target its composition throws, which ends the filter's walk of the folder";
-            if (status < tarn::kStatusOk) NoteWalkEnd(*row.index, status);
+            if (message.earlier_status < tarn::kStatusOk) NoteWalkEnd(*row.index, message.earlier_status);
             Finish(row);
-            return tarn::kWalkNext;
+            return;
         }
-        row.index = ++running_;
+        const Composed& composed = message.composed;
+        const tarn::PstFilterData& record = *message.record;
         row.status = composed.status;
         row.text_fallback = composed.text_fallback;
         if (composed.has_document) {
@@ -546,15 +615,24 @@ class StoreExport {
                                   PortableName(row.subject.value_or(""), kSubjectNameBytes, "message"),
                               composed.format);
             const fs::path file = folder.dir / name;
-            if (std::string error = tree_.WriteFile(file, record->document.data(), record->document.length());
+            if (std::string error = tree_.WriteFile(file, record.document.data(), record.document.length());
                 error.empty()) {
                 row.exported = true;
                 row.file = file.string();
-                row.bytes = record->document.length();
+                row.bytes = record.document.length();
             } else {
                 row.error = error;
             }
-            if (options_.attachments) WriteAttachments(message, folder.dir / attachments, 1, row);
+            // The worker's reader and message are its own: the attachments are read again here.
+            if (options_.attachments) {
+                try {
+                    tarn::PstMessage again(db_->lookup_node(message.node));
+                    WriteAttachments(again, folder.dir / attachments, 1, row);
+                } catch (const std::exception& e) {
+                    row.attachments.push_back(
+                        {"", 0, false, 1, std::nullopt, std::string("attachment table: ") + e.what()});
+                }
+            }
         } else {
             row.error = composed.status == tarn::kStatusUnsupported
                             ? "no body the filter can make a document of"
@@ -563,7 +641,6 @@ class StoreExport {
         ReachedByTheFilter(row);
         if (composed.compose_status < tarn::kStatusOk) NoteWalkEnd(*row.index, composed.compose_status);
         Finish(row);
-        return tarn::kWalkNext;
     }
 
     // Where the entry points cannot reach this number: beyond their count, or past a message whose
@@ -592,7 +669,6 @@ class StoreExport {
     }
 
     void Finish(Row& row) {
-        ++rows_done_;
         manifest_.Add(row);
         progress_.Step();
     }
@@ -702,7 +778,7 @@ class StoreExport {
 
     // A store error ended a folder (or the whole walk). The folder's rows from the one that failed on get
     // no index, as in the filter; each is listed with the error.
-    void ListFailure(const tarn::WalkFailure& failure) {
+    void ListFailure(const RowFailure& failure) {
         Row row;
         row.source = source_;
         row.error = failure.error;
@@ -712,7 +788,7 @@ class StoreExport {
             manifest_.Add(row);
             return;
         }
-        const uint32_t first = *failure.folder == current_folder_ ? rows_done_ : 0;
+        const uint32_t first = failure.row;
         row.folder = FolderOf(*failure.folder).path;
         row.filter_note = "the filter's walk leaves the rest of this folder";
         std::optional<tarn::ltp::table> contents;
@@ -748,8 +824,6 @@ class StoreExport {
     int32_t running_ = 0;
     uint32_t store_code_page_ = kDefaultCodePage;
     bool store_code_page_known_ = false;
-    node_id current_folder_ = 0;
-    uint32_t rows_done_ = 0;  // rows of the current folder visited, skipped ones included
     int64_t filter_count_ = 0;
     std::string count_note_;
     std::optional<int32_t> count_status_;

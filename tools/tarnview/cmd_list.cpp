@@ -18,11 +18,15 @@
 #include "pst/composer.h"
 #include "pst/message_model.h"
 #include "pst/message_walk.h"
+#include "pst/render/header_labels.h"
+#include "common/little_endian.h"
+#include "common/status.h"
 #include "store/ltp/property_bag.h"
 #include "store/ndb/database.h"
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
 #include "tools/tarnview/json.h"
+#include "tools/tarnview/parallel_walk.h"
 #include "tools/tarnview/store_text.h"
 
 namespace tarnview {
@@ -31,13 +35,29 @@ namespace {
 struct Options {
     std::string file;
     bool json = false;
+    unsigned jobs = 1;
 };
 
 std::optional<Options> Parse(const Args& args) {
-    const auto parsed = ParseArguments(args, {"list", {"--json"}, {}, {"FILE"}, {}});
+    const auto parsed = ParseArguments(args, {"list", {"--json"}, {"--jobs"}, {"FILE"}, {}});
     if (!parsed) return std::nullopt;
-    return Options{parsed->positional[0], parsed->Has("--json")};
+    const std::optional<unsigned> jobs = JobCount(*parsed, "list", DefaultJobs());
+    if (!jobs) return std::nullopt;
+    return Options{parsed->positional[0], parsed->Has("--json"), *jobs};
 }
+
+// What a message gives the list, read on a worker: its fields, or that the filter passes it over.
+struct Fields {
+    bool skipped = false;
+    uint32_t code_page = kDefaultCodePage;
+    std::string subject;
+    std::string sender;
+    std::string sent;
+    std::string to;
+    std::string cc;
+    std::string bcc;
+    std::string importance;
+};
 
 struct Entry {
     int32_t index = 0;
@@ -54,11 +74,46 @@ struct Entry {
 
 std::string Text(const tarn::CountedString& s) { return std::string(s.text()); }
 
+// Each property once. Store errors propagate: they end the folder, as in the filter's walk.
+Fields ReadFields(const tarn::ltp::property_bag& message) {
+    Fields out;
+    const std::u16string subject = tarn::ReadSubject(message);
+    // The filter gives these no page and no index.
+    if (subject == tarn::kLocalFreebusySubject) {
+        out.skipped = true;
+        return out;
+    }
+    // People read the 8-bit strings of an ANSI store in the message's own code page; the filter's
+    // documents keep their byte-by-byte reading.
+    out.code_page = StringCodePage(message);
+    const bool eight_bit = message.prop_exists(tarn::kPropSubject) &&
+                           message.get_prop_type(tarn::kPropSubject) == tarn::ltp::kPropTypeString8;
+    out.subject = eight_bit ? SubjectText(message, out.code_page) : Utf8Text(subject);
+    const auto text = [&](tarn::ltp::prop_id id) {
+        return ReadText(message, id, out.code_page).value_or(std::string());
+    };
+    out.sender = text(tarn::kPropSenderName);
+    out.to = text(tarn::kPropDisplayTo);
+    out.cc = text(tarn::kPropDisplayCc);
+    out.bcc = text(tarn::kPropDisplayBcc);
+    // The header block's own wording of the time and the importance.
+    tarn::CountedString sent;
+    tarn::CountedString importance;
+    if (message.prop_exists(tarn::kPropSubmitTime)) {
+        const std::vector<std::byte> value = message.get_value_variable(tarn::kPropSubmitTime);
+        // Any other length is not a file time.
+        if (value.size() == sizeof(uint64_t)) (void)tarn::FormatSentTime(tarn::LoadLe64(value.data()), sent);
+    }
+    if (message.prop_exists(tarn::kPropImportance))
+        (void)tarn::ImportanceText(message.get_value_4(tarn::kPropImportance), importance);
+    out.sent = Text(sent);
+    out.importance = Text(importance);
+    return out;
+}
+
 // One message, one line: the characters that would split a line or a field are written as C escapes,
 // and the backslash too, so that the value can be recovered exactly.
-std::string Escaped(const std::string& value) {
-    std::string out;
-    out.reserve(value.size());
+void AppendEscaped(std::string& out, const std::string& value) {
     for (const char c : value) {
         switch (c) {
             case '\t':
@@ -77,7 +132,6 @@ std::string Escaped(const std::string& value) {
                 out += c;
         }
     }
-    return out;
 }
 
 // Folders carry no code page of their own: an 8-bit name is read in the page of the message at hand
@@ -133,6 +187,7 @@ int RunList(const Args& args) {
     // store; on a terminal the lines show the progress themselves.
     JsonWriter json(std::cout);
     if (options->json) json.BeginArray();
+    std::string line;
     const auto print = [&](const Entry& e) {
         if (options->json) {
             json.BeginObject();
@@ -141,35 +196,34 @@ int RunList(const Args& args) {
             json.Field("bcc", e.bcc).Field("importance", e.importance);
             json.EndObject();
         } else {
-            std::cout << e.index << '\t' << Escaped(e.folder) << '\t' << Escaped(e.subject) << '\t'
-                      << Escaped(e.sender) << '\t' << Escaped(e.sent) << '\n';
+            line = std::to_string(e.index);
+            for (const std::string* value : {&e.folder, &e.subject, &e.sender, &e.sent}) {
+                line += '\t';
+                AppendEscaped(line, *value);
+            }
+            line += '\n';
+            std::cout.write(line.data(), static_cast<std::streamsize>(line.size()));
         }
     };
     const bool progress = isatty(STDERR_FILENO) != 0 && isatty(STDOUT_FILENO) == 0;
     int32_t running = 0;
-    const auto visit = [&](tarn::ndb::node_id folder, tarn::PstMessage& message) {
-        const std::u16string subject = tarn::ReadSubject(message.properties());
-        // The filter gives these no page and no index.
-        if (subject == tarn::kLocalFreebusySubject) return tarn::kWalkNext;
-        // People read the 8-bit strings of an ANSI store in the message's own code page; the filter's
-        // documents keep their byte-by-byte reading.
-        const uint32_t code_page = StringCodePage(message.properties());
+    const auto finish = [&](tarn::ndb::node_id folder, uint32_t, Fields& f) {
+        if (f.skipped) return;
         auto name = folder_names.find(folder);
         if (name == folder_names.end())
-            name = folder_names.emplace(folder, ReadFolderName(db, folder, code_page)).first;
-        tarn::MessageDocument fields;
-        tarn::ReadHeaderFields(message.properties(), fields);
-        const auto text = [&](tarn::ltp::prop_id id) {
-            return ReadText(message.properties(), id, code_page).value_or(std::string());
-        };
-        print({running++, name->second, SubjectText(message.properties(), code_page),
-               text(tarn::kPropSenderName), Text(fields.header[tarn::kSlotSent]), text(tarn::kPropDisplayTo),
-               text(tarn::kPropDisplayCc), text(tarn::kPropDisplayBcc),
-               Text(fields.header[tarn::kSlotImportance])});
+            name = folder_names.emplace(folder, ReadFolderName(db, folder, f.code_page)).first;
+        print({running++, name->second, std::move(f.subject), std::move(f.sender), std::move(f.sent),
+               std::move(f.to), std::move(f.cc), std::move(f.bcc), std::move(f.importance)});
         if (progress) std::fprintf(stderr, "\rtarnview list: %d messages", running);
-        return tarn::kWalkNext;
     };
-    tarn::WalkMessages(db, visit, [&](const tarn::WalkFailure& f) { failures.push_back(f); });
+    const std::u16string path = tarn::host::WideFromUtf8(options->file);
+    ParallelWalk<Fields> walk(
+        {WorkersFor(options->jobs)}, [&] { return tarn::ndb::open_database(path); },
+        [](tarn::ndb::node_id, tarn::PstMessage& message) { return ReadFields(message.properties()); },
+        [](const Fields& f) {
+            return f.subject.size() + f.sender.size() + f.to.size() + f.cc.size() + f.bcc.size();
+        });
+    walk.Run(db, finish, [&](const RowFailure& f) { failures.push_back({f.folder, f.error}); });
     if (progress) std::fprintf(stderr, "\r\033[K");
     if (options->json) {
         json.EndArray();

@@ -23,10 +23,11 @@ const Command kCommands[] = {
     {"render", tarnview::RunRender,
      "render FILE [--message N] [--text] [--lang LANGID] [-o OUT]   write the document the toolkit's loader "
      "receives"},
-    {"list", tarnview::RunList, "list FILE [--json]                 a PST's messages in the filter's order"},
+    {"list", tarnview::RunList,
+     "list FILE [--json] [--jobs N]      a PST's messages in the filter's order, read on N threads"},
     {"export", tarnview::RunExport,
-     "export SOURCE... -o DIR [--text] [--lang LANGID] [--attachments] [--force]   every message as a "
-     "document file, with manifest.jsonl"},
+     "export SOURCE... -o DIR [--text] [--lang LANGID] [--attachments] [--force] [--jobs N]   every "
+     "message as a document file, with manifest.jsonl"},
     {"parts", tarnview::RunParts,
      "parts FILE [--json]                an Internet message's MIME parts and what became of each"},
     {"cfb", tarnview::RunCfb, "cfb FILE [PATH] [--json]           a compound file's directory, or a stream"},

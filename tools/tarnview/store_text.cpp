@@ -17,12 +17,6 @@ constexpr uint64_t kFileTimeUnixEpoch = 0x019DB1DED53E8000;
 constexpr int64_t kFileTimeTicksPerSecond = 10'000'000;
 constexpr size_t kFileTimeBytes = 8;
 
-std::string Utf8(std::u16string_view text) {
-    const size_t end = text.find(u'\0');
-    if (end != std::u16string_view::npos) text = text.substr(0, end);
-    return tarn::platform::Utf8FromUtf16(text).value_or(std::string());
-}
-
 // Null when the page has no converter; empty input gives empty output.
 std::optional<std::u16string> Decode(uint32_t code_page, std::string_view bytes) {
     if (bytes.empty()) return std::u16string();
@@ -38,7 +32,7 @@ std::optional<std::u16string> Decode(uint32_t code_page, std::string_view bytes)
 std::string DecodeBytes(std::string_view bytes, uint32_t code_page) {
     std::optional<std::u16string> text = Decode(code_page, bytes);
     if (!text) text = Decode(kDefaultCodePage, bytes);
-    return text ? Utf8(*text) : std::string();
+    return text ? Utf8Text(*text) : std::string();
 }
 
 std::string_view View(const std::vector<std::byte>& bytes) {
@@ -66,6 +60,12 @@ uint32_t StoragePage(uint32_t code_page) {
 
 }  // namespace
 
+std::string Utf8Text(std::u16string_view text) {
+    const size_t end = text.find(u'\0');
+    if (end != std::u16string_view::npos) text = text.substr(0, end);
+    return tarn::platform::Utf8FromUtf16(text).value_or(std::string());
+}
+
 uint32_t StringCodePage(const tarn::ltp::const_property_object& object) {
     for (const tarn::ltp::prop_id id : {kPropMessageCodePage, kPropInternetCodePage}) {
         if (object.prop_exists(id)) return StoragePage(object.get_value_4(id));
@@ -76,7 +76,7 @@ uint32_t StringCodePage(const tarn::ltp::const_property_object& object) {
 std::optional<std::string> ReadText(const tarn::ltp::const_property_object& object, tarn::ltp::prop_id id,
                                     uint32_t code_page) {
     if (!object.prop_exists(id)) return std::nullopt;
-    if (object.get_prop_type(id) != tarn::ltp::kPropTypeString8) return Utf8(object.read_wstring(id));
+    if (object.get_prop_type(id) != tarn::ltp::kPropTypeString8) return Utf8Text(object.read_wstring(id));
     const std::vector<std::byte> bytes = object.get_value_variable(id);
     std::string_view text = View(bytes);
     const size_t end = text.find('\0');
@@ -87,7 +87,7 @@ std::optional<std::string> ReadText(const tarn::ltp::const_property_object& obje
 std::string SubjectText(const tarn::ltp::const_property_object& message, uint32_t code_page) {
     if (!message.prop_exists(tarn::kPropSubject) ||
         message.get_prop_type(tarn::kPropSubject) != tarn::ltp::kPropTypeString8)
-        return Utf8(tarn::ReadSubject(message));
+        return Utf8Text(tarn::ReadSubject(message));
     // The same marker rule as the filter's, on the bytes before they are decoded: a multi-byte page
     // would otherwise see the marker's length byte as the lead of a character.
     const std::vector<std::byte> bytes = message.get_value_variable(tarn::kPropSubject);

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "store/ltp/property_object.h"
 
@@ -25,6 +26,9 @@ uint32_t StringCodePage(const tarn::ltp::const_property_object& object);
 // first NUL, as stored terminators are not part of it. Store errors propagate.
 std::optional<std::string> ReadText(const tarn::ltp::const_property_object& object, tarn::ltp::prop_id id,
                                     uint32_t code_page);
+
+// UTF-16 text as UTF-8, up to its first NUL; nothing that cannot be converted.
+std::string Utf8Text(std::u16string_view text);
 
 // The subject as the filter takes it ("No Subject" when absent, a prefix marker and its length dropped;
 // one without its length throws std::out_of_range), in UTF-8.
