@@ -159,21 +159,32 @@ bench_export() {
   }
   run "cat" cat "$file"
   run "tarnview list" "$build/tools/tarnview" list "$file"
+  run "tarnview list --jobs 1" "$build/tools/tarnview" list --jobs 1 "$file"
   run "tarnview info --message 56000" "$build/tools/tarnview" info "$file" --message 56000
   run "tarnview export" "$build/tools/tarnview" export "$file" -o "$out/export"
+  run "tarnview export --jobs 1" "$build/tools/tarnview" export --jobs 1 "$file" -o "$out/export-1"
   run "tarnview export --attachments" "$build/tools/tarnview" export "$file" -o "$out/export-attachments" --attachments
   mkdir "$out/readpst"
   run "readpst -D -r" readpst -q -D -r -o "$out/readpst" "$file"
   # pffexport writes a folder of files per item; it is stopped after 15 minutes.
   run "pffexport -f all -m items" timeout 900 pffexport -q -f all -m items -t "$out/pffexport" "$file"
   echo "documents written: $(find "$out/export" -type f ! -name manifest.jsonl | wc -l)"
+  if diff -r "$out/export" "$out/export-1" >/dev/null; then
+    echo "one thread and several write the same files"
+  else
+    echo "one thread and several write DIFFERENT files"
+  fi
   echo "load after: $(cut -d' ' -f1-3 /proc/loadavg)"
   read -r ew ec _ <<<"${t[tarnview export]}"
   read -r rw rc _ <<<"${t[readpst -D -r]}"
   read -r lw lc _ <<<"${t[tarnview list]}"
   read -r cw cc _ <<<"${t[cat]}"
-  awk -v ew="$ew" -v ec="$ec" -v rw="$rw" -v rc="$rc" -v lw="$lw" -v cw="$cw" 'BEGIN {
-    printf "readpst / export: %.2f wall, %.2f CPU; list / cat: %.2f wall\n", rw / ew, rc / ec, lw / cw }'
+  read -r e1w e1c _ <<<"${t[tarnview export --jobs 1]}"
+  read -r l1w _ _ <<<"${t[tarnview list --jobs 1]}"
+  awk -v ew="$ew" -v ec="$ec" -v rw="$rw" -v rc="$rc" -v lw="$lw" -v cw="$cw" -v e1w="$e1w" -v e1c="$e1c" \
+    -v l1w="$l1w" 'BEGIN {
+    printf "readpst / export: %.2f wall, %.2f CPU; list / cat: %.2f wall\n", rw / ew, rc / ec, lw / cw
+    printf "on one thread: readpst / export: %.2f wall, %.2f CPU; list / cat: %.2f wall\n", rw / e1w, rc / e1c, l1w / cw }'
   rm -rf "$dir" "$out"
 }
 
