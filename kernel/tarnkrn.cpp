@@ -221,7 +221,7 @@ struct OpenFile {
         }
         if (chosen == nullptr && windows.size() < kReadWindows) {
             chosen = &windows.emplace_back();
-            chosen->bytes = std::make_unique<unsigned char[]>(kReadWindowMax);
+            chosen->bytes = std::make_unique_for_overwrite<unsigned char[]>(kReadWindowMax);
         }
         if (chosen == nullptr) {
             chosen =

@@ -86,7 +86,7 @@ class ParallelWalk {
             }
         }
         const bool inline_work = readers.empty();
-        tarn::ndb::db_ptr inline_reader;
+        Reader inline_reader;
         const size_t window = inline_work ? 1 : 2 * readers.size() + 2;
         {
             // Workers are joined before anything they share goes, also when the calling thread throws.
@@ -129,8 +129,7 @@ class ParallelWalk {
                     if (inline_work) {
                         Chunk& front = *chunks_.front();
                         lock.unlock();
-                        inline_reader = Refreshed(db, inline_reader);
-                        Process(inline_reader, front);
+                        Process(ReaderFor(inline_reader, front, db), front);
                         lock.lock();
                     }
                     done_.wait(lock, [&] { return chunks_.front()->done; });
@@ -256,15 +255,31 @@ class ParallelWalk {
         uint64_t sequence_ = 0;
     };
 
-    // A reader keeps every b-tree page it has read; a fresh one for each chunk keeps the memory of the
-    // messages' reading to what one chunk needs, however large the store. Should it not open, `last`
-    // serves, or else `fallback`.
-    tarn::ndb::db_ptr Refreshed(const tarn::ndb::db_ptr& fallback, const tarn::ndb::db_ptr& last) {
-        try {
-            return open_();
-        } catch (const std::exception&) {
-            return last != nullptr ? last : fallback;
+    // A reader keeps every b-tree page it has read. Reopened after this many messages, it keeps the
+    // memory of the messages' reading to what they need, however large the store, at the cost of one
+    // open (a few small reads) per so many messages.
+    static constexpr size_t kMessagesPerReader = 512;
+
+    struct Reader {
+        tarn::ndb::db_ptr db;
+        size_t messages = 0;  // read through `db` so far
+    };
+
+    // The reader for `chunk`, fresh when the last one has served its share. Should a fresh one not
+    // open, the last one serves on, or else `fallback`.
+    const tarn::ndb::db_ptr& ReaderFor(Reader& reader, const Chunk& chunk,
+                                       const tarn::ndb::db_ptr& fallback) {
+        if (reader.db == nullptr || reader.messages >= kMessagesPerReader) {
+            reader.messages = 0;
+            try {
+                tarn::ndb::db_ptr fresh = open_();
+                reader.db = std::move(fresh);
+            } catch (const std::exception&) {
+                if (reader.db == nullptr) reader.db = fallback;
+            }
         }
+        reader.messages += chunk.messages.size();
+        return reader.db;
     }
 
     // Reads the chunk's messages until one throws; that row ends the folder.
@@ -293,8 +308,9 @@ class ParallelWalk {
         done_.notify_all();
     }
 
-    void WorkerLoop(tarn::ndb::db_ptr reader) {
-        for (bool first = true;; first = false) {
+    void WorkerLoop(tarn::ndb::db_ptr first) {
+        Reader reader{std::move(first)};
+        for (;;) {
             Chunk* chunk = nullptr;
             {
                 std::unique_lock lock(mutex_);
@@ -306,8 +322,7 @@ class ParallelWalk {
                 if (stopping_) return;
                 chunk->taken = true;
             }
-            if (!first) reader = Refreshed(reader, reader);
-            Process(reader, *chunk);
+            Process(ReaderFor(reader, *chunk, reader.db), *chunk);
         }
     }
 
