@@ -46,6 +46,10 @@ struct WalkSettings {
     unsigned workers = 0;           // 0: everything on the calling thread
     size_t chunk_rows = 32;         // messages per chunk
     size_t byte_budget = 4u << 20;  // results waiting beyond the next chunk needed
+    // A reader keeps every b-tree page it has read. Reopened after this many messages, it keeps the
+    // memory of the messages' reading to what they need, however large the store, at the cost of one
+    // open (a few small reads) per so many messages.
+    size_t messages_per_reader = 512;
 };
 
 // Threads that read messages on this machine: one per core, at most four.
@@ -255,11 +259,6 @@ class ParallelWalk {
         uint64_t sequence_ = 0;
     };
 
-    // A reader keeps every b-tree page it has read. Reopened after this many messages, it keeps the
-    // memory of the messages' reading to what they need, however large the store, at the cost of one
-    // open (a few small reads) per so many messages.
-    static constexpr size_t kMessagesPerReader = 512;
-
     struct Reader {
         tarn::ndb::db_ptr db;
         size_t messages = 0;  // read through `db` so far
@@ -269,7 +268,7 @@ class ParallelWalk {
     // open, the last one serves on, or else `fallback`.
     const tarn::ndb::db_ptr& ReaderFor(Reader& reader, const Chunk& chunk,
                                        const tarn::ndb::db_ptr& fallback) {
-        if (reader.db == nullptr || reader.messages >= kMessagesPerReader) {
+        if (reader.db == nullptr || reader.messages >= settings_.messages_per_reader) {
             reader.messages = 0;
             try {
                 tarn::ndb::db_ptr fresh = open_();
