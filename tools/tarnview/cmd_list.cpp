@@ -59,18 +59,6 @@ struct Fields {
     std::string importance;
 };
 
-struct Entry {
-    int32_t index = 0;
-    std::string folder;
-    std::string subject;
-    std::string sender;
-    std::string sent;
-    // In the JSON only: the text lines stay five columns.
-    std::string to;
-    std::string cc;
-    std::string bcc;
-    std::string importance;
-};
 
 std::string Text(const tarn::CountedString& s) { return std::string(s.text()); }
 
@@ -188,16 +176,17 @@ int RunList(const Args& args) {
     JsonWriter json(std::cout);
     if (options->json) json.BeginArray();
     std::string line;
-    const auto print = [&](const Entry& e) {
+    const auto print = [&](int32_t index, const std::string& folder, const Fields& e) {
         if (options->json) {
             json.BeginObject();
-            json.Field("index", e.index).Field("folder", e.folder).Field("subject", e.subject);
+            json.Field("index", index).Field("folder", folder).Field("subject", e.subject);
             json.Field("sender", e.sender).Field("sent", e.sent).Field("to", e.to).Field("cc", e.cc);
             json.Field("bcc", e.bcc).Field("importance", e.importance);
             json.EndObject();
         } else {
-            line = std::to_string(e.index);
-            for (const std::string* value : {&e.folder, &e.subject, &e.sender, &e.sent}) {
+            // The text lines stay five columns; the other fields are in the JSON only.
+            line = std::to_string(index);
+            for (const std::string* value : {&folder, &e.subject, &e.sender, &e.sent}) {
                 line += '\t';
                 AppendEscaped(line, *value);
             }
@@ -212,8 +201,7 @@ int RunList(const Args& args) {
         auto name = folder_names.find(folder);
         if (name == folder_names.end())
             name = folder_names.emplace(folder, ReadFolderName(db, folder, f.code_page)).first;
-        print({running++, name->second, std::move(f.subject), std::move(f.sender), std::move(f.sent),
-               std::move(f.to), std::move(f.cc), std::move(f.bcc), std::move(f.importance)});
+        print(running++, name->second, f);
         if (progress) std::fprintf(stderr, "\rtarnview list: %d messages", running);
     };
     const std::u16string path = tarn::host::WideFromUtf8(options->file);
