@@ -103,6 +103,8 @@ class bth_leaf_node : public bth_node<K, V>, public btree_node_leaf<K, V> {
     const K& get_key(size_t position) const override { return records_.at(position).first; }
     const V& get_value(size_t position) const override { return records_.at(position).second; }
     size_t num_values() const override { return records_.size(); }
+    // Every property a reader asks for is looked up here, most of them absent.
+    const V* find(const K& key) const override { return ndb::find_in_entries(records_, key); }
 
   private:
     std::vector<std::pair<K, V>> records_;

@@ -72,6 +72,7 @@ class bt_leaf_page : public bt_page<K, V>,
     const K& get_key(size_t position) const override { return page_data_.at(position).first; }
     const V& get_value(size_t position) const override { return page_data_.at(position).second; }
     size_t num_values() const override { return page_data_.size(); }
+    const V* find(const K& key) const override { return find_in_entries(page_data_, key); }
 
   private:
     std::vector<std::pair<K, V>> page_data_;
