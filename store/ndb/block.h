@@ -236,6 +236,7 @@ class subnode_leaf_block : public subnode_block,
     const node_id& get_key(size_t position) const override { return entries_.at(position).first; }
     const subnode_info& get_value(size_t position) const override { return entries_.at(position).second; }
     size_t num_values() const override { return entries_.size(); }
+    int binary_search(const node_id& key) const override { return search_entries(entries_, key); }
     const subnode_info* find(const node_id& key) const override { return find_in_entries(entries_, key); }
 
   private:
@@ -252,6 +253,7 @@ class subnode_nonleaf_block : public subnode_block,
 
     const node_id& get_key(size_t position) const override { return entries_.at(position).first; }
     size_t num_values() const override { return entries_.size(); }
+    int binary_search(const node_id& key) const override { return search_entries(entries_, key); }
     block_id get_child_id(size_t position) const { return entries_.at(position).second; }
     // Reads the child by id on first use; its own level decides what it is.
     const btree_node<node_id, subnode_info>* get_child(size_t position) const override;

@@ -41,11 +41,16 @@ int search_keys(size_t count, const K& key, KeyAt&& key_at) {
     return static_cast<int>(middle) - 1;
 }
 
+// search_keys over the keys of (key, anything) entries held in a vector.
+template <typename K, typename T>
+int search_entries(const std::vector<std::pair<K, T>>& entries, const K& key) {
+    return search_keys(entries.size(), key, [&entries](size_t i) -> const K& { return entries[i].first; });
+}
+
 // btree_node_leaf::find over (key, value) entries held in a vector.
 template <typename K, typename V>
 const V* find_in_entries(const std::vector<std::pair<K, V>>& entries, const K& key) {
-    const int position =
-        search_keys(entries.size(), key, [&entries](size_t i) -> const K& { return entries[i].first; });
+    const int position = search_entries(entries, key);
     if (position < 0 || !(entries[static_cast<size_t>(position)].first == key)) return nullptr;
     return &entries[static_cast<size_t>(position)].second;
 }
@@ -94,8 +99,9 @@ class btree_node {
     virtual void prev(btree_iter_state<K, V>& state) const = 0;
 
     // The position of `key`, or else of the greatest key below it; -1 when every key is greater (and
-    // for an empty node). Keys are compared as unsigned numbers.
-    int binary_search(const K& key) const {
+    // for an empty node). Keys are compared as unsigned numbers. Nodes that hold their keys in a vector
+    // override it with the same steps over the vector (search_keys), sparing a virtual call per step.
+    virtual int binary_search(const K& key) const {
         return search_keys(num_values(), key,
                            [this](size_t position) -> const K& { return get_key(position); });
     }
