@@ -118,7 +118,8 @@ TEST(NdbBtree, SearchesOverHeldEntriesTakeTheSameStepsAsTheGenericSearch) {
             nodes.emplace_back(keys[i], node_info{keys[i], i + 1, 0, 0});
         }
         std::vector<std::pair<block_id, page_info>> children;
-        for (size_t i = 0; i < keys.size(); ++i) children.emplace_back(keys[i], page_info{i + 1, 512 * (i + 1)});
+        for (size_t i = 0; i < keys.size(); ++i)
+            children.emplace_back(keys[i], page_info{i + 1, 512 * (i + 1)});
         const subnode_leaf_block subnode_leaf(nullptr, block_info{}, subnodes);
         const nbt_leaf_page node_leaf(nullptr, page_info{}, nodes);
         const bbt_nonleaf_page block_nonleaf(nullptr, page_info{}, 1, children);
@@ -131,7 +132,8 @@ TEST(NdbBtree, SearchesOverHeldEntriesTakeTheSameStepsAsTheGenericSearch) {
             EXPECT_EQ(subnode_leaf.find(key), subnode_leaf.subnode_search::find(key));
             EXPECT_EQ(node_leaf.find(key), node_leaf.node_search::find(key));
             EXPECT_EQ(node_leaf.binary_search(key), node_leaf.btree_node::binary_search(key));
-            EXPECT_EQ(block_nonleaf.binary_search(key), block_nonleaf.btree_node::binary_search(block_id{key}));
+            EXPECT_EQ(block_nonleaf.binary_search(key),
+                      block_nonleaf.btree_node::binary_search(block_id{key}));
         }
     }
 }
