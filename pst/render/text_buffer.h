@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <istream>
 #include <string_view>
-#include <vector>
 
 #include "common/status.h"
 
@@ -58,6 +57,9 @@ class GrowBuffer {
     int32_t Adopt(CountedString& source);
     // Shortens the contents to `length` bytes; a longer value is ignored.
     void Truncate(size_t length);
+    // Counts `count` more bytes as contents, written in place behind them (at data() + length()) by
+    // the caller. Requires: length() + count <= capacity().
+    void Extend(size_t count) { length_ += count; }
 
     std::byte* data() { return data_; }
     const std::byte* data() const { return data_; }
@@ -123,21 +125,20 @@ int32_t AppendFromReader(Reader&& read, uint64_t size, GrowBuffer& out) {
     constexpr size_t kPiece = 64 * 1024;
     if (size > kMaxBufferBytes - out.length()) return kStatusFailure;
     const size_t end = out.length() + static_cast<size_t>(size);
-    std::vector<char> piece(std::min<uint64_t>(size, kPiece));
     while (out.length() < end) {
-        const size_t want = std::min(piece.size(), end - out.length());
-        const size_t got = read(piece.data(), want);
-        if (got == 0) return kStatusShortRead;
-        // Doubling keeps the copies linear; the end stays the cap, so a source that stops early has
-        // cost at most twice what it gave.
-        const size_t needed = out.length() + got;
+        const size_t want = std::min(kPiece, end - out.length());
+        // Room for a piece is made before it is read, so that it is read in place. Doubling keeps the
+        // copies linear; the end stays the cap, so a source that stops early has cost at most twice
+        // what it gave, and one piece.
+        const size_t needed = out.length() + want;
         if (needed > out.capacity() && !out.Reserve(std::min(end, std::max(needed, 2 * out.capacity()))))
             return out.status();
-        if (out.Append(piece.data(), got) != kStatusOk) return out.status();
+        const size_t got = read(reinterpret_cast<char*>(out.data() + out.length()), want);
+        if (got == 0) return kStatusShortRead;
+        out.Extend(got);
     }
     return kStatusOk;
 }
-
 // The count that AppendCounted reads as "up to the first NUL".
 constexpr int32_t kUpToNul = -1;
 
