@@ -30,9 +30,12 @@ ltp::const_table_row PstMessage::Attachment(uint32_t row) {
 const ltp::table* PstMessage::AttachmentTable() {
     if (!attachments_opened_) {
         attachments_opened_ = true;
-        // A message without the subnode simply has no attachments; looking it up is the only way to know.
+        // A message without the subnode simply has no attachments, which is common enough that finding
+        // that out must not cost an exception. A table whose own subnode lookups find nothing is taken
+        // the same way.
         try {
-            attachments_.emplace(properties_.get_node().lookup(kAttachmentTableSubnode));
+            if (std::optional<ndb::node> table = properties_.get_node().find(kAttachmentTableSubnode))
+                attachments_.emplace(*table);
         } catch (const ndb::key_not_found<ndb::node_id>&) {
         }
     }
@@ -80,9 +83,15 @@ int32_t ReadWholeStream(const ltp::const_property_object& object, ltp::prop_id i
         target.Release();
         return kStatusOk;
     }
-    ltp::prop_stream in(device);
     GrowBuffer buffer;
-    const int32_t status = AppendFromStream(in, size, buffer);
+    // Straight from the device: a value is read whole, so a stream's small buffer would only add a
+    // copy and a trip through the device per few kilobytes. The device's errors leave as themselves.
+    const int32_t status = AppendFromReader(
+        [&device](char* into, size_t count) {
+            const std::streamsize got = device.read(into, static_cast<std::streamsize>(count));
+            return got < 0 ? size_t{0} : static_cast<size_t>(got);
+        },
+        size, buffer);
     // The size is the value's own; a stream that stops short of it without an error is damage like a
     // block that fails its check, and goes to the walk the same way rather than as a shorter body.
     if (status == kStatusShortRead) throw ndb::database_corrupt("property value ends before its stated size");

@@ -167,24 +167,13 @@ int32_t InsertAt(CountedString* string, size_t offset, const void* bytes, size_t
 }
 
 int32_t AppendFromStream(std::istream& in, uint64_t size, GrowBuffer& out) {
-    constexpr size_t kPiece = 64 * 1024;
     in.exceptions(in.exceptions() | std::ios::badbit);
-    if (size > kMaxBufferBytes - out.length()) return kStatusFailure;
-    const size_t end = out.length() + static_cast<size_t>(size);
-    std::vector<char> piece(std::min<uint64_t>(size, kPiece));
-    while (out.length() < end) {
-        const size_t want = std::min(piece.size(), end - out.length());
-        in.read(piece.data(), static_cast<std::streamsize>(want));
-        const auto got = static_cast<size_t>(in.gcount());
-        if (got == 0) return kStatusShortRead;
-        // Doubling keeps the copies linear; the end stays the cap, so a stream that stops early has
-        // cost at most twice what it gave.
-        const size_t needed = out.length() + got;
-        if (needed > out.capacity() && !out.Reserve(std::min(end, std::max(needed, 2 * out.capacity()))))
-            return out.status();
-        if (out.Append(piece.data(), got) != kStatusOk) return out.status();
-    }
-    return kStatusOk;
+    return AppendFromReader(
+        [&in](char* into, size_t count) {
+            in.read(into, static_cast<std::streamsize>(count));
+            return static_cast<size_t>(in.gcount());
+        },
+        size, out);
 }
 
 int32_t AppendCounted(CountedString* string, const void* bytes, int32_t count) {

@@ -6,6 +6,7 @@
 #ifndef TARN_PST_RENDER_TEXT_BUFFER_H_
 #define TARN_PST_RENDER_TEXT_BUFFER_H_
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <istream>
@@ -56,6 +57,9 @@ class GrowBuffer {
     int32_t Adopt(CountedString& source);
     // Shortens the contents to `length` bytes; a longer value is ignored.
     void Truncate(size_t length);
+    // Counts `count` more bytes as contents, written in place behind them (at data() + length()) by
+    // the caller. Requires: length() + count <= capacity().
+    void Extend(size_t count) { length_ += count; }
 
     std::byte* data() { return data_; }
     const std::byte* data() const { return data_; }
@@ -113,7 +117,28 @@ int32_t InsertAt(CountedString* string, size_t offset, const void* bytes, size_t
 // turning into a state bit that reads like the end of the data. 1; -7 when the stream ends before
 // `size` bytes; the buffer's status (-1) when it cannot grow.
 int32_t AppendFromStream(std::istream& in, uint64_t size, GrowBuffer& out);
-
+// The same for a source read directly, without a stream's buffer between it and `out`: `read(into,
+// count)` puts up to `count` bytes at `into` and returns how many, 0 when the source has no more. An
+// error of the source is thrown by `read` and leaves as itself. Same statuses as AppendFromStream.
+template <typename Reader>
+int32_t AppendFromReader(Reader&& read, uint64_t size, GrowBuffer& out) {
+    constexpr size_t kPiece = 64 * 1024;
+    if (size > kMaxBufferBytes - out.length()) return kStatusFailure;
+    const size_t end = out.length() + static_cast<size_t>(size);
+    while (out.length() < end) {
+        const size_t want = std::min(kPiece, end - out.length());
+        // Room for a piece is made before it is read, so that it is read in place. Doubling keeps the
+        // copies linear; the end stays the cap, so a source that stops early has cost at most twice
+        // what it gave, and one piece.
+        const size_t needed = out.length() + want;
+        if (needed > out.capacity() && !out.Reserve(std::min(end, std::max(needed, 2 * out.capacity()))))
+            return out.status();
+        const size_t got = read(reinterpret_cast<char*>(out.data() + out.length()), want);
+        if (got == 0) return kStatusShortRead;
+        out.Extend(got);
+    }
+    return kStatusOk;
+}
 // The count that AppendCounted reads as "up to the first NUL".
 constexpr int32_t kUpToNul = -1;
 

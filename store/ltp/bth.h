@@ -103,6 +103,9 @@ class bth_leaf_node : public bth_node<K, V>, public btree_node_leaf<K, V> {
     const K& get_key(size_t position) const override { return records_.at(position).first; }
     const V& get_value(size_t position) const override { return records_.at(position).second; }
     size_t num_values() const override { return records_.size(); }
+    // Every property a reader asks for is looked up here, most of them absent.
+    int binary_search(const K& key) const override { return ndb::search_entries(records_, key); }
+    const V* find(const K& key) const override { return ndb::find_in_entries(records_, key); }
 
   private:
     std::vector<std::pair<K, V>> records_;
@@ -126,6 +129,7 @@ class bth_nonleaf_node : public bth_node<K, V>, public btree_node_nonleaf<K, V> 
     bool is_leaf() const override { return false; }
     const K& get_key(size_t position) const override { return children_.at(position).first; }
     size_t num_values() const override { return children_.size(); }
+    int binary_search(const K& key) const override { return ndb::search_entries(children_, key); }
     heap_id get_child_id(size_t position) const { return children_.at(position).second; }
 
     const btree_node<K, V>* get_child(size_t position) const override {

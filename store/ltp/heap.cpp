@@ -54,8 +54,9 @@ heap_id heap_impl::root_id() const { return read_header(node_).root; }
 
 heap_impl::alloc_span heap_impl::locate(heap_id id) const {
     const size_t block = id >> 16;
-    const uint16_t page_map_offset = node_.read<uint16_t>(block, 0);
-    const size_t block_size = node_.get_page_size(block);
+    const ndb::external_block& page = node_.get_data_block()->get_page(block);
+    const uint16_t page_map_offset = page.read<uint16_t>(0);
+    const size_t block_size = page.get_total_size();
     if (page_map_offset > block_size) throw std::length_error("page_map_offset > node size");
 
     // Only the words needed are read: cAlloc, then rgibAlloc[p] and rgibAlloc[p + 1]. A page map
@@ -63,7 +64,7 @@ heap_impl::alloc_span heap_impl::locate(heap_id id) const {
     const size_t map_size = block_size - page_map_offset;
     std::byte word[4];
     if (map_size < 2) throw ndb::database_corrupt("heap page map is cut off by the end of its block");
-    node_.read(std::span<std::byte>(word, 2), block, page_map_offset);
+    page.read_raw(word, 2, page_map_offset);
     const uint16_t num_allocs = LoadLe16(word);
 
     // Index 0 wraps to 2047 on purpose; a position equal to the count is deliberately accepted and
@@ -72,10 +73,10 @@ heap_impl::alloc_span heap_impl::locate(heap_id id) const {
     if (position > num_allocs) throw std::length_error("index > num_allocs");
     const size_t at = kPageMapOffsets + 2 * size_t{position};
     if (at + 4 > map_size) throw ndb::database_corrupt("heap page map ends before the allocation's offsets");
-    node_.read(std::span<std::byte>(word, 4), block, page_map_offset + at);
+    page.read_raw(word, 4, page_map_offset + at);
     const uint32_t start = LoadLe16(word);
     const uint32_t end = LoadLe16(word + 2);
-    return {block, start, end - start};
+    return {block, start, end - start, &page};
 }
 
 uint32_t heap_impl::alloc_size(heap_id id) const {
@@ -84,7 +85,7 @@ uint32_t heap_impl::alloc_size(heap_id id) const {
 }
 
 size_t heap_impl::read_alloc(std::span<std::byte> buffer, heap_id id, size_t offset) const {
-    const alloc_span alloc = id == 0 ? alloc_span{0, 0, 0} : locate(id);
+    const alloc_span alloc = id == 0 ? alloc_span{0, 0, 0, nullptr} : locate(id);
     const size_t size = alloc.size;
     if (buffer.size() > size) throw std::length_error("buffer.size() > size()");
     if (offset > size) throw std::length_error("offset > size()");
@@ -92,22 +93,23 @@ size_t heap_impl::read_alloc(std::span<std::byte> buffer, heap_id id, size_t off
     if (size == 0 || buffer.empty()) return 0;
     // An allocation whose end lies past its block, or below its start (a size near 4 GiB), passes
     // the checks above; the bytes wanted must still lie in the block.
-    const size_t block_size = node_.get_page_size(alloc.block);
+    const size_t block_size = alloc.page->get_total_size();
     const size_t from = size_t{alloc.start} + offset;
     if (from > block_size || buffer.size() > block_size - from)
         throw ndb::database_corrupt("heap allocation runs past its block");
-    return node_.read(buffer, alloc.block, from);
+    return alloc.page->read_raw(buffer.data(), buffer.size(), from);
 }
 
 std::vector<std::byte> heap_impl::read_whole(heap_id id) const {
     if (id == 0) return {};
     const alloc_span alloc = locate(id);
     // Refused before allocating: a damaged map can claim almost 4 GiB for one allocation.
-    const size_t block_size = node_.get_page_size(alloc.block);
+    const size_t block_size = alloc.page->get_total_size();
     if (alloc.start > block_size || alloc.size > block_size - alloc.start)
         throw ndb::database_corrupt("heap allocation runs past its block");
     std::vector<std::byte> result(alloc.size);
-    read_alloc(result, id, 0);
+    // The same checks as read_alloc's for the whole allocation, which those above have made.
+    if (!result.empty()) alloc.page->read_raw(result.data(), result.size(), alloc.start);
     return result;
 }
 

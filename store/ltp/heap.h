@@ -65,6 +65,9 @@ class heap_impl : public std::enable_shared_from_this<heap_impl> {
         size_t block;
         uint32_t start;
         uint32_t size;
+        // The leaf block that holds the allocation, borrowed from the node (null for id 0). One read of
+        // a value asks for it several times; looking it up once spares the walk through the data tree.
+        const ndb::external_block* page;
     };
     alloc_span locate(heap_id id) const;
 

@@ -15,8 +15,10 @@ constexpr size_t kValuePiece = 64 * 1024;
 }  // namespace
 
 uint64_t hnid_stream_device::size() const {
-    if (is_heap_) return heap_->alloc_size(heap_id_);
-    return node_->size();
+    // The heap's node keeps its blocks once read, so the answer cannot change; a failure is not
+    // remembered and is met again on the next call.
+    if (!size_) size_ = is_heap_ ? heap_->alloc_size(heap_id_) : node_->size();
+    return *size_;
 }
 
 std::vector<std::byte> read_hnid_value(const heap_ptr& heap, hnid id) {

@@ -31,7 +31,8 @@ class hnid_stream_device {
     // Origin beg, end or cur; the result is clamped to [0, size].
     std::streampos seek(boost::iostreams::stream_offset offset, std::ios_base::seekdir origin);
 
-    // The value's size in bytes.
+    // The value's size in bytes. Asked of the heap once and then remembered: a stream read in small
+    // pieces would otherwise walk the heap's page map again for every piece.
     uint64_t size() const;
 
   private:
@@ -41,6 +42,7 @@ class hnid_stream_device {
     int64_t node_pos_ = 0;
     std::optional<node> node_;
     bool is_heap_;
+    mutable std::optional<uint64_t> size_;
 };
 
 using prop_stream = boost::iostreams::stream<hnid_stream_device>;

@@ -8,17 +8,16 @@ namespace tarn::ltp {
 std::u16string const_property_object::read_wstring(prop_id id) const {
     const std::vector<std::byte> bytes = get_value_variable(id);
     const prop_type type = get_prop_type(id);
-    std::u16string text;
+    // Sized once and filled by index: every folder and message name passes through here.
     if (type == kPropTypeString8) {
-        text.reserve(bytes.size());
-        for (std::byte b : bytes)
-            text.push_back(static_cast<char16_t>(
-                static_cast<int16_t>(static_cast<int8_t>(std::to_integer<uint8_t>(b)))));
+        std::u16string text(bytes.size(), u'\0');
+        for (size_t i = 0; i < bytes.size(); ++i)
+            text[i] = static_cast<char16_t>(
+                static_cast<int16_t>(static_cast<int8_t>(std::to_integer<uint8_t>(bytes[i]))));
         return text;
     }
-    text.reserve(bytes.size() / 2);
-    for (size_t i = 0; i + 1 < bytes.size(); i += 2)
-        text.push_back(static_cast<char16_t>(LoadLe16(bytes.data() + i)));
+    std::u16string text(bytes.size() / 2, u'\0');
+    for (size_t i = 0; i < text.size(); ++i) text[i] = static_cast<char16_t>(LoadLe16(bytes.data() + 2 * i));
     return text;
 }
 

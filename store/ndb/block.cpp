@@ -36,9 +36,9 @@ size_t external_block::write_raw(const std::byte* source, size_t size, size_t of
     return size;
 }
 
-std::shared_ptr<external_block> external_block::get_page(size_t index) const {
+const external_block& external_block::get_page(size_t index) const {
     if (index > 0) throw std::out_of_range("index > 0");
-    return std::const_pointer_cast<external_block>(shared_from_this());
+    return *this;
 }
 
 size_t external_block::resize(size_t size, std::shared_ptr<data_block>& result) {
@@ -140,7 +140,7 @@ size_t extended_block::get_page_count() const {
     return (static_cast<size_t>(total_size_) + page_size - 1) / page_size;
 }
 
-std::shared_ptr<external_block> extended_block::get_page(size_t index) const {
+const external_block& extended_block::get_page(size_t index) const {
     return get_child_block(index / child_max_pages_)->get_page(index % child_max_pages_);
 }
 

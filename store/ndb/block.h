@@ -69,8 +69,10 @@ class data_block : public block {
     virtual size_t write_raw(const std::byte* source, size_t size, size_t offset,
                              std::shared_ptr<data_block>& result) = 0;
     virtual size_t get_page_count() const = 0;
-    // The leaf data block of that index (the unit a heap-on-node works in).
-    virtual std::shared_ptr<external_block> get_page(size_t index) const = 0;
+    // The leaf data block of that index (the unit a heap-on-node works in). Borrowed: valid as long as
+    // this block, which keeps its children. Heap reads ask for it several times per value, so it is
+    // handed out without touching a reference count.
+    virtual const external_block& get_page(size_t index) const = 0;
     virtual size_t resize(size_t size, std::shared_ptr<data_block>& result) = 0;
 
     size_t get_total_size() const { return total_size_; }
@@ -121,7 +123,7 @@ class external_block : public data_block, public std::enable_shared_from_this<ex
     size_t write_raw(const std::byte* source, size_t size, size_t offset,
                      std::shared_ptr<data_block>& result) override;
     size_t get_page_count() const override { return 1; }
-    std::shared_ptr<external_block> get_page(size_t index) const override;
+    const external_block& get_page(size_t index) const override;
     size_t resize(size_t size, std::shared_ptr<data_block>& result) override;
 
     size_t get_max_size() const { return max_size_; }
@@ -183,7 +185,7 @@ class extended_block : public data_block, public std::enable_shared_from_this<ex
     size_t write_raw(const std::byte* source, size_t size, size_t offset,
                      std::shared_ptr<data_block>& result) override;
     size_t get_page_count() const override;
-    std::shared_ptr<external_block> get_page(size_t index) const override;
+    const external_block& get_page(size_t index) const override;
     size_t resize(size_t size, std::shared_ptr<data_block>& result) override;
 
     uint8_t get_level() const { return level_; }
@@ -234,6 +236,8 @@ class subnode_leaf_block : public subnode_block,
     const node_id& get_key(size_t position) const override { return entries_.at(position).first; }
     const subnode_info& get_value(size_t position) const override { return entries_.at(position).second; }
     size_t num_values() const override { return entries_.size(); }
+    int binary_search(const node_id& key) const override { return search_entries(entries_, key); }
+    const subnode_info* find(const node_id& key) const override { return find_in_entries(entries_, key); }
 
   private:
     std::vector<std::pair<node_id, subnode_info>> entries_;
@@ -249,6 +253,7 @@ class subnode_nonleaf_block : public subnode_block,
 
     const node_id& get_key(size_t position) const override { return entries_.at(position).first; }
     size_t num_values() const override { return entries_.size(); }
+    int binary_search(const node_id& key) const override { return search_entries(entries_, key); }
     block_id get_child_id(size_t position) const { return entries_.at(position).second; }
     // Reads the child by id on first use; its own level decides what it is.
     const btree_node<node_id, subnode_info>* get_child(size_t position) const override;

@@ -17,10 +17,10 @@ const std::shared_ptr<subnode_block>& node_impl::ensure_sub_block() const {
 }
 
 size_t node_impl::read(std::span<std::byte> buffer, size_t page, size_t offset) const {
-    const auto leaf = ensure_data_block()->get_page(page);
+    const external_block& leaf = ensure_data_block()->get_page(page);
     if (buffer.empty()) return 0;
-    if (offset >= leaf->get_total_size()) throw std::out_of_range("offset >= size()");
-    return leaf->read_raw(buffer.data(), buffer.size(), offset);
+    if (offset >= leaf.get_total_size()) throw std::out_of_range("offset >= size()");
+    return leaf.read_raw(buffer.data(), buffer.size(), offset);
 }
 
 std::shared_ptr<node_impl> node_impl::lookup(node_id id) const {
@@ -29,6 +29,14 @@ std::shared_ptr<node_impl> node_impl::lookup(node_id id) const {
     auto self = std::const_pointer_cast<node_impl>(shared_from_this());
     const subnode_info& info = subnode_->lookup(id);
     return std::make_shared<node_impl>(self, info);
+}
+
+std::shared_ptr<node_impl> node_impl::find(node_id id) const {
+    ensure_sub_block();
+    auto self = std::const_pointer_cast<node_impl>(shared_from_this());
+    const subnode_info* info = subnode_->find(id);
+    if (info == nullptr) return nullptr;
+    return std::make_shared<node_impl>(self, *info);
 }
 
 }  // namespace tarn::ndb

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <stdexcept>
 
@@ -60,7 +61,7 @@ class node_impl : public std::enable_shared_from_this<node_impl> {
 
     size_t size() const { return ensure_data_block()->get_total_size(); }
     size_t get_page_count() const { return ensure_data_block()->get_page_count(); }
-    size_t get_page_size(size_t page) const { return ensure_data_block()->get_page(page)->get_total_size(); }
+    size_t get_page_size(size_t page) const { return ensure_data_block()->get_page(page).get_total_size(); }
 
     size_t read(std::span<std::byte> buffer, size_t offset) const {
         return ensure_data_block()->read(buffer, offset);
@@ -83,6 +84,10 @@ class node_impl : public std::enable_shared_from_this<node_impl> {
     // The subnode with this id, from this node's own subnode tree. Requires that this object is held
     // by a shared pointer (std::bad_weak_ptr otherwise). Throws key_not_found<node_id>.
     std::shared_ptr<node_impl> lookup(node_id id) const;
+    // As lookup, but null exactly where lookup throws key_not_found; any other failure throws as there.
+    // For subnodes whose absence is normal (a message without attachments), which would otherwise cost
+    // an exception per node.
+    std::shared_ptr<node_impl> find(node_id id) const;
 
   private:
     const std::shared_ptr<data_block>& ensure_data_block() const;
@@ -139,6 +144,11 @@ class node {
     }
 
     node lookup(node_id id) const { return node(impl_->lookup(id)); }
+    // The subnode with this id, or nothing where lookup would throw key_not_found.
+    std::optional<node> find(node_id id) const {
+        if (auto found = impl_->find(id)) return node(std::move(found));
+        return std::nullopt;
+    }
     const std::shared_ptr<data_block>& get_data_block() const { return impl_->get_data_block(); }
     const std::shared_ptr<subnode_block>& get_subnode_block() const { return impl_->get_subnode_block(); }
     // Every subnode entry of this node's own tree, in id order.
@@ -153,10 +163,10 @@ class node {
 template <typename T>
 T node_impl::read(size_t page, size_t offset) const {
     static_assert(std::is_integral_v<T>);
-    auto leaf = ensure_data_block()->get_page(page);
-    if (offset >= leaf->get_total_size()) throw std::out_of_range("offset >= size()");
-    if (sizeof(T) > leaf->get_total_size() - offset) throw std::out_of_range("sizeof(T) + offset >= size()");
-    return leaf->template read<T>(offset);
+    const external_block& leaf = ensure_data_block()->get_page(page);
+    if (offset >= leaf.get_total_size()) throw std::out_of_range("offset >= size()");
+    if (sizeof(T) > leaf.get_total_size() - offset) throw std::out_of_range("sizeof(T) + offset >= size()");
+    return leaf.template read<T>(offset);
 }
 
 }  // namespace tarn::ndb

@@ -72,6 +72,8 @@ class bt_leaf_page : public bt_page<K, V>,
     const K& get_key(size_t position) const override { return page_data_.at(position).first; }
     const V& get_value(size_t position) const override { return page_data_.at(position).second; }
     size_t num_values() const override { return page_data_.size(); }
+    int binary_search(const K& key) const override { return search_entries(page_data_, key); }
+    const V* find(const K& key) const override { return find_in_entries(page_data_, key); }
 
   private:
     std::vector<std::pair<K, V>> page_data_;
@@ -97,6 +99,7 @@ class bt_nonleaf_page : public bt_page<K, V>,
 
     const K& get_key(size_t position) const override { return page_data_.at(position).first; }
     size_t num_values() const override { return page_data_.size(); }
+    int binary_search(const K& key) const override { return search_entries(page_data_, key); }
     uint8_t get_level() const { return level_; }
     const page_info& get_child_info(size_t position) const { return page_data_.at(position).second; }
 

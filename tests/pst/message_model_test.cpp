@@ -12,9 +12,12 @@
 #include <vector>
 
 #include "store/ltp/property_bag.h"
+#include "common/little_endian.h"
 #include "store/ndb/database.h"
+#include "store/ndb/errors.h"
 #include "tests/pst/store_fixture.h"
 #include "tests/support/ltp_writer.h"
+#include "tests/support/pst_writer.h"
 #include "tests/support/test_util.h"
 
 namespace tarn::testing {
@@ -177,6 +180,47 @@ TEST(MessageModel, Attachments) {
 
     PstMessage bare(db->lookup_node(map.messages[0][1]));
     EXPECT_EQ(bare.AttachmentCount(), 0u) << "no attachment subnode: no attachments and no error";
+}
+
+TEST(MessageModel, WholeValuesReadBackOrFailWithTheStoresError) {
+    // A value in the heap and one in a subnode over an XBLOCK, read whole; then the XBLOCK's second
+    // leaf damaged: the read must end in that leaf's own error, not in the first leaf's bytes as a
+    // shorter value. The writer's bytes are the model.
+    for (PstLayout layout : {PstLayout::kAnsi, PstLayout::kUnicode}) {
+        SCOPED_TRACE(layout == PstLayout::kAnsi ? "ANSI" : "Unicode");
+        const fixture::Bytes small = fixture::PatternBytes(100, 1);
+        const fixture::Bytes large = fixture::PatternBytes(30000, 2);
+        uint32_t next = 0x100;
+        fixture::LtpNodeData pc = fixture::WritePropertyContext(
+            layout, {{kPropBody, 0x0102, small}, {kPropHtmlBody, 0x0102, large}}, {.next_subnode = &next});
+        fixture::PstDescription d;
+        d.layout = layout;
+        d.encoding = fixture::PstEncoding::kPermute;
+        d.nodes.push_back(
+            {.id = kMessageNid, .data = std::move(pc.data), .subnodes = std::move(pc.subnodes)});
+        fixture::PstImage image = fixture::WritePst(d);
+        ScratchDir dir;
+        const auto read = [&](ltp::prop_id id) {
+            const ndb::db_ptr db = ndb::open_database(Wide(dir.Write("m.pst", image.bytes)));
+            const PstMessage message(db->lookup_node(kMessageNid));
+            CountedString value;
+            EXPECT_EQ(ReadWholeStream(message.properties(), id, value), kStatusOk);
+            return std::vector<std::byte>(value.data(), value.data() + value.size());
+        };
+        EXPECT_EQ(read(kPropBody), small);
+        EXPECT_EQ(read(kPropHtmlBody), large);
+
+        const fixture::PstBlockRecord* xblock = nullptr;
+        for (const auto& [id, record] : image.blocks)
+            if (record.kind == fixture::PstBlockRecord::Kind::kXBlock) xblock = &record;
+        ASSERT_NE(xblock, nullptr);
+        const size_t width = layout == PstLayout::kAnsi ? 4 : 8;
+        const uint64_t second_leaf = width == 4 ? LoadLe32(image.bytes.data() + xblock->address + 8 + width)
+                                                : LoadLe64(image.bytes.data() + xblock->address + 8 + width);
+        image.bytes[image.Block(second_leaf).trailer + 2] ^= std::byte{1};
+        EXPECT_EQ(read(kPropBody), small);
+        EXPECT_EQ(MessageOf<ndb::sig_mismatch>([&] { read(kPropHtmlBody); }), "block sig mismatch");
+    }
 }
 
 }  // namespace

@@ -41,28 +41,6 @@ uint64_t GetLe(const Bytes& bytes, size_t offset, size_t width) {
 
 size_t RoundUp(size_t value, size_t unit) { return (value + unit - 1) / unit * unit; }
 
-void Encode(Bytes& data, PstEncoding encoding, uint64_t id) {
-    using ndb::tables::kMpbbI;
-    using ndb::tables::kMpbbR;
-    using ndb::tables::kMpbbS;
-    if (encoding == PstEncoding::kPermute) {
-        for (std::byte& b : data) b = static_cast<std::byte>(kMpbbR[std::to_integer<uint8_t>(b)]);
-    } else if (encoding == PstEncoding::kCyclic) {
-        // The cyclic method is its own inverse, so encoding runs the same steps as decoding.
-        uint32_t key = static_cast<uint32_t>(id);
-        uint16_t salt = static_cast<uint16_t>(key ^ (key >> 16));
-        for (std::byte& b : data) {
-            uint8_t lo = salt & 0xFF, hi = salt >> 8, v = std::to_integer<uint8_t>(b);
-            v = static_cast<uint8_t>(
-                kMpbbI[static_cast<uint8_t>(
-                    kMpbbS[static_cast<uint8_t>(kMpbbR[static_cast<uint8_t>(v + lo)] + hi)] - hi)] -
-                lo);
-            b = static_cast<std::byte>(v);
-            salt = static_cast<uint16_t>(salt + 1);
-        }
-    }
-}
-
 struct Geometry {
     const fmt::HeaderLayout& header;
     const fmt::PageLayout& page;
@@ -292,7 +270,7 @@ class Writer {
             rec.span = RoundUp(p.data.size() + g_.block.trailer_size, fmt::kBlockAlignment);
             rec.trailer = rec.address + rec.span - g_.block.trailer_size;
             Bytes stored = p.data;
-            if (p.encode) Encode(stored, d_.encoding, p.id);
+            if (p.encode) EncodeBlockData(stored, d_.encoding, p.id);
             image_.bytes.resize(rec.address + rec.span, std::byte{0});
             std::copy(stored.begin(), stored.end(),
                       image_.bytes.begin() + static_cast<std::ptrdiff_t>(rec.address));
@@ -510,6 +488,28 @@ bool SaveFile(const std::string& path, const Bytes& bytes) {
     out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     out.close();
     return static_cast<bool>(out);
+}
+
+void EncodeBlockData(Bytes& data, PstEncoding encoding, uint64_t id) {
+    using ndb::tables::kMpbbI;
+    using ndb::tables::kMpbbR;
+    using ndb::tables::kMpbbS;
+    if (encoding == PstEncoding::kPermute) {
+        for (std::byte& b : data) b = static_cast<std::byte>(kMpbbR[std::to_integer<uint8_t>(b)]);
+    } else if (encoding == PstEncoding::kCyclic) {
+        // The cyclic method is its own inverse, so encoding runs the same steps as decoding.
+        uint32_t key = static_cast<uint32_t>(id);
+        uint16_t salt = static_cast<uint16_t>(key ^ (key >> 16));
+        for (std::byte& b : data) {
+            uint8_t lo = salt & 0xFF, hi = salt >> 8, v = std::to_integer<uint8_t>(b);
+            v = static_cast<uint8_t>(
+                kMpbbI[static_cast<uint8_t>(
+                    kMpbbS[static_cast<uint8_t>(kMpbbR[static_cast<uint8_t>(v + lo)] + hi)] - hi)] -
+                lo);
+            b = static_cast<std::byte>(v);
+            salt = static_cast<uint16_t>(salt + 1);
+        }
+    }
 }
 
 }  // namespace tarn::fixture

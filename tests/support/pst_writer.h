@@ -173,6 +173,8 @@ Bytes ToBytes(std::string_view text);
 Bytes PatternBytes(size_t size, uint32_t seed);       // deterministic, every byte value occurs
 uint32_t PstCrc(const std::byte* data, size_t size);  // the store's CRC, computed bit by bit
 uint16_t PstSignature(uint64_t address, uint64_t id);
+// Encodes `data` in place as an external data block of id `id` is stored under `encoding`.
+void EncodeBlockData(Bytes& data, PstEncoding encoding, uint64_t id);
 // Writes `bytes` to the file at `path`, replacing it; false when they could not all be written.
 bool SaveFile(const std::string& path, const Bytes& bytes);
 

@@ -2,11 +2,13 @@
 // offset and by page, and the in-memory copy-on-write changes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 
 #include "store/ndb/crypt_tables.h"
 #include "store/ndb/database.h"
+#include "store/ndb/encoding.h"
 #include "store/ndb/format.h"
 #include "tests/support/pst_writer.h"
 #include "tests/support/test_util.h"
@@ -105,7 +107,7 @@ TEST(NdbBlock, ReadsCrossLeavesAndClampAtTheEnd) {
     EXPECT_EQ(n.read(empty, 0, 9999), 0u);  // an empty buffer reads nothing
     EXPECT_EQ(MessageOf<std::out_of_range>([&] { n.get_data_block()->get_page(3); }),
               "index >= m_child_blocks.size()");
-    EXPECT_EQ(MessageOf<std::out_of_range>([&] { n.get_data_block()->get_page(0)->get_page(1); }),
+    EXPECT_EQ(MessageOf<std::out_of_range>([&] { n.get_data_block()->get_page(0).get_page(1); }),
               "index > 0");
 }
 
@@ -273,6 +275,36 @@ TEST(NdbBlock, EncodingsDecodeAsPublished) {
     db->lookup_node(0x44).read(b, 0);
     EXPECT_NE(a, b);
     EXPECT_EQ(std::to_integer<uint8_t>(b[0]), 0xe4);  // the published vector for key 0x12345678
+}
+
+TEST(NdbBlock, DecodingUndoesTheWritersEncodingAtEveryOffsetAndLength) {
+    // Decoding works a word at a time with a byte tail, so every start and length around a word matters;
+    // the writer's encoding (a byte at a time, from the published tables) is the model. The cyclic key
+    // 0xFFFC makes the running key wrap inside the first word.
+    Bytes original = PatternBytes(96, 7);
+    struct Case {
+        PstEncoding encoding;
+        uint64_t id;
+    };
+    const Case cases[] = {{PstEncoding::kPermute, 0x64},
+                          {PstEncoding::kCyclic, 0x64},
+                          {PstEncoding::kCyclic, 0x12345678},
+                          {PstEncoding::kCyclic, 0xFFFC}};
+    for (const Case& c : cases) {
+        for (size_t offset = 0; offset <= 16; ++offset) {
+            for (size_t length = 0; offset + length <= original.size(); ++length) {
+                SCOPED_TRACE("encoding " + std::to_string(int(c.encoding)) + " id " + std::to_string(c.id) +
+                             " offset " + std::to_string(offset) + " length " + std::to_string(length));
+                Bytes part(original.begin() + offset, original.begin() + offset + length);
+                EncodeBlockData(part, c.encoding, c.id);
+                Bytes buffer = original;
+                std::copy(part.begin(), part.end(), buffer.begin() + offset);
+                decode_block_data(std::span(buffer).subspan(offset, length), static_cast<uint8_t>(c.encoding),
+                                  c.id);
+                ASSERT_EQ(buffer, original);  // the span decoded, and nothing beside it touched
+            }
+        }
+    }
 }
 
 TEST(NdbBlock, BlockKindsAreChecked) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "kernel/tarnkrn_control.h"
 #include "store/ndb/database.h"
@@ -101,6 +102,39 @@ TEST(NdbBtree, TreesOfEveryDepthLookUpAndWalkInOrder) {
         for (const block_info& info : page_range(db->read_bbt_root())) blocks.push_back(info.id);
         EXPECT_EQ(blocks.size(), image.blocks.size());
         EXPECT_TRUE(std::is_sorted(blocks.begin(), blocks.end()));
+    }
+}
+
+TEST(NdbBtree, SearchesOverHeldEntriesTakeTheSameStepsAsTheGenericSearch) {
+    // Pages and blocks that keep their entries search them directly; on damaged ones (keys out of order,
+    // a key twice) that search must land on the very entry the search through get_key lands on.
+    const std::vector<std::vector<node_id>> key_sets = {
+        {}, {5}, {1, 3, 5, 7, 9}, {9, 7, 5, 3, 1}, {4, 4, 4, 8}, {1, 8, 3, 8, 2, 8, 5}, {0, 0xFFFFFFFF, 7}};
+    for (const std::vector<node_id>& keys : key_sets) {
+        std::vector<std::pair<node_id, subnode_info>> subnodes;
+        std::vector<std::pair<node_id, node_info>> nodes;
+        for (size_t i = 0; i < keys.size(); ++i) {
+            subnodes.emplace_back(keys[i], subnode_info{keys[i], i + 1, 0});
+            nodes.emplace_back(keys[i], node_info{keys[i], i + 1, 0, 0});
+        }
+        std::vector<std::pair<block_id, page_info>> children;
+        for (size_t i = 0; i < keys.size(); ++i)
+            children.emplace_back(keys[i], page_info{i + 1, 512 * (i + 1)});
+        const subnode_leaf_block subnode_leaf(nullptr, block_info{}, subnodes);
+        const nbt_leaf_page node_leaf(nullptr, page_info{}, nodes);
+        const bbt_nonleaf_page block_nonleaf(nullptr, page_info{}, 1, children);
+        std::vector<node_id> probes = {0xFFFFFFFF, 0xFFFFFFFE};
+        for (node_id key = 0; key <= 10; ++key) probes.push_back(key);
+        using subnode_search = btree_node_leaf<node_id, subnode_info>;
+        using node_search = btree_node_leaf<node_id, node_info>;
+        for (node_id key : probes) {
+            SCOPED_TRACE("keys " + std::to_string(keys.size()) + " probe " + std::to_string(key));
+            EXPECT_EQ(subnode_leaf.find(key), subnode_leaf.subnode_search::find(key));
+            EXPECT_EQ(node_leaf.find(key), node_leaf.node_search::find(key));
+            EXPECT_EQ(node_leaf.binary_search(key), node_leaf.btree_node::binary_search(key));
+            EXPECT_EQ(block_nonleaf.binary_search(key),
+                      block_nonleaf.btree_node::binary_search(block_id{key}));
+        }
     }
 }
 

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <optional>
+#include <typeinfo>
 #include <string>
 
 #include "kernel/tarnkrn_control.h"
@@ -109,6 +111,47 @@ TEST(NdbNode, NoSubnodeBlockMeansNoSubnodesAndNoReads) {
     EXPECT_EQ(n.get_subnode_block()->num_values(), 0u);
     krnctlReset();
     EXPECT_EQ(MessageOf<key_not_found<node_id>>([&] { db->lookup_node(0x25); }), "key not found");
+}
+
+// What a call did: the subnode it gave (id, data block, size), or the type and text of what it threw.
+template <typename Call>
+std::string Outcome(Call&& call) {
+    try {
+        const std::optional<node> got = call();
+        if (!got) return "none";
+        return "node " + std::to_string(got->get_id()) + " data " + std::to_string(got->get_data_id()) +
+               " size " + std::to_string(got->size());
+    } catch (const key_not_found<node_id>&) {
+        return "none";  // where lookup throws this, find must give nothing
+    } catch (const std::exception& e) {
+        return std::string(typeid(e).name()) + ": " + e.what();
+    }
+}
+
+TEST(NdbNode, FindGivesNothingExactlyWhereLookupThrowsKeyNotFound) {
+    // A two-level subnode tree, a node without one, and one whose subnode block is missing from the
+    // block B-tree: that is damage, and find must throw it as lookup does rather than answer "absent".
+    PstDescription d;
+    d.subnode_fanout = 4;
+    d.nodes.push_back(NodeWithSubnodes(0x24, 50));
+    d.nodes.push_back({.id = 0x44, .parent = 0x122, .data = ToBytes("bare")});
+    d.nodes.push_back({.id = 0x64, .parent = 0x122, .data = ToBytes("lost"), .subnode_bid = 0x2002});
+    TempPstFile file(WritePst(d).bytes);
+    auto db = open_database(file.path());
+    const node_id ids[] = {0, 0x1F, 0x20, 0x3F, 0x5F, 0x1F + 0x20 * 25, 0x1F + 0x20 * 49, 0x1F + 0x20 * 50,
+                           0x671, 0xFFFFFFFF};
+    size_t found = 0;
+    for (node_id container : {0x24u, 0x44u, 0x64u}) {
+        const node n = db->lookup_node(container);
+        for (node_id id : ids) {
+            SCOPED_TRACE("container " + std::to_string(container) + " id " + std::to_string(id));
+            const std::string expected = Outcome([&] { return std::optional<node>(n.lookup(id)); });
+            EXPECT_EQ(Outcome([&] { return n.find(id); }), expected);
+            found += expected.starts_with("node ");
+        }
+    }
+    EXPECT_EQ(found, 5u);  // the five ids of 0x24's own tree
+    EXPECT_NE(Outcome([&] { return db->lookup_node(0x64).find(0x1F); }), "none");
 }
 
 TEST(NdbNode, IntermediateSubnodeMissBelowFirstKeyLoadsNoChild) {
