@@ -3,7 +3,8 @@
 // script runs of text.
 //
 // All state is process-wide and guarded by one mutex: the filter is single-threaded per call, but hosts
-// and tests may run several calls side by side.
+// and tests may run several calls side by side. The table of open files has a reader-writer lock of its
+// own, so that reads and seeks on several threads (each on a handle of its own) do not queue on one lock.
 #include "kernel/tarnkrn.h"
 
 #include <fcntl.h>
@@ -14,6 +15,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +24,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -268,6 +271,9 @@ struct Kernel {
     std::mutex mutex;
     std::unordered_map<void*, Allocation> allocations;
     std::map<std::pair<int32_t, const void*>, Origin> objects;
+    // Guards `files` alone, taken after `mutex` where both are held: reads and seeks of several
+    // threads look their files up at once, and take `mutex` only while a fault is armed.
+    std::shared_mutex files_mutex;
     std::map<krn_handle, std::shared_ptr<OpenFile>> files;
     std::set<std::string> temp_files;
     krn_handle next_handle = 3;
@@ -280,6 +286,7 @@ struct Kernel {
 
     Fault fail_allocation;
     Fault fail_open, fail_seek, fail_read, fail_write;
+    std::atomic<bool> io_faults{false};  // a seek or read fault may be armed
 
     std::map<krn_font, std::unique_ptr<krn_font_object>> fonts;
     std::map<krn_dc, std::unique_ptr<krn_dc_object>> dcs;
@@ -340,19 +347,19 @@ bool JoinsAnyRun(UScriptCode script) { return script == USCRIPT_COMMON || script
 
 // The file behind a handle, or null.
 std::shared_ptr<OpenFile> FindFile(Kernel& k, krn_handle handle) {
+    std::shared_lock lock(k.files_mutex);
     auto it = k.files.find(handle);
     return it == k.files.end() ? nullptr : it->second;
 }
 
 int32_t ReadCommon(krn_handle handle, void* buffer, int32_t count) {
-    std::shared_ptr<OpenFile> file;
-    {
-        Kernel& k = K();
+    Kernel& k = K();
+    if (k.io_faults.load(std::memory_order_acquire)) {
         std::lock_guard lock(k.mutex);
         if (k.fail_read.Fire()) return -1;
-        file = FindFile(k, handle);
-        if (file == nullptr || buffer == nullptr || count < 0) return -1;
     }
+    const std::shared_ptr<OpenFile> file = FindFile(k, handle);
+    if (file == nullptr || buffer == nullptr || count < 0) return -1;
     auto* out = static_cast<unsigned char*>(buffer);
     if (count == 0) return 0;
     if (!file->buffered)
@@ -394,6 +401,7 @@ krn_handle krnOpenFile(const char16_t* name, int32_t /*mode*/, int32_t /*share*/
     auto file = std::make_shared<OpenFile>(fd, std::move(path), false, S_ISREG(st.st_mode) != 0,
                                            static_cast<int64_t>(st.st_size));
     std::lock_guard lock(k.mutex);
+    std::unique_lock files(k.files_mutex);
     krn_handle handle = k.next_handle++;
     k.files[handle] = std::move(file);
     return handle;
@@ -402,19 +410,19 @@ krn_handle krnOpenFile(const char16_t* name, int32_t /*mode*/, int32_t /*share*/
 void krnCloseFile(krn_handle handle) {
     Kernel& k = K();
     std::lock_guard lock(k.mutex);
+    std::unique_lock files(k.files_mutex);
     // The descriptor closes with the last user of the file.
     k.files.erase(handle);
 }
 
 int64_t krnSeekFile(krn_handle handle, int32_t offset_low, int32_t offset_high, int32_t origin) {
-    std::shared_ptr<OpenFile> file;
-    {
-        Kernel& k = K();
+    Kernel& k = K();
+    if (k.io_faults.load(std::memory_order_acquire)) {
         std::lock_guard lock(k.mutex);
         if (k.fail_seek.Fire()) return -1;
-        file = FindFile(k, handle);
-        if (file == nullptr) return -1;
     }
+    const std::shared_ptr<OpenFile> file = FindFile(k, handle);
+    if (file == nullptr) return -1;
     int whence = origin == KRN_SEEK_START     ? SEEK_SET
                  : origin == KRN_SEEK_CURRENT ? SEEK_CUR
                  : origin == KRN_SEEK_END     ? SEEK_END
@@ -450,6 +458,7 @@ krn_handle krnCreateFile(const char16_t* path, int32_t /*flags*/) {
     int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) return KRN_NO_HANDLE;
     std::lock_guard lock(k.mutex);
+    std::unique_lock files(k.files_mutex);
     krn_handle handle = k.next_handle++;
     k.files[handle] = std::make_shared<OpenFile>(fd, std::move(name), true, false, 0);
     return handle;
@@ -481,6 +490,7 @@ int32_t krnWriteFile(krn_handle handle, const void* bytes, int32_t count, int32_
 int32_t krnCloseCreatedFile(krn_handle handle, int32_t /*flags*/) {
     Kernel& k = K();
     std::lock_guard lock(k.mutex);
+    std::unique_lock files(k.files_mutex);
     auto it = k.files.find(handle);
     if (it == k.files.end()) return kStatusBadArgument;
     // Closed here rather than by the last user, so that the caller learns whether the close worked.
@@ -740,9 +750,11 @@ void krnctlFailFileOperation(int32_t operation, uint32_t nth) {
             break;
         case KRNCTL_SEEK:
             k.fail_seek.countdown = nth;
+            k.io_faults = k.io_faults || nth != 0;
             break;
         case KRNCTL_READ:
             k.fail_read.countdown = nth;
+            k.io_faults = k.io_faults || nth != 0;
             break;
         case KRNCTL_WRITE:
             k.fail_write.countdown = nth;
@@ -759,6 +771,7 @@ void krnctlReset(void) {
     k.language = LanguageFromEnvironment();
     k.account_ceiling = 0;
     k.fail_allocation = k.fail_open = k.fail_seek = k.fail_read = k.fail_write = Fault{};
+    k.io_faults = false;
 }
 
 size_t krnctlOutstandingAllocations(void) {
@@ -789,6 +802,7 @@ size_t krnctlLeakReport(char* out, size_t capacity) {
                           origin.file.c_str(), origin.line);
             report += line;
         }
+        std::shared_lock files(k.files_mutex);
         for (const auto& [handle, file] : k.files) {
             report += "file handle " + std::to_string(handle) + " still open: " + file->path + "\n";
         }

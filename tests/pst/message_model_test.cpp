@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "store/ltp/property_bag.h"
 #include "common/little_endian.h"
+#include "store/ltp/property_bag.h"
 #include "store/ndb/database.h"
 #include "store/ndb/errors.h"
 #include "tests/pst/store_fixture.h"

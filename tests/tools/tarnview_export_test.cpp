@@ -230,55 +230,60 @@ TEST(TarnviewExport, ADamagedStoreExportsWhatItCanAndTheManifestNamesEachFailure
     const fs::path path = dir.Write("damaged.pst", image.bytes);
     const std::u16string wide = Wide(path);
 
-    const Exported exported = RunExport(dir.path() / "out", {path.string()});
-    EXPECT_EQ(exported.exit_status, 1);
-    ASSERT_EQ(exported.rows.size(), 7u) << exported.errors;
+    // On one thread, and with workers that read the messages while the calling thread writes.
+    for (const std::string jobs : {"1", "3"}) {
+        SCOPED_TRACE("--jobs " + jobs);
+        const fs::path out = dir.path() / ("out-" + jobs);
+        const Exported exported = RunExport(out, {path.string(), "--jobs", jobs});
+        EXPECT_EQ(exported.exit_status, 1);
+        ASSERT_EQ(exported.rows.size(), 7u) << exported.errors;
 
-    const int32_t rtf_status = LoadMessage(wide, 2).status;
-    ASSERT_LT(rtf_status, 1);
-    struct Expected {
-        std::string subject;
-        std::optional<std::string> index;
-        std::optional<std::string> status;
-        bool exported;
-        bool error;
-        bool reaches;
-        uint32_t node;
-    };
-    const std::string walk_end = std::to_string(rtf_status);
-    const Expected expected[] = {
-        {"a1", "1", "1", true, false, true, map.messages[0][0]},
-        {"a2", "2", walk_end, false, true, true, map.messages[0][1]},
-        {"a3", "3", "1", true, false, false, map.messages[0][2]},
-        {"b1", "4", "1", true, false, false, map.messages[1][0]},
-        {"", std::nullopt, std::nullopt, false, true, false, map.messages[1][1]},
-        {"", std::nullopt, std::nullopt, false, true, false, map.messages[1][2]},
-        {"c1", "5", "-9", true, false, false, map.messages[2][0]},
-    };
-    for (size_t i = 0; i < std::size(expected); ++i) {
-        SCOPED_TRACE("row " + std::to_string(i));
-        const auto& row = exported.rows[i];
-        const Expected& e = expected[i];
-        if (!e.subject.empty()) {
-            EXPECT_EQ(Get(row, "subject"), e.subject);
+        const int32_t rtf_status = LoadMessage(wide, 2).status;
+        ASSERT_LT(rtf_status, 1);
+        struct Expected {
+            std::string subject;
+            std::optional<std::string> index;
+            std::optional<std::string> status;
+            bool exported;
+            bool error;
+            bool reaches;
+            uint32_t node;
+        };
+        const std::string walk_end = std::to_string(rtf_status);
+        const Expected expected[] = {
+            {"a1", "1", "1", true, false, true, map.messages[0][0]},
+            {"a2", "2", walk_end, false, true, true, map.messages[0][1]},
+            {"a3", "3", "1", true, false, false, map.messages[0][2]},
+            {"b1", "4", "1", true, false, false, map.messages[1][0]},
+            {"", std::nullopt, std::nullopt, false, true, false, map.messages[1][1]},
+            {"", std::nullopt, std::nullopt, false, true, false, map.messages[1][2]},
+            {"c1", "5", "-9", true, false, false, map.messages[2][0]},
+        };
+        for (size_t i = 0; i < std::size(expected); ++i) {
+            SCOPED_TRACE("row " + std::to_string(i));
+            const auto& row = exported.rows[i];
+            const Expected& e = expected[i];
+            if (!e.subject.empty()) {
+                EXPECT_EQ(Get(row, "subject"), e.subject);
+            }
+            EXPECT_EQ(Get(row, "index"), e.index);
+            EXPECT_EQ(Get(row, "status"), e.status);
+            EXPECT_EQ(Get(row, "exported"), e.exported ? "true" : "false");
+            EXPECT_EQ(Get(row, "error").has_value(), e.error) << Get(row, "error").value_or("");
+            EXPECT_EQ(Get(row, "filter_reaches"), e.reaches ? "true" : "false");
+            EXPECT_EQ(Get(row, "node_id"), std::to_string(e.node));
         }
-        EXPECT_EQ(Get(row, "index"), e.index);
-        EXPECT_EQ(Get(row, "status"), e.status);
-        EXPECT_EQ(Get(row, "exported"), e.exported ? "true" : "false");
-        EXPECT_EQ(Get(row, "error").has_value(), e.error) << Get(row, "error").value_or("");
-        EXPECT_EQ(Get(row, "filter_reaches"), e.reaches ? "true" : "false");
-        EXPECT_EQ(Get(row, "node_id"), std::to_string(e.node));
+        EXPECT_EQ(Get(exported.rows[4], "error"), "invalid heap_sig");
+        EXPECT_EQ(Get(exported.rows[4], "folder"), "Top of Personal Folders/Archive");
+        // Past the failing message the entry points give its status for every number.
+        EXPECT_EQ(Get(exported.rows[2], "filter_status"), walk_end);
+        EXPECT_EQ(LoadMessage(wide, 3).status, rtf_status);
+        // The message with only a text body is the plain-text document the filter makes with the flag.
+        EXPECT_EQ(Get(exported.rows[6], "text_fallback"), "true");
+        EXPECT_EQ(Get(exported.rows[6], "format"), "316");
+        const std::string text = ReadAll(out / *Get(exported.rows[6], "file"));
+        EXPECT_EQ(text.substr(0, 2), "\xFF\xFE");
     }
-    EXPECT_EQ(Get(exported.rows[4], "error"), "invalid heap_sig");
-    EXPECT_EQ(Get(exported.rows[4], "folder"), "Top of Personal Folders/Archive");
-    // Past the failing message the entry points give its status for every number.
-    EXPECT_EQ(Get(exported.rows[2], "filter_status"), walk_end);
-    EXPECT_EQ(LoadMessage(wide, 3).status, rtf_status);
-    // The message with only a text body is the plain-text document the filter makes with the flag.
-    EXPECT_EQ(Get(exported.rows[6], "text_fallback"), "true");
-    EXPECT_EQ(Get(exported.rows[6], "format"), "316");
-    const std::string text = ReadAll(dir.path() / "out" / *Get(exported.rows[6], "file"));
-    EXPECT_EQ(text.substr(0, 2), "\xFF\xFE");
 }
 
 // Every entry under `root`, recursively, without following links.

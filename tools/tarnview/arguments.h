@@ -43,8 +43,8 @@ std::optional<ParsedArguments> ParseArguments(const Args& args, const ArgumentSp
 std::optional<int32_t> MessageNumber(const ParsedArguments& parsed, const char* command,
                                      int32_t fallback = 1);
 
-// The value of --jobs, the number of threads that read messages (1 to 64; `fallback` when absent), or
-// nothing after printing the reason.
+// The value of --jobs, the number of threads that work, the calling thread included (1 to 64; `fallback`
+// when absent), or nothing after printing the reason.
 std::optional<unsigned> JobCount(const ParsedArguments& parsed, const char* command, unsigned fallback);
 
 }  // namespace tarnview

@@ -23,8 +23,8 @@
 #include <memory>
 #include <optional>
 #include <set>
-#include <stdexcept>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -79,7 +79,8 @@ struct Options {
 };
 
 std::optional<Options> Parse(const Args& args) {
-    ArgumentSpec spec{"export", {"--text", "--attachments", "--force"}, {"-o", "--lang", "--jobs"}, {"SOURCE"}, {}};
+    ArgumentSpec spec{
+        "export", {"--text", "--attachments", "--force"}, {"-o", "--lang", "--jobs"}, {"SOURCE"}, {}};
     spec.repeat_last = true;
     const auto parsed = ParseArguments(args, spec);
     if (!parsed) return std::nullopt;
@@ -89,9 +90,10 @@ std::optional<Options> Parse(const Args& args) {
         return std::nullopt;
     }
     if (!ApplyLanguage(*parsed, "export")) return std::nullopt;
-    const std::optional<unsigned> jobs = JobCount(*parsed, "export", DefaultJobs());
+    const std::optional<unsigned> jobs =
+        JobCount(*parsed, "export", DefaultJobs(/*calling_thread_waits=*/false));
     if (!jobs) return std::nullopt;
-    return Options{parsed->positional, *out, parsed->Has("--text"), parsed->Has("--attachments"),
+    return Options{parsed->positional,     *out, parsed->Has("--text"), parsed->Has("--attachments"),
                    parsed->Has("--force"), *jobs};
 }
 
@@ -197,7 +199,7 @@ class OutputTree {
     fs::path root_;
     bool force_;
     std::set<std::string> made_;
-    fs::path folder_;                     // the folder the descriptor below is open on, relative to DIR
+    fs::path folder_;  // the folder the descriptor below is open on, relative to DIR
     std::optional<Descriptor> folder_fd_;
 };
 

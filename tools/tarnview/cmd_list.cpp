@@ -13,14 +13,14 @@
 #include <string>
 #include <vector>
 
+#include "common/little_endian.h"
+#include "common/status.h"
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn_control.h"
 #include "pst/composer.h"
 #include "pst/message_model.h"
 #include "pst/message_walk.h"
 #include "pst/render/header_labels.h"
-#include "common/little_endian.h"
-#include "common/status.h"
 #include "store/ltp/property_bag.h"
 #include "store/ndb/database.h"
 #include "tools/tarnview/arguments.h"
@@ -41,7 +41,8 @@ struct Options {
 std::optional<Options> Parse(const Args& args) {
     const auto parsed = ParseArguments(args, {"list", {"--json"}, {"--jobs"}, {"FILE"}, {}});
     if (!parsed) return std::nullopt;
-    const std::optional<unsigned> jobs = JobCount(*parsed, "list", DefaultJobs());
+    const std::optional<unsigned> jobs =
+        JobCount(*parsed, "list", DefaultJobs(/*calling_thread_waits=*/true));
     if (!jobs) return std::nullopt;
     return Options{parsed->positional[0], parsed->Has("--json"), *jobs};
 }
@@ -58,7 +59,6 @@ struct Fields {
     std::string bcc;
     std::string importance;
 };
-
 
 std::string Text(const tarn::CountedString& s) { return std::string(s.text()); }
 

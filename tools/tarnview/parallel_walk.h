@@ -52,11 +52,16 @@ struct WalkSettings {
     size_t messages_per_reader = 512;
 };
 
-// Threads that read messages on this machine: one per core, at most four.
-inline unsigned DefaultJobs() { return std::clamp(std::thread::hardware_concurrency(), 1u, 4u); }
+// Jobs are the threads that work, the calling thread included: with one it reads every message itself;
+// with N, N - 1 workers read them while the calling thread hands out chunks and writes what they give.
+inline unsigned WorkersFor(unsigned jobs) { return jobs <= 1 ? 0 : jobs - 1; }
 
-// One job reads on the calling thread; more get workers of their own while the calling thread writes.
-inline unsigned WorkersFor(unsigned jobs) { return jobs <= 1 ? 0 : jobs; }
+// One job per core (at most four) where the calling thread's writing is a thread's work of its own (the
+// export's files); one more where it mostly waits for the workers (the list's lines).
+inline unsigned DefaultJobs(bool calling_thread_waits) {
+    const unsigned cores = std::clamp(std::thread::hardware_concurrency(), 1u, 4u);
+    return calling_thread_waits ? cores + 1 : cores;
+}
 
 // Result: what `work` makes of one message, movable. `work` runs on a worker (or the calling thread
 // without workers) and may throw a store error, which ends the folder at that row. `weigh` gives the

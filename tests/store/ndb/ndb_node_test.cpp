@@ -4,8 +4,8 @@
 
 #include <functional>
 #include <optional>
-#include <typeinfo>
 #include <string>
+#include <typeinfo>
 
 #include "kernel/tarnkrn_control.h"
 #include "store/ndb/database.h"
@@ -138,8 +138,8 @@ TEST(NdbNode, FindGivesNothingExactlyWhereLookupThrowsKeyNotFound) {
     d.nodes.push_back({.id = 0x64, .parent = 0x122, .data = ToBytes("lost"), .subnode_bid = 0x2002});
     TempPstFile file(WritePst(d).bytes);
     auto db = open_database(file.path());
-    const node_id ids[] = {0, 0x1F, 0x20, 0x3F, 0x5F, 0x1F + 0x20 * 25, 0x1F + 0x20 * 49, 0x1F + 0x20 * 50,
-                           0x671, 0xFFFFFFFF};
+    const node_id ids[] = {
+        0, 0x1F, 0x20, 0x3F, 0x5F, 0x1F + 0x20 * 25, 0x1F + 0x20 * 49, 0x1F + 0x20 * 50, 0x671, 0xFFFFFFFF};
     size_t found = 0;
     for (node_id container : {0x24u, 0x44u, 0x64u}) {
         const node n = db->lookup_node(container);
