@@ -12,10 +12,6 @@
 namespace tarn {
 namespace {
 
-bool IsNormalFolder(ndb::node_id id) { return (id & kNidTypeMask) == kNidTypeNormalFolder; }
-
-ndb::node_id ContentsTableOf(ndb::node_id folder) { return (folder & ~kNidTypeMask) | kNidTypeContentsTable; }
-
 // The messages of one folder. Errors propagate to WalkMessages, which ends the folder there.
 int32_t WalkFolder(const ndb::db_ptr& db, ndb::node_id folder, const MessageVisitor& visit) {
     const ltp::table contents(db->lookup_node(ContentsTableOf(folder)));

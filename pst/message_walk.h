@@ -20,6 +20,12 @@ namespace tarn {
 constexpr uint32_t kNidTypeMask = 0x1F;
 constexpr uint32_t kNidTypeNormalFolder = 0x02;
 constexpr uint32_t kNidTypeContentsTable = 0x0E;
+
+inline bool IsNormalFolder(ndb::node_id id) { return (id & kNidTypeMask) == kNidTypeNormalFolder; }
+// The contents table that belongs to a folder: the same index, the table's type.
+inline ndb::node_id ContentsTableOf(ndb::node_id folder) {
+    return (folder & ~kNidTypeMask) | kNidTypeContentsTable;
+}
 constexpr ltp::prop_id kPropDisplayName = 0x3001;
 constexpr ltp::prop_id kPropContentCount = 0x3602;
 

@@ -520,10 +520,9 @@ class StoreExport {
         int64_t total = 0;
         try {
             for (const tarn::ndb::node_info& info : tarn::ndb::page_range(db_->read_nbt_root())) {
-                if ((info.id & tarn::kNidTypeMask) != tarn::kNidTypeNormalFolder) continue;
+                if (!tarn::IsNormalFolder(info.id)) continue;
                 try {
-                    const node_id contents = (info.id & ~tarn::kNidTypeMask) | tarn::kNidTypeContentsTable;
-                    total += tarn::ltp::table(db_->lookup_node(contents)).size();
+                    total += tarn::ltp::table(db_->lookup_node(tarn::ContentsTableOf(info.id))).size();
                 } catch (const std::exception&) {
                     // The walk meets this folder's damage itself; the estimate goes without it.
                 }
@@ -795,8 +794,7 @@ class StoreExport {
         row.filter_note = "the filter's walk leaves the rest of this folder";
         std::optional<tarn::ltp::table> contents;
         try {
-            contents.emplace(
-                db_->lookup_node((*failure.folder & ~tarn::kNidTypeMask) | tarn::kNidTypeContentsTable));
+            contents.emplace(db_->lookup_node(tarn::ContentsTableOf(*failure.folder)));
         } catch (const std::exception&) {
         }
         if (!contents || first >= contents->size()) {

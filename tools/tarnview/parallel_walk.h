@@ -175,7 +175,6 @@ class ParallelWalk {
 
   private:
     struct Chunk {
-        uint64_t sequence = 0;
         std::optional<tarn::ndb::node_id> folder;
         uint32_t first_row = 0;
         std::vector<tarn::ndb::node_id> messages;  // the rows' message node ids, in order
@@ -197,7 +196,6 @@ class ParallelWalk {
 
         std::unique_ptr<Chunk> Next() {
             auto chunk = std::make_unique<Chunk>();
-            chunk->sequence = sequence_++;
             try {
                 if (!started_) {
                     started_ = true;
@@ -212,14 +210,13 @@ class ParallelWalk {
                     }
                     const tarn::ndb::node_id id = at_->id;
                     ++at_;
-                    if ((id & tarn::kNidTypeMask) != tarn::kNidTypeNormalFolder) continue;
+                    if (!tarn::IsNormalFolder(id)) continue;
                     folder_ = id;
                     row_ = 0;
                     chunk->folder = id;
                     chunk->first_row = 0;
                     try {
-                        contents_.emplace(
-                            db_->lookup_node((id & ~tarn::kNidTypeMask) | tarn::kNidTypeContentsTable));
+                        contents_.emplace(db_->lookup_node(tarn::ContentsTableOf(id)));
                     } catch (const std::exception& e) {
                         chunk->failure = RowFailure{id, 0, e.what()};
                         return chunk;
@@ -261,7 +258,6 @@ class ParallelWalk {
         std::optional<tarn::ltp::table> contents_;
         tarn::ndb::node_id folder_ = 0;
         uint32_t row_ = 0;
-        uint64_t sequence_ = 0;
     };
 
     struct Reader {
@@ -276,8 +272,7 @@ class ParallelWalk {
         if (reader.db == nullptr || reader.messages >= settings_.messages_per_reader) {
             reader.messages = 0;
             try {
-                tarn::ndb::db_ptr fresh = open_();
-                reader.db = std::move(fresh);
+                reader.db = open_();
             } catch (const std::exception&) {
                 if (reader.db == nullptr) reader.db = fallback;
             }
@@ -289,22 +284,21 @@ class ParallelWalk {
     // Reads the chunk's messages until one throws; that row ends the folder.
     void Process(const tarn::ndb::db_ptr& db, Chunk& chunk) {
         size_t bytes = 0;
-        if (!chunk.failure || !chunk.messages.empty()) {
-            std::optional<RowFailure> planned = std::move(chunk.failure);
-            chunk.failure.reset();
-            for (size_t i = 0; i < chunk.messages.size(); ++i) {
-                try {
-                    tarn::PstMessage message(db->lookup_node(chunk.messages[i]));
-                    chunk.results.push_back(work_(*chunk.folder, message));
-                    bytes += weigh_(chunk.results.back());
-                } catch (const std::exception& e) {
-                    chunk.failure =
-                        RowFailure{chunk.folder, chunk.first_row + static_cast<uint32_t>(i), e.what()};
-                    break;
-                }
+        // A worker's failure comes before the planner's, which lies after the rows it read.
+        std::optional<RowFailure> planned = std::move(chunk.failure);
+        chunk.failure.reset();
+        for (size_t i = 0; i < chunk.messages.size(); ++i) {
+            try {
+                tarn::PstMessage message(db->lookup_node(chunk.messages[i]));
+                chunk.results.push_back(work_(*chunk.folder, message));
+                bytes += weigh_(chunk.results.back());
+            } catch (const std::exception& e) {
+                chunk.failure =
+                    RowFailure{chunk.folder, chunk.first_row + static_cast<uint32_t>(i), e.what()};
+                break;
             }
-            if (!chunk.failure) chunk.failure = std::move(planned);
         }
+        if (!chunk.failure) chunk.failure = std::move(planned);
         std::lock_guard lock(mutex_);
         chunk.bytes = bytes;
         chunk.done = true;
