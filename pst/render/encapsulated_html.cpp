@@ -100,11 +100,12 @@ class Deencapsulator {
     // of two entries with one number the first counts, as in FontByNumber.
     int32_t FontTable(size_t& p) {
         const char* position = in_.data() + p;
-        const int32_t status = ParseFontTable(fonts_, position, in_.data() + in_.size());
+        RtfFontTable fonts;
+        const int32_t status = ParseFontTable(fonts, position, in_.data() + in_.size());
         if (status != kStatusOk) return status;
         p = static_cast<size_t>(position - in_.data());
         font_code_pages_.clear();
-        for (const RtfFont& font : fonts_.entries())
+        for (const RtfFont& font : fonts.entries())
             font_code_pages_.emplace(font.number, static_cast<int32_t>(font.code_page));
         return kStatusOk;
     }
@@ -396,7 +397,6 @@ class Deencapsulator {
     GrowBuffer& out_;
     size_t pos_ = 0;
     int32_t status_ = kStatusOk;
-    RtfFontTable fonts_;
     std::unordered_map<int32_t, int32_t> font_code_pages_;
     int32_t document_code_page_ = kUnset;
     int32_t language_code_page_ = kUnset;

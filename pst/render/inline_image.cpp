@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "common/status.h"
+#include "pst/render/mime_decode.h"
 #include "pst/render/text_search.h"
 
 namespace tarn {
@@ -24,8 +25,6 @@ constexpr size_t kCharacterReferenceReach = 5;
 // The largest document that inlining may produce. Each use of a reference takes the image's whole
 // encoding, so a small body that names a large image many times would otherwise ask for gigabytes.
 constexpr size_t kMaxInlinedDocumentBytes = 64u << 20;
-
-constexpr char kBase64Alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 // The span of text that one use of the reference gives way to: the whole quoted attribute value around
 // it, the quotes themselves kept.

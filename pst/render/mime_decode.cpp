@@ -14,9 +14,8 @@ namespace {
 constexpr std::array<int8_t, 256> kBase64Values = [] {
     std::array<int8_t, 256> values{};
     values.fill(-2);
-    constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    for (size_t i = 0; i < kAlphabet.size(); ++i)
-        values[static_cast<unsigned char>(kAlphabet[i])] = static_cast<int8_t>(i);
+    for (size_t i = 0; i < kBase64Alphabet.size(); ++i)
+        values[static_cast<unsigned char>(kBase64Alphabet[i])] = static_cast<int8_t>(i);
     values['='] = -1;
     return values;
 }();

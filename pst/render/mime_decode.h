@@ -11,6 +11,9 @@
 
 namespace tarn {
 
+inline constexpr std::string_view kBase64Alphabet =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
 // Appends the quoted-printable text `in`, decoded, to `*out`: "=" and CR LF is a soft line break and
 // is dropped; "=" and two hex digits (either case) is that byte; any other "=" is copied as it is, and
 // so is every other byte, except that with `underscore_is_space` "_" becomes a space. A soft break of a

@@ -11,8 +11,6 @@
 namespace tarn {
 namespace {
 
-// The file, read whole, with room for one more byte; the toolkit measures in signed 32 bits.
-constexpr int64_t kMaxMessageBytes = 0x7FFFFFFF;
 constexpr size_t kBodyGrowthStep = 1024;
 
 struct TypeName {
@@ -379,19 +377,20 @@ int32_t ReadEmlMessage(krn_handle handle, MessageDocument& record, int32_t* body
                        const MimeReadOptions& options) {
     const int64_t size = krnSeekFile(handle, 0, 0, KRN_SEEK_END);
     if (size < 0) return kStatusNoPosition;
-    if (size > kMaxMessageBytes) return kStatusFileTooLarge;
+    if (size > static_cast<int64_t>(kMaxBufferBytes)) return kStatusFileTooLarge;
     if (krnSeekFile(handle, 0, 0, KRN_SEEK_START) != 0) return kStatusNoPosition;
 
+    // The file, read whole, with room for one more byte; the toolkit measures in signed 32 bits.
     GrowBuffer file;
     if (const int32_t status = file.Init(static_cast<size_t>(size) + 1, 0); status != kStatusOk)
         return status;
     // The size is what the file holds now: a read that falls short of it is a short read, not the end.
-    int64_t done = 0;
-    while (done < size) {
-        const int32_t got = krnReadFile(handle, file.data() + done, static_cast<int32_t>(size - done));
-        if (got <= 0) return kStatusShortRead;
-        done += got;
-    }
+    const auto read = [handle](char* into, size_t count) {
+        const int32_t got = krnReadFile(handle, into, static_cast<int32_t>(count));
+        return got > 0 ? static_cast<size_t>(got) : size_t{0};
+    };
+    if (const int32_t status = AppendFromReader(read, static_cast<uint64_t>(size), file); status != kStatusOk)
+        return status;
     return ReadEmlBytes(
         std::string_view(reinterpret_cast<const char*>(file.data()), static_cast<size_t>(size)), record,
         body_format, options);

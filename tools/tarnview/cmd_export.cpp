@@ -20,10 +20,8 @@
 #include <fstream>
 #include <functional>
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -115,8 +113,6 @@ std::string Hex(uint32_t id) {
 class OutputTree {
   public:
     OutputTree(fs::path root, bool force) : root_(std::move(root)), force_(force) {}
-
-    const fs::path& root() const { return root_; }
 
     // Creates DIR/`dir` and the folders above it; an empty string, or the reason.
     std::string MakeDirectory(const fs::path& dir) {
@@ -235,20 +231,7 @@ struct Row {
     std::vector<AttachmentRow> attachments;
 };
 
-void WriteOptional(JsonWriter& json, std::string_view key, const std::optional<std::string>& value) {
-    json.Key(key);
-    if (value)
-        json.Value(*value);
-    else
-        json.Null();
-}
-void WriteOptional(JsonWriter& json, std::string_view key, const std::optional<int32_t>& value) {
-    json.Key(key);
-    if (value)
-        json.Value(*value);
-    else
-        json.Null();
-}
+// Empty text is written as null.
 void WriteOptional(JsonWriter& json, std::string_view key, const std::string& value) {
     json.Key(key);
     if (!value.empty())
@@ -265,24 +248,17 @@ class Manifest {
         JsonWriter json(out_);
         json.BeginObject();
         json.Field("source", row.source);
-        WriteOptional(json, "index", row.index);
+        json.Field("index", row.index);
         json.Field("folder", row.folder);
-        json.Key("node_id");
-        if (row.node)
-            json.Value(*row.node);
-        else
-            json.Null();
-        WriteOptional(json, "subject", row.subject);
-        WriteOptional(json, "sender", row.sender);
-        WriteOptional(json, "sent", row.sent);
-        WriteOptional(json, "format", row.format);
+        json.Field("node_id", row.node).Field("subject", row.subject).Field("sender", row.sender);
+        json.Field("sent", row.sent).Field("format", row.format);
         json.Field("bytes", static_cast<uint64_t>(row.bytes));
         WriteOptional(json, "file", row.file);
-        WriteOptional(json, "status", row.status);
+        json.Field("status", row.status);
         json.Field("exported", row.exported).Field("text_fallback", row.text_fallback);
         WriteOptional(json, "error", row.error);
         json.Field("filter_reaches", row.filter_reaches);
-        WriteOptional(json, "filter_status", row.filter_status);
+        json.Field("filter_status", row.filter_status);
         WriteOptional(json, "filter_note", row.filter_note);
         json.Key("attachments").BeginArray();
         for (const AttachmentRow& a : row.attachments) {
@@ -290,7 +266,7 @@ class Manifest {
             WriteOptional(json, "file", a.file);
             json.Field("bytes", static_cast<uint64_t>(a.bytes)).Field("embedded", a.embedded);
             json.Field("depth", a.depth);
-            WriteOptional(json, "status", a.status);
+            json.Field("status", a.status);
             WriteOptional(json, "error", a.error);
             json.EndObject();
         }
@@ -358,7 +334,6 @@ struct Composed {
     bool text_fallback = false;
     bool has_document = false;
     int32_t format = 0;
-    std::string error;
 };
 
 // Composes `message` as the filter composes its target and assembles the document into `record`.
@@ -427,18 +402,20 @@ ComposedMessage ComposeForExport(tarn::PstMessage& message, bool text) {
             return kDefaultCodePage;
         }
     }();
+    std::u16string subject;
     try {
-        if (tarn::ReadSubject(properties) == tarn::kLocalFreebusySubject) {
-            out.skipped = true;
-            return out;
-        }
+        subject = tarn::ReadSubject(properties);
     } catch (const std::exception& e) {
         // It ends the folder once the calling thread has taken the message's code page.
         out.unreadable_subject = e.what();
         return out;
     }
+    if (subject == tarn::kLocalFreebusySubject) {
+        out.skipped = true;
+        return out;
+    }
     out.node = properties.get_node().get_id();
-    out.subject = Quietly([&] { return std::optional(SubjectText(properties, out.code_page)); });
+    out.subject = Quietly([&] { return std::optional(SubjectText(properties, out.code_page, subject)); });
     out.sender = Quietly([&] { return ReadText(properties, tarn::kPropSenderName, out.code_page); });
     out.sent = Quietly([&] { return SentTimeUtc(properties); });
     out.record.reset(tarn::NewFilterData());
@@ -469,7 +446,7 @@ class StoreExport {
           manifest_(manifest),
           progress_(progress) {}
 
-    // False when the store cannot be opened (reported on the manifest and stderr).
+    // A store that cannot be opened gets one manifest line.
     void Run() {
         try {
             db_ = tarn::ndb::open_database(tarn::host::WideFromUtf8(source_));
@@ -535,7 +512,8 @@ class StoreExport {
     std::string FolderName(node_id id) {
         try {
             const tarn::ltp::property_bag bag(db_->lookup_node(id));
-            if (std::optional<std::string> name = ReadText(bag, tarn::kPropDisplayName, store_code_page_))
+            if (std::optional<std::string> name =
+                    ReadText(bag, tarn::kPropDisplayName, store_code_page_.value_or(kDefaultCodePage)))
                 return *name;
         } catch (const std::exception&) {
         }
@@ -579,10 +557,7 @@ class StoreExport {
     void Visit(node_id folder_id, ComposedMessage& message) {
         // Folders carry no code page of their own; a store is written by one client in one page, which
         // its first message names.
-        if (!store_code_page_known_) {
-            store_code_page_known_ = true;
-            store_code_page_ = message.code_page;
-        }
+        if (!store_code_page_) store_code_page_ = message.code_page;
         if (message.unreadable_subject) throw std::runtime_error(*message.unreadable_subject);
         if (message.skipped) return;
 
@@ -822,8 +797,7 @@ class StoreExport {
     std::map<node_id, Folder> folders_;
 
     int32_t running_ = 0;
-    uint32_t store_code_page_ = kDefaultCodePage;
-    bool store_code_page_known_ = false;
+    std::optional<uint32_t> store_code_page_;  // the first message's
     int64_t filter_count_ = 0;
     std::string count_note_;
     std::optional<int32_t> count_status_;

@@ -74,9 +74,7 @@ Fields ReadFields(const tarn::ltp::property_bag& message) {
     // People read the 8-bit strings of an ANSI store in the message's own code page; the filter's
     // documents keep their byte-by-byte reading.
     out.code_page = StringCodePage(message);
-    const bool eight_bit = message.prop_exists(tarn::kPropSubject) &&
-                           message.get_prop_type(tarn::kPropSubject) == tarn::ltp::kPropTypeString8;
-    out.subject = eight_bit ? SubjectText(message, out.code_page) : Utf8Text(subject);
+    out.subject = SubjectText(message, out.code_page, subject);
     const auto text = [&](tarn::ltp::prop_id id) {
         return ReadText(message, id, out.code_page).value_or(std::string());
     };

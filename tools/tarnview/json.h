@@ -4,6 +4,7 @@
 #define TARN_TOOLS_TARNVIEW_JSON_H_
 
 #include <cstdint>
+#include <optional>
 #include <ostream>
 #include <string_view>
 #include <vector>
@@ -55,6 +56,11 @@ class JsonWriter {
         Separate();
         out_ << "null";
         return *this;
+    }
+    // A value that may be absent: null then.
+    template <typename T>
+    JsonWriter& Value(const std::optional<T>& value) {
+        return value ? Value(*value) : Null();
     }
 
     template <typename T>

@@ -29,7 +29,9 @@ std::optional<std::u16string> Decode(uint32_t code_page, std::string_view bytes)
     return text;
 }
 
+// The text ends at its first NUL, as stored terminators are not part of it.
 std::string DecodeBytes(std::string_view bytes, uint32_t code_page) {
+    bytes = bytes.substr(0, bytes.find('\0'));
     std::optional<std::u16string> text = Decode(code_page, bytes);
     if (!text) text = Decode(kDefaultCodePage, bytes);
     return text ? Utf8Text(*text) : std::string();
@@ -77,17 +79,17 @@ std::optional<std::string> ReadText(const tarn::ltp::const_property_object& obje
                                     uint32_t code_page) {
     if (!object.prop_exists(id)) return std::nullopt;
     if (object.get_prop_type(id) != tarn::ltp::kPropTypeString8) return Utf8Text(object.read_wstring(id));
-    const std::vector<std::byte> bytes = object.get_value_variable(id);
-    std::string_view text = View(bytes);
-    const size_t end = text.find('\0');
-    if (end != std::string_view::npos) text = text.substr(0, end);
-    return DecodeBytes(text, code_page);
+    return DecodeBytes(View(object.get_value_variable(id)), code_page);
 }
 
-std::string SubjectText(const tarn::ltp::const_property_object& message, uint32_t code_page) {
-    if (!message.prop_exists(tarn::kPropSubject) ||
-        message.get_prop_type(tarn::kPropSubject) != tarn::ltp::kPropTypeString8)
-        return Utf8Text(tarn::ReadSubject(message));
+namespace {
+
+bool EightBitSubject(const tarn::ltp::const_property_object& message) {
+    return message.prop_exists(tarn::kPropSubject) &&
+           message.get_prop_type(tarn::kPropSubject) == tarn::ltp::kPropTypeString8;
+}
+
+std::string EightBitSubjectText(const tarn::ltp::const_property_object& message, uint32_t code_page) {
     // The same marker rule as the filter's, on the bytes before they are decoded: a multi-byte page
     // would otherwise see the marker's length byte as the lead of a character.
     const std::vector<std::byte> bytes = message.get_value_variable(tarn::kPropSubject);
@@ -96,9 +98,19 @@ std::string SubjectText(const tarn::ltp::const_property_object& message, uint32_
         if (text.size() < 2) throw std::out_of_range("subject prefix marker without its length");
         text.remove_prefix(2);
     }
-    const size_t end = text.find('\0');
-    if (end != std::string_view::npos) text = text.substr(0, end);
     return DecodeBytes(text, code_page);
+}
+
+}  // namespace
+
+std::string SubjectText(const tarn::ltp::const_property_object& message, uint32_t code_page) {
+    return EightBitSubject(message) ? EightBitSubjectText(message, code_page)
+                                    : Utf8Text(tarn::ReadSubject(message));
+}
+
+std::string SubjectText(const tarn::ltp::const_property_object& message, uint32_t code_page,
+                        std::u16string_view read) {
+    return EightBitSubject(message) ? EightBitSubjectText(message, code_page) : Utf8Text(read);
 }
 
 std::optional<std::string> SentTimeUtc(const tarn::ltp::const_property_object& message) {

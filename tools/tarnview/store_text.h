@@ -33,6 +33,9 @@ std::string Utf8Text(std::u16string_view text);
 // The subject as the filter takes it ("No Subject" when absent, a prefix marker and its length dropped;
 // one without its length throws std::out_of_range), in UTF-8.
 std::string SubjectText(const tarn::ltp::const_property_object& message, uint32_t code_page);
+// The same where the subject was read already: `read` is what tarn::ReadSubject gave for `message`.
+std::string SubjectText(const tarn::ltp::const_property_object& message, uint32_t code_page,
+                        std::u16string_view read);
 
 // The client submit time (0x0039, an 8-byte Windows file time) as ISO 8601 in UTC,
 // "2019-03-05T14:07:00Z", to the second; nothing when absent or not 8 bytes long.
