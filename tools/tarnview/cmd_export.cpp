@@ -10,7 +10,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -864,12 +863,13 @@ void ExportSingle(const Options& options, const std::string& source, const fs::p
     progress.Step();
 }
 
+// Classified as the filter classifies its source.
 bool IsPst(const std::string& source) {
-    std::ifstream in(source, std::ios::binary);
-    std::array<std::byte, tarn::kProbeBytes> header{};
-    in.read(reinterpret_cast<char*>(header.data()), header.size());
-    return in.gcount() == static_cast<std::streamsize>(header.size()) &&
-           tarn::ProbeHeader(header) == tarn::kInputPstStore;
+    const tarn::KernelFileHandle handle(
+        krnOpenFile(tarn::host::WideFromUtf8(source).c_str(), 0, tarn::kOpenShareMode));
+    tarn::InputKind kind = tarn::kInputUnsupported;
+    return handle.valid() && tarn::ProbeSource(handle.get(), &kind) == tarn::kStatusOk &&
+           kind == tarn::kInputPstStore;
 }
 
 }  // namespace
