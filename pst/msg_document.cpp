@@ -7,24 +7,18 @@
 #include "pst/msg/msg_reader.h"
 #include "pst/render/charset.h"
 #include "pst/render/header_block.h"
+#include "pst/render/text_search.h"
 
 namespace tarn {
 namespace {
 
-constexpr std::string_view kRtfStart = "{\\rtf";
 constexpr std::string_view kHtmlElement = "<html";
 constexpr unsigned char kUtf8Mark[] = {0xEF, 0xBB, 0xBF};
 
 // Whether the body, after any spaces, CR and LF, opens with "<html" in any case.
 bool OpensWithHtmlElement(std::string_view body) {
     const size_t start = body.find_first_not_of(" \r\n");
-    if (start == std::string_view::npos || body.size() - start < kHtmlElement.size()) return false;
-    for (size_t i = 0; i < kHtmlElement.size(); ++i) {
-        const char c = body[start + i];
-        const char lower = (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-        if (lower != kHtmlElement[i]) return false;
-    }
-    return true;
+    return start != std::string_view::npos && StartsIgnoringCase(body.substr(start), kHtmlElement);
 }
 
 // The header builder's own -9 (a "<body" tag that never closes) stands; any other failure is -1.
@@ -53,15 +47,15 @@ int32_t AssembleMsgDocument(MessageDocument& entry, int32_t* body_format, bool p
     }
 
     if (entry.document.data() == nullptr) return kStatusUnsupported;
-    const bool rtf = entry.document.text().substr(0, kRtfStart.size()) == kRtfStart;
+    const bool rtf = entry.document.text().starts_with(kRtfStart);
     *body_format = rtf ? kBodyRtf : kBodyHtml;
     // The header's labels are UTF-8; a body that declares no character set is declared UTF-8 with them.
     if (!rtf && EnsureUtf8Meta(&entry.document) != kStatusOk) return kStatusFailure;
     if (const int32_t status = BuildLocalizedHeader(entry, *body_format); status != kStatusOk)
         return HeaderFailure(status);
 
-    const size_t length = entry.document.TextLength();
-    const std::string_view body(reinterpret_cast<const char*>(entry.document.data()), length);
+    const std::string_view body = entry.document.text();
+    const size_t length = body.size();
     const bool wrap = !rtf && !OpensWithHtmlElement(body);
     const size_t total = length + (wrap ? kHtmlOpen.size() + kHtmlClose.size() : 0);
     if (!out.Reserve(total + 1)) return kStatusFailure;

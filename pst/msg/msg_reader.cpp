@@ -19,7 +19,6 @@ namespace {
 
 constexpr std::string_view kUnicodeSuffix = "001F";
 constexpr std::string_view kEightBitSuffix = "001E";
-constexpr std::string_view kRtfStart = "{\\rtf";
 // The top-level property stream's header is 32 bytes; nothing is scanned in a shorter stream.
 constexpr size_t kPropertyHeaderSize = 32;
 // Deliberately the header's second half: entries are examined from here on, so a value that happens to
@@ -31,10 +30,6 @@ constexpr size_t kCompTypeOffset = 8;
 constexpr size_t kStreamTerminator = 2;
 // Streams are copied in pieces of this size; the buffer is reserved once beforehand.
 constexpr size_t kReadPiece = 64 * 1024;
-
-bool StartsWith(const CountedString& text, std::string_view prefix) {
-    return text.size() >= prefix.size() && text.text().substr(0, prefix.size()) == prefix;
-}
 
 // The first entry of the property stream with this type and id: its 8 value bytes, or none.
 std::optional<uint64_t> FindFixedProperty(const CountedString& stream, uint16_t type, uint16_t id) {
@@ -114,7 +109,7 @@ int32_t ReadFormattedBody(const cfb::CompoundStorage& storage, MessageDocument& 
     if (status != kStatusOk) return status;
     *present = true;
     // Whatever did not stay RTF was recovered HTML.
-    if (!StartsWith(record.document, kRtfStart)) StripHtmlNoise(&record.document);
+    if (!record.document.text().starts_with(kRtfStart)) StripHtmlNoise(&record.document);
     return kStatusOk;
 }
 
@@ -188,7 +183,7 @@ int32_t ReadOpenMessage(const cfb::CompoundStorage& storage, MessageDocument& re
     if (const int32_t status = ReadFixedProperties(storage, record); status != kStatusOk) return status;
 
     // Images go only into a body that is HTML; an RTF body keeps its own pictures.
-    if (options.walk_attachments && formatted && !StartsWith(record.document, kRtfStart)) {
+    if (options.walk_attachments && formatted && !record.document.text().starts_with(kRtfStart)) {
         const int32_t status = WalkAttachments(storage, record, options.image_files);
         // The message itself is delivered; the walk's failure is reported beside it.
         if (status != kStatusOk && record.reader_status == kStatusOk) record.reader_status = status;

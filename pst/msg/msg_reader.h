@@ -19,6 +19,8 @@ namespace tarn {
 
 // Stream names of the properties the reader uses. String properties append "001F" (UTF-16LE) or
 // "001E" (8-bit) to these.
+// How an RTF document begins; anything else the reader hands over is HTML.
+inline constexpr std::string_view kRtfStart = "{\\rtf";
 inline constexpr std::string_view kMsgRtfCompressedStream = "__substg1.0_10090102";
 inline constexpr std::string_view kMsgBodyStream = "__substg1.0_1000";
 inline constexpr std::string_view kMsgSubjectStream = "__substg1.0_0037";
