@@ -103,6 +103,9 @@ int32_t ComposeMessage(PstMessage& message, MessageDocument& entry, bool is_targ
     entry.text_body.Release();
 
     if (is_target) {
+        // The same entry serves again when a target fails in a damaged folder and the walk moves on:
+        // a field the new target lacks must not show the failed one's value.
+        for (CountedString& slot : entry.header) slot.Release();
         if (AssignUtf8(entry.header[kSlotSubject], subject.data(), subject.size()) == kStatusFailure)
             return kStatusFailure;
         ReadHeaderFields(properties, entry);

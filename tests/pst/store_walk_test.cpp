@@ -181,6 +181,7 @@ TEST(StoreWalk, ADamagedBlockInsideABodyEndsItsFolderNotTheBody) {
                              (is_rtf ? "RTF" : "HTML") + ", block " + std::to_string(damaged));
                 StoreMessage big;
                 big.subject = "big";
+                big.display_cc = "Copy 0";
                 (is_rtf ? big.rtf_compressed : big.html) = is_rtf ? rtf : html;
                 StoreDescription store;
                 store.layout = layout;
@@ -200,6 +201,7 @@ TEST(StoreWalk, ADamagedBlockInsideABodyEndsItsFolderNotTheBody) {
                 EXPECT_EQ(loaded.status, kStatusOk);
                 EXPECT_EQ(loaded.error, "");
                 EXPECT_EQ(loaded.body, Html("<p>b1</p>"));
+                EXPECT_EQ(loaded.document.find("Copy 0"), std::string::npos) << "the failed message's Cc";
                 EXPECT_EQ(LoadMessage(path, 2).status, kStatusUnsupported);
                 EXPECT_EQ(Describe(path, 1).message_count, 3);
             }
