@@ -26,6 +26,7 @@
 #include <set>
 #include <shared_mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -267,6 +268,11 @@ uint16_t LanguageFromEnvironment() {
     return static_cast<uint16_t>(value);
 }
 
+int32_t RepairsFromEnvironment() {
+    const char* text = std::getenv("TARNKRN_REPAIRS");
+    return text != nullptr && std::string_view(text) == "1" ? 1 : 0;
+}
+
 struct Kernel {
     std::mutex mutex;
     std::unordered_map<void*, Allocation> allocations;
@@ -281,6 +287,7 @@ struct Kernel {
 
     int32_t mode = 0;
     uint16_t language = LanguageFromEnvironment();
+    int32_t repairs = RepairsFromEnvironment();
     int64_t account_ceiling = 0;
     int64_t accounted = 0;
 
@@ -542,6 +549,12 @@ uint16_t krnUiLanguage(void) {
     return k.language;
 }
 
+int32_t krnRepairsQuery(void) {
+    Kernel& k = K();
+    std::lock_guard lock(k.mutex);
+    return k.repairs;
+}
+
 int32_t krnUtf16ToUtf8(const char16_t* source, int32_t units, char* dest, int32_t capacity) {
     if (source == nullptr || dest == nullptr || units <= 0 || capacity <= 0) return 0;
     int32_t written = 0;
@@ -723,6 +736,12 @@ void krnctlSetLanguage(uint16_t langid) {
     k.language = langid;
 }
 
+void krnctlSetRepairs(int32_t repairs) {
+    Kernel& k = K();
+    std::lock_guard lock(k.mutex);
+    k.repairs = repairs != 0 ? 1 : 0;
+}
+
 void krnctlSetAccountCeiling(int64_t bytes) {
     Kernel& k = K();
     std::lock_guard lock(k.mutex);
@@ -769,6 +788,7 @@ void krnctlReset(void) {
     std::lock_guard lock(k.mutex);
     k.mode = 0;
     k.language = LanguageFromEnvironment();
+    k.repairs = RepairsFromEnvironment();
     k.account_ceiling = 0;
     k.fail_allocation = k.fail_open = k.fail_seek = k.fail_read = k.fail_write = Fault{};
     k.io_faults = false;

@@ -72,6 +72,9 @@ TARNKRN_API int32_t krnErrorStatus(int32_t internal_code);
 TARNKRN_API int32_t krnModeQuery(void);
 // 1542: the user-interface language, a Windows LANGID.
 TARNKRN_API uint16_t krnUiLanguage(void);
+// Whether the host asks for repaired documents (1) rather than the toolkit's contract documents (0,
+// the default). The toolkit's own kernel has no such setting and so always gets the contract's bytes.
+TARNKRN_API int32_t krnRepairsQuery(void);
 // 1124: converts `units` UTF-16 units to UTF-8 in `dest` (capacity in bytes, no terminator added).
 // Returns the bytes written; 0 when the text is empty, does not fit or is not valid UTF-16.
 TARNKRN_API int32_t krnUtf16ToUtf8(const TARNKRN_CHAR16* source, int32_t units, char* dest, int32_t capacity);

@@ -18,6 +18,9 @@ TARNKRN_API void krnctlSetMode(int32_t mode);
 // The answer of krnUiLanguage. The default is read from TARNKRN_LANGUAGE (decimal or 0x-hex) when the
 // library loads, else 0x0409.
 TARNKRN_API void krnctlSetLanguage(uint16_t langid);
+// The answer of krnRepairsQuery: 1 asks for repaired documents, 0 for the contract's. The default is 1
+// when TARNKRN_REPAIRS is "1" as the library loads, else 0.
+TARNKRN_API void krnctlSetRepairs(int32_t repairs);
 // The ceiling of krnAccountMemory in bytes; 0 means no ceiling (the default).
 TARNKRN_API void krnctlSetAccountCeiling(int64_t bytes);
 // Bytes currently held by the account.
@@ -32,7 +35,8 @@ TARNKRN_API void krnctlFailAllocation(uint32_t nth);
 #define KRNCTL_READ 3   // krnReadFile / krnReadStoreFile return -1
 #define KRNCTL_WRITE 4  // krnCreateFile returns KRN_NO_HANDLE; krnWriteFile writes nothing
 TARNKRN_API void krnctlFailFileOperation(int32_t operation, uint32_t nth);
-// Disarms every fault, resets mode, language and ceiling to their defaults. Outstanding allocations,
+// Disarms every fault, resets mode, language, repairs and ceiling to their
+// defaults. Outstanding allocations,
 // objects, handles and temporary files are left as they are.
 TARNKRN_API void krnctlReset(void);
 

@@ -1,5 +1,7 @@
 #include "pst/composer.h"
 
+#include <algorithm>
+#include <cstring>
 #include <exception>
 #include <string>
 #include <string_view>
@@ -7,6 +9,7 @@
 #include "common/apiutils.h"
 #include "common/status.h"
 #include "kernel/tarnkrn.h"
+#include "platform/codepage.h"
 #include "pst/image_files.h"
 #include "pst/message_walk.h"
 #include "pst/render/compressed_rtf.h"
@@ -18,6 +21,12 @@ namespace tarn {
 namespace {
 
 constexpr unsigned char kTextMark[] = {0xFF, 0xFE};
+constexpr unsigned char kUtf8Mark[] = {0xEF, 0xBB, 0xBF};
+
+constexpr ltp::prop_id kPropMessageCodePage = 0x3FFD;
+constexpr ltp::prop_id kPropInternetCodePage = 0x3FDE;
+constexpr uint32_t kCodePageUtf16 = 1200;
+constexpr uint32_t kCodePageWestern = 1252;
 
 // Room for an attachment name of a usual length in UTF-8; longer names grow the buffer.
 constexpr size_t kNameScratchBytes = 1024;
@@ -36,6 +45,70 @@ std::string ConvertName(GrowBuffer& scratch, const std::u16string& name, size_t 
                        reinterpret_cast<char*>(scratch.data()), static_cast<int32_t>(capacity));
     if (written <= 0) return {};
     return std::string(reinterpret_cast<const char*>(scratch.data()), static_cast<size_t>(written));
+}
+
+// The code page the text body is stored in: UTF-16LE in a Unicode store, else the message's own code
+// page, its Internet code page, or Western European when it names neither.
+uint32_t TextCodePage(const ltp::const_property_object& message) {
+    if (message.get_prop_type(kPropBody) == ltp::kPropTypeUnicode) return kCodePageUtf16;
+    for (const ltp::prop_id id : {kPropMessageCodePage, kPropInternetCodePage}) {
+        if (message.prop_exists(id) && message.get_value_4(id) != 0) return message.get_value_4(id);
+    }
+    return kCodePageWestern;
+}
+
+// The text body in UTF-8 into `out`. Units that are not UTF-16 (a lone surrogate) and bytes the code
+// page does not map become U+FFFD, so that damaged text costs a character, not the document.
+int32_t TextBodyAsUtf8(const MessageDocument& entry, CountedString& out) {
+    const CountedString& body = entry.text_body;
+    std::u16string units;
+    if (entry.text_code_page == kCodePageUtf16) {
+        units.resize(body.size() / 2);
+        std::memcpy(units.data(), body.data(), units.size() * 2);
+        for (size_t i = 0; i < units.size(); ++i) {
+            const bool high = units[i] >= 0xD800 && units[i] < 0xDC00;
+            const bool low = units[i] >= 0xDC00 && units[i] < 0xE000;
+            if (high && i + 1 < units.size() && units[i + 1] >= 0xDC00 && units[i + 1] < 0xE000) {
+                ++i;
+            } else if (high || low) {
+                units[i] = 0xFFFD;
+            }
+        }
+    } else {
+        const char* bytes = reinterpret_cast<const char*>(body.data());
+        const int size = static_cast<int>(std::min<size_t>(body.size(), kMaxBufferBytes / 2));
+        uint32_t code_page = entry.text_code_page;
+        int needed = platform::MultiByteToWideChar(code_page, 0, bytes, size, nullptr, 0);
+        if (needed <= 0) {
+            code_page = kCodePageWestern;
+            needed = platform::MultiByteToWideChar(code_page, 0, bytes, size, nullptr, 0);
+        }
+        units.resize(static_cast<size_t>(std::max(needed, 0)));
+        if (!units.empty() && platform::MultiByteToWideChar(code_page, 0, bytes, size, units.data(),
+                                                            static_cast<int>(units.size())) <= 0)
+            units.clear();
+    }
+    while (!units.empty() && units.back() == 0) units.pop_back();  // a stored terminator
+    return AssignUtf8(out, units.data(), units.size());
+}
+
+// The repaired text document: a UTF-8 mark, the header lines and the text body in UTF-8 (none when
+// the message has no text body), all of it declared.
+int32_t AssembleUtf8Text(MessageDocument& entry, GrowBuffer& out) {
+    if (entry.text_body.data() != nullptr) {
+        CountedString utf8;
+        if (const int32_t status = TextBodyAsUtf8(entry, utf8); status == kStatusFailure) return status;
+        entry.text_body = std::move(utf8);
+    }
+    if (BuildLocalizedHeader(entry, kBodyPlainText) != kStatusOk) return kStatusFailure;
+    const std::string_view text = entry.text_body.text();
+    out.Truncate(0);
+    if (!out.Reserve(text.size() + sizeof kUtf8Mark) ||
+        out.Append(kUtf8Mark, sizeof kUtf8Mark) != kStatusOk || out.Append(text) != kStatusOk)
+        return kStatusFailure;
+    entry.repairs.Make(Repair::kTextWholeLength);
+    entry.repairs.Make(Repair::kTextUtf8);
+    return kStatusOk;
 }
 
 std::u16string ReadNameIfPresent(const ltp::const_property_object& attachment, ltp::prop_id id) {
@@ -103,6 +176,8 @@ int32_t ComposeMessage(PstMessage& message, MessageDocument& entry, bool is_targ
     entry.text_body.Release();
 
     if (is_target) {
+        entry.repairs = Repairs(record != nullptr && record->repairs.wanted());
+        entry.text_code_page = properties.prop_exists(kPropBody) ? TextCodePage(properties) : 0;
         // The same entry serves again when a target fails in a damaged folder and the walk moves on:
         // a field the new target lacks must not show the failed one's value.
         for (CountedString& slot : entry.header) slot.Release();
@@ -138,9 +213,23 @@ void ReleaseComposedBodies(MessageDocument& entry) {
     entry.document.Release();
 }
 
-int32_t AssemblePstDocument(MessageDocument& entry, int32_t* body_format, bool plain_text,
-                            PstFilterData* record) {
+namespace {
+
+int32_t AssembleDocument(MessageDocument& entry, int32_t* body_format, bool plain_text,
+                         PstFilterData* record) {
     GrowBuffer& out = record->document;
+    // Without an HTML or RTF body the contract has no document; repaired, the text body serves, and a
+    // message without any body (a contact, an appointment) still shows its header block.
+    if (!plain_text && entry.document.data() == nullptr &&
+        entry.repairs.Make(entry.text_body.data() != nullptr ? Repair::kTextBody : Repair::kHeaderOnly))
+        plain_text = true;
+    // A text document of a message that has a body but no text body stays refused: the header block
+    // alone would pass for the whole message.
+    if (plain_text && entry.repairs.wanted() &&
+        (entry.text_body.data() != nullptr || entry.document.data() == nullptr)) {
+        *body_format = kBodyPlainText;
+        return AssembleUtf8Text(entry, out);
+    }
     if (plain_text) {
         *body_format = kBodyPlainText;
         if (entry.text_body.data() == nullptr) return kStatusUnsupported;
@@ -171,6 +260,15 @@ int32_t AssemblePstDocument(MessageDocument& entry, int32_t* body_format, bool p
     }
     if (!out.Reserve(length)) return kStatusFailure;
     return out.Append(entry.document.data(), length) == kStatusOk ? kStatusOk : kStatusFailure;
+}
+
+}  // namespace
+
+int32_t AssemblePstDocument(MessageDocument& entry, int32_t* body_format, bool plain_text,
+                            PstFilterData* record) {
+    const int32_t status = AssembleDocument(entry, body_format, plain_text, record);
+    record->repairs.Merge(entry.repairs);
+    return status;
 }
 
 int32_t ProducePstDocument(const char16_t* file_name, PstFilterData* record, int32_t* message_index,

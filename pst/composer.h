@@ -30,6 +30,9 @@ int32_t InlineAttachedImages(PstMessage& message, CountedString& html, PstFilter
 // Moves the target's body into record->document: the HTML wrapped in "<html>" and "</html>", the RTF as
 // it is, or with `plain_text` the text body behind the bytes FF FE (which the length does not count).
 // -9 when the body is absent, -1 when the header cannot be added or the buffer cannot grow.
+// With repairs wanted, a text document is UTF-8 behind EF BB BF and declares its whole length, a
+// message without an HTML or RTF body gives its text body, and one without any body its header block
+// alone; the repairs made are noted in the record.
 int32_t AssemblePstDocument(MessageDocument& entry, int32_t* body_format, bool plain_text,
                             PstFilterData* record);
 

@@ -22,6 +22,7 @@ PstFilterData* NewFilterData() {
     // Init reserves nothing, so these cannot fail.
     record->document.Init(0, kDocumentGrowthStep);
     record->temp_names.Init(0, kTempNamesGrowthStep, /*zero_fill=*/true);
+    record->repairs = Repairs::Requested();
     return record.release();  // from here on ReleaseFilterData owns it
 }
 

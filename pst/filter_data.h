@@ -52,6 +52,7 @@ struct PstFilterData {
     int32_t temp_file_mode = 0;  // 1: the HTML document is handed over as a temporary file
     int32_t reader_status = 1;   // a secondary failure of the message-file reader
     uint32_t render_options[kRenderOptionWords] = {};
+    Repairs repairs;  // asked of the kernel when the record is made; notes what the document needed
 };
 
 // A fresh record, or null when memory runs out or the kernel will not register it.

@@ -357,7 +357,8 @@ int32_t BuildRtfHeader(MessageDocument& record) {
 // Puts one line in front of `body`, the text body being built.
 int32_t PrependTextHeaderLine(const MessageDocument& record, CountedString& body, const CountedString& value,
                               HeaderField field) {
-    if (IsEmpty(value) || IsEmpty(body)) return kStatusOk;
+    // Repaired, a message without text still shows its header block.
+    if (IsEmpty(value) || (IsEmpty(body) && !record.repairs.wanted())) return kStatusOk;
     const std::string_view label = HeaderLabel(field);
     GrowBuffer line;
     if (const int32_t status = line.Init(body.size() + 2 * label.size() + 3, kTextLineGrowth);
@@ -383,8 +384,8 @@ int32_t PrependTextHeaderLine(const MessageDocument& record, CountedString& body
 }
 
 int32_t BuildTextHeader(MessageDocument& record) {
-    // An empty text body gets no header at all.
-    if (IsEmpty(record.text_body)) return kStatusOk;
+    // An empty text body gets no header at all, unless repairs are wanted.
+    if (IsEmpty(record.text_body) && !record.repairs.wanted()) return kStatusOk;
     // The lines go in front of a copy, which replaces the body only once every line is in.
     CountedString body;
     if (const int32_t status = AssignBytes(body, record.text_body.data(), record.text_body.size());

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "common/status.h"
+#include "pst/render/repairs.h"
 #include "pst/render/text_buffer.h"
 
 namespace tarn {
@@ -49,6 +50,8 @@ struct MessageDocument {
     CountedString document;        // the HTML body, or the decompressed RTF
     uint32_t reserved_middle[5] = {};
     CountedString header[kHeaderSlots];  // UTF-8, indexed by HeaderSlot
+    Repairs repairs;                     // what the host wants mended, and what was
+    uint32_t text_code_page = 0;         // the text body's: 1200 for UTF-16LE, else an ANSI code page
 };
 
 // Replaces `target` with a copy of `count` bytes. Zero bytes leave it absent. 1, or -1 when memory

@@ -467,11 +467,14 @@ TEST(Composer, TheLastPresentBodyWins) {
         int32_t status;
         int32_t format;
         std::string document;
+        // Repaired, this text document instead (UTF-8 behind its mark, all of it declared).
+        std::optional<std::string> repaired = {};
     };
     // "hi" is 68 00 69 00: its final zero byte is taken for a terminator, and the mark is not counted,
     // so the loader is told of FF FE, the header lines and 68, and nothing more. Both kept as they stand.
     // The header lines go in front of the text as they are (UTF-8 before the stored UTF-16).
     const std::string marked = std::string("\xFF\xFE", 2) + "Subject:   \ts\r\n\r\nh";
+    const std::string header_utf8 = "\xEF\xBB\xBFSubject:   \ts\r\n\r\n";
     const Case cases[] = {
         {"HTML only", {}, AsBytes("<p>x</p>"), {}, false, kStatusOk, 369, Html("<p>x</p>")},
         {"HTML with its own html element is wrapped again",
@@ -511,10 +514,10 @@ TEST(Composer, TheLastPresentBodyWins) {
          kStatusFailure,
          0,
          ""},
-        {"text only has no document", text, {}, {}, false, kStatusUnsupported, 0, ""},
-        {"no body at all", {}, {}, {}, false, kStatusUnsupported, 0, ""},
+        {"text only has no document", text, {}, {}, false, kStatusUnsupported, 0, "", header_utf8 + "hi"},
+        {"no body at all", {}, {}, {}, false, kStatusUnsupported, 0, "", header_utf8},
         {"plain text: FF FE and the text, the length not counting the mark", text, AsBytes("<p>x</p>"), lzfu,
-         true, kStatusOk, 316, marked},
+         true, kStatusOk, 316, marked, header_utf8 + "hi"},
         {"plain text without a text body", {}, AsBytes("<p>x</p>"), {}, true, kStatusUnsupported, 0, ""},
     };
     int n = 0;
@@ -526,12 +529,18 @@ TEST(Composer, TheLastPresentBodyWins) {
         m.rtf_compressed = c.rtf;
         StoreDescription store;
         store.folders = {{"Inbox", {m}}};
-        const Loaded loaded =
-            LoadMessage(WriteStore(dir, store, "c" + std::to_string(n++) + ".pst"), 1, c.plain_text);
-        EXPECT_EQ(loaded.status, c.status) << c.what;
-        if (c.status != kStatusOk) continue;
-        EXPECT_EQ(loaded.format, c.format) << c.what;
-        EXPECT_EQ(loaded.body, c.document) << c.what;
+        const std::u16string path = WriteStore(dir, store, "c" + std::to_string(n++) + ".pst");
+        for (const bool repaired : {false, true}) {
+            krnctlSetRepairs(repaired);
+            const Loaded loaded = LoadMessage(path, 1, c.plain_text);
+            const bool mended = repaired && c.repaired.has_value();
+            EXPECT_EQ(loaded.status, mended ? kStatusOk : c.status)
+                << c.what << (repaired ? ", repaired" : "");
+            if (loaded.status != kStatusOk) continue;
+            EXPECT_EQ(loaded.format, mended ? 316 : c.format) << c.what;
+            EXPECT_EQ(loaded.body, mended ? *c.repaired : c.document) << c.what;
+        }
+        krnctlSetRepairs(0);
     }
 }
 

@@ -1,0 +1,27 @@
+#include "pst/render/repairs.h"
+
+#include <string_view>
+
+#include "kernel/tarnkrn.h"
+
+namespace tarn {
+namespace {
+
+constexpr std::string_view kNames[] = {"text-whole-length", "text-utf8", "text-body", "header-only",
+                                       "html-header-escape"};
+
+}  // namespace
+
+Repairs Repairs::Requested() { return Repairs(krnRepairsQuery() != 0); }
+
+std::string Repairs::MadeNames() const {
+    std::string names;
+    for (uint32_t i = 0; i < std::size(kNames); ++i) {
+        if ((made_ & (uint32_t{1} << i)) == 0) continue;
+        if (!names.empty()) names += ',';
+        names += kNames[i];
+    }
+    return names;
+}
+
+}  // namespace tarn

@@ -1,0 +1,56 @@
+// Where a document departs from the toolkit's contract to be right for real files. The toolkit gets
+// its contract's documents byte for byte, deliberate oddities included; a host that shows documents to
+// people asks the kernel for repairs instead. Readers and the composer consult one Repairs value at
+// the few points where the two differ, and note each repair that changed the document, so that a
+// host can say what was changed.
+#ifndef TARN_PST_RENDER_REPAIRS_H_
+#define TARN_PST_RENDER_REPAIRS_H_
+
+#include <cstdint>
+#include <string>
+
+namespace tarn {
+
+// Each repair has a name of its own, given to hosts (an export's manifest lists them per document).
+enum class Repair : uint32_t {
+    kTextWholeLength,   // a text document declares its whole length, not two bytes short
+    kTextUtf8,          // a text document is UTF-8 throughout, behind a UTF-8 mark
+    kTextBody,          // a message without an HTML or RTF body gives its text body as a text document
+    kHeaderOnly,        // a message without any body gives its header block alone
+    kHtmlHeaderEscape,  // header values are escaped as HTML text in an HTML document
+};
+
+class Repairs {
+  public:
+    // None wanted: the contract's documents.
+    Repairs() = default;
+    explicit Repairs(bool wanted) : wanted_(wanted) {}
+    // As the kernel's host asks (krnRepairsQuery).
+    static Repairs Requested();
+
+    bool wanted() const { return wanted_; }
+    // Whether `repair` is to be made. When it is, it is noted as made: call this only where the repair
+    // changes what the contract would give.
+    bool Make(Repair repair) {
+        if (!wanted_) return false;
+        made_ |= Bit(repair);
+        return true;
+    }
+    // Whether `repair` was made for this document.
+    bool Made(Repair repair) const { return (made_ & Bit(repair)) != 0; }
+    // The repairs made for this document, by name, comma-separated, in the order above ("" for none).
+    std::string MadeNames() const;
+
+    // Takes the repairs another value made for the same document (a reader's, when it is done).
+    void Merge(const Repairs& other) { made_ |= other.made_; }
+
+  private:
+    static uint32_t Bit(Repair repair) { return uint32_t{1} << static_cast<uint32_t>(repair); }
+
+    bool wanted_ = false;
+    uint32_t made_ = 0;
+};
+
+}  // namespace tarn
+
+#endif  // TARN_PST_RENDER_REPAIRS_H_
