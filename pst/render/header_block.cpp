@@ -158,7 +158,31 @@ struct HtmlHeader {
     bool table_pending = true;  // the table opens at the first row that has a value
 };
 
-int32_t WriteHtmlHeaderRow(HtmlHeader& header, const MessageDocument& record, const CountedString& value,
+// `text` as HTML text: "&", "<", ">" and the double quote escaped, so that a value never opens
+// markup of its own (a subject "note <!-- draft" would otherwise hide the body). Notes the repair
+// when anything needed escaping.
+int32_t AppendHtmlText(GrowBuffer& out, std::string_view text, Repairs& repairs) {
+    for (size_t from = 0; from < text.size();) {
+        const size_t special = std::min(text.find_first_of("&<>\"", from), text.size());
+        if (const int32_t status = out.Append(text.substr(from, special - from)); status != kStatusOk)
+            return status;
+        if (special == text.size()) break;
+        repairs.Make(Repair::kHtmlHeaderEscape);
+        const char c = text[special];
+        const std::string_view entity = c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '>' ? "&gt;" : "&quot;";
+        if (const int32_t status = out.Append(entity); status != kStatusOk) return status;
+        from = special + 1;
+    }
+    return kStatusOk;
+}
+
+// A header value in an HTML row: as it is for the contract, whose rows do not escape markup (so a value
+// may carry its own), or escaped when repairs are wanted.
+int32_t AppendHtmlValue(GrowBuffer& out, std::string_view text, Repairs& repairs) {
+    return repairs.wanted() ? AppendHtmlText(out, text, repairs) : out.Append(text);
+}
+
+int32_t WriteHtmlHeaderRow(HtmlHeader& header, MessageDocument& record, const CountedString& value,
                            HeaderField field) {
     if (IsEmpty(value)) return kStatusOk;
     GrowBuffer& out = header.buffer;
@@ -166,19 +190,23 @@ int32_t WriteHtmlHeaderRow(HtmlHeader& header, const MessageDocument& record, co
         if (const int32_t status = out.Append(kTableOpening); status != kStatusOk) return status;
         header.table_pending = false;
     }
-    // The value goes in as it is: these rows do not escape markup, so a value may carry its own.
-    if (const int32_t status =
-            AppendAll(out, {kHtmlRowOpening, HeaderLabel(field), kHtmlJoint, value.text()});
+    if (const int32_t status = AppendAll(out, {kHtmlRowOpening, HeaderLabel(field), kHtmlJoint});
         status != kStatusOk)
+        return status;
+    if (const int32_t status = AppendHtmlValue(out, value.text(), record.repairs); status != kStatusOk)
         return status;
     if (field == kFieldFrom) {
         const CountedString& representing = record.header[kSlotRepresenting];
         const CountedString& address = record.header[kSlotSenderAddress];
         int32_t status = kStatusOk;
-        if (!IsEmpty(representing) && representing.text() != value.text())
-            status = AppendAll(out, {kOnBehalfOf, representing.text()});
-        else if (address.size() > 0 && address.data()[0] != std::byte{0})
-            status = AppendAll(out, {" &lt;", address.text(), "&gt;"});
+        if (!IsEmpty(representing) && representing.text() != value.text()) {
+            status = out.Append(kOnBehalfOf);
+            if (status == kStatusOk) status = AppendHtmlValue(out, representing.text(), record.repairs);
+        } else if (address.size() > 0 && address.data()[0] != std::byte{0}) {
+            status = out.Append(" &lt;");
+            if (status == kStatusOk) status = AppendHtmlValue(out, address.text(), record.repairs);
+            if (status == kStatusOk) status = out.Append("&gt;");
+        }
         if (status != kStatusOk) return status;
     }
     return out.Append(kHtmlRowEnd);
@@ -404,14 +432,18 @@ int32_t BuildTextHeader(MessageDocument& record) {
 // ---- The English block ----------------------------------------------------------------------------
 
 int32_t WriteEnglishHeaderRow(GrowBuffer& out, const CountedString& value, int32_t body_format,
-                              HeaderField field) {
+                              HeaderField field, Repairs& repairs) {
     if (value.size() == 0) return kStatusOk;
     if (body_format < kBodyHtml || body_format > kBodyPlainText) return kStatusFormatFailure;
     const std::string_view templates[] = {kEnglishHtmlRows[field], kEnglishRtfRows[field],
                                           kEnglishTextRows[field]};
     if (const int32_t status = out.Append(templates[body_format]); status != kStatusOk) return status;
     const std::string_view text = value.text();
-    if (body_format == kBodyHtml) {
+    if (body_format == kBodyHtml && repairs.wanted()) {
+        if (const int32_t status = AppendHtmlText(out, text.substr(0, text.find('\0')), repairs);
+            status != kStatusOk)
+            return status;
+    } else if (body_format == kBodyHtml) {
         // Only the angle brackets are escaped, and the copy ends at the first NUL.
         for (const char c : text.substr(0, text.find('\0'))) {
             const std::string_view piece = c == '<' ? "&lt;" : c == '>' ? "&gt;" : std::string_view(&c, 1);
@@ -471,8 +503,8 @@ int32_t BuildEnglishHeader(MessageDocument& record, int32_t body_format) {
     // The English block has its own order, Sent before Cc; pages of Internet mail have always read so.
     for (const HeaderField field :
          {kFieldFrom, kFieldTo, kFieldSent, kFieldCc, kFieldBcc, kFieldSubject, kFieldImportance}) {
-        const int32_t status =
-            WriteEnglishHeaderRow(header, record.header[kSlotOfField[field]], body_format, field);
+        const int32_t status = WriteEnglishHeaderRow(header, record.header[kSlotOfField[field]], body_format,
+                                                     field, record.repairs);
         if (status != kStatusOk) return status;
     }
     if (const int32_t status = header.Append(kEnglishBlockEnds[body_format]); status != kStatusOk)

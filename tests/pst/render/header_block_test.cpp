@@ -95,6 +95,16 @@ TEST(LocalizedHeader, HtmlRowsInOrderBehindTheBodyTag) {
     ASSERT_EQ(BuildLocalizedHeader(german, kBodyHtml), kStatusOk);
     EXPECT_EQ(Bytes(german.document), Z(kTable + Row("Von:       ", "<b>Jörg</b>") +
                                         Row("Priorität: ", "Höch") + kBlockEnd + "<p>x</p>"));
+
+    // Repaired, every value is HTML text: a subject that opens a comment no longer hides the body.
+    krnctlSetLanguage(0x0409);
+    MessageDocument repaired;
+    repaired.repairs = Repairs(true);
+    Fill(repaired, {.from = "A&B", .address = "a\"b@x", .subject = "note <!-- draft"}, "<p>x</p>");
+    ASSERT_EQ(BuildLocalizedHeader(repaired, kBodyHtml), kStatusOk);
+    EXPECT_EQ(Bytes(repaired.document), Z(kTable + Row("From:      ", "A&amp;B &lt;a&quot;b@x&gt;") +
+                                          Row("Subject:   ", "note &lt;!-- draft") + kBlockEnd + "<p>x</p>"));
+    EXPECT_EQ(repaired.repairs.MadeNames(), "html-header-escape");
 }
 
 TEST(LocalizedHeader, FromRowShowsOnBehalfOfOrTheAddress) {
@@ -271,6 +281,14 @@ TEST(EnglishHeader, OwnOrderEscapingAndWrapping) {
         EnglishHtmlRow("Sent:", "Mon") + EnglishHtmlRow("Cc:", "C&lt;y&gt;") + EnglishHtmlRow("Bcc:", "Dee") +
         EnglishHtmlRow("Subject:", "Lunch & more") + EnglishHtmlRow("Importance:", "High") + kBlockEnd;
     EXPECT_EQ(Bytes(record.document), Z("<html>" + block + "<p>x</p></html>"));
+    // Repaired, the ampersand and the double quote too.
+    MessageDocument repaired;
+    repaired.repairs = Repairs(true);
+    Fill(repaired, {.subject = "\"Lunch\" & <more>", .cc = "Cy"}, "<p>x</p>");
+    ASSERT_EQ(BuildEnglishHeader(repaired, kBodyHtml), kStatusOk);
+    EXPECT_EQ(Bytes(repaired.document), Z("<html>" + kTable + EnglishHtmlRow("Cc:", "Cy") +
+                                          EnglishHtmlRow("Subject:", "&quot;Lunch&quot; &amp; &lt;more&gt;") +
+                                          kBlockEnd + "<p>x</p></html>"));
 
     // Where the block goes in an HTML body, and whether the body is wrapped.
     struct Case {
