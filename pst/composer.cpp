@@ -275,7 +275,7 @@ int32_t ProducePstDocument(const char16_t* file_name, PstFilterData* record, int
                            int32_t* body_format, bool plain_text) {
     const ndb::db_ptr db = ndb::open_database(std::u16string(file_name, WideLength(file_name)));
     MessageListPtr list;
-    if (const int32_t status = CountMessages(db, &list); status != kStatusOk) return status;
+    if (const int32_t status = CountMessages(db, &list, &record->repairs); status != kStatusOk) return status;
     record->message_count = list->count;
     if (*message_index >= list->count) *message_index = list->count - 1;
     if (*message_index < 0) *message_index = 0;

@@ -40,7 +40,19 @@ class BodyRelease {
 
 }  // namespace
 
-int32_t CountMessages(const ndb::db_ptr& db, MessageListPtr* list) {
+namespace {
+
+int64_t RowsOfContentsTable(const ndb::db_ptr& db, ndb::node_id folder) {
+    try {
+        return ltp::table(db->lookup_node(ContentsTableOf(folder))).size();
+    } catch (const std::exception&) {
+        return 0;
+    }
+}
+
+}  // namespace
+
+int32_t CountMessages(const ndb::db_ptr& db, MessageListPtr* list, Repairs* repairs) {
     int64_t total = 0;
     uint64_t nodes = 0;
     for (const ndb::node_info& info : ndb::page_range(db->read_nbt_root())) {
@@ -48,6 +60,11 @@ int32_t CountMessages(const ndb::db_ptr& db, MessageListPtr* list) {
         if (!IsNormalFolder(info.id)) continue;
         const ltp::property_bag folder(db->lookup_node(info.id));
         if (folder.read_wstring(kPropDisplayName) == kFreebusyFolderName) continue;
+        if (repairs != nullptr && !folder.prop_exists(kPropContentCount) &&
+            repairs->Make(Repair::kWalkedCounts)) {
+            total += RowsOfContentsTable(db, info.id);
+            continue;
+        }
         // A signed count, summed wide: a damaged folder may say -1, and many may overflow 32 bits.
         total += static_cast<int32_t>(folder.get_value_4(kPropContentCount));
     }

@@ -45,7 +45,9 @@ using MessageListPtr = KernelPtr<MessageList>;
 // 1; -13 when the total is below 1; -1 when memory runs out (also for a total larger than the store's
 // node count, which no store can hold: that would be an allocation the file cannot justify).
 // Catches nothing: a folder without a name or count throws the property context's key_not_found.
-int32_t CountMessages(const ndb::db_ptr& db, MessageListPtr* list);
+// With `repairs` wanted, a folder without a count is counted by the rows of its contents table (none
+// when that table cannot be read: the walk skips such a folder too), and the repair is noted.
+int32_t CountMessages(const ndb::db_ptr& db, MessageListPtr* list, Repairs* repairs = nullptr);
 
 // What a walk visitor answers for a message: a status below 1 ends the walk with it; kWalkNext goes
 // on; kWalkFinished ends the walk with 1.

@@ -18,6 +18,7 @@ enum class Repair : uint32_t {
     kTextBody,          // a message without an HTML or RTF body gives its text body as a text document
     kHeaderOnly,        // a message without any body gives its header block alone
     kHtmlHeaderEscape,  // header values are escaped as HTML text in an HTML document
+    kWalkedCounts,      // a store's folders without a content count are counted by their rows
 };
 
 class Repairs {

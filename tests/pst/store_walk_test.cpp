@@ -284,6 +284,12 @@ TEST(StoreWalk, StoreErrorsWhileOpeningOrCountingLeaveTheEntryPoints) {
             Wide(dir.Write("folder" + std::to_string(n++) + ".pst", fixture::WritePst(description).bytes));
         EXPECT_EQ(Describe(damaged, 1).error, "fltInfo: uncaught exception: key not found");
         EXPECT_EQ(LoadMessage(damaged, 1).error, "fltLoad: uncaught exception: key not found");
+        // Repaired, a folder without a count is counted by its rows; one without a name still fails.
+        krnctlSetRepairs(1);
+        const bool counted = n == 2;  // the second store, without a count
+        EXPECT_EQ(Describe(damaged, 1).message_count, counted ? 1 : 0);
+        EXPECT_EQ(LoadMessage(damaged, 1).body, counted ? Html("<p>m</p>") : "");
+        krnctlSetRepairs(0);
     }
 }
 
