@@ -372,6 +372,7 @@ int32_t InsertRtfHeader(RtfHeader& state, CountedString& body) {
 int32_t BuildRtfHeader(MessageDocument& record) {
     RtfHeader state;
     if (const int32_t status = AnalyseBodyRtf(state, record.document); status != kStatusOk) return status;
+    if (record.repairs.wanted()) state.text.repairs = &record.repairs;
     for (const HeaderField field :
          {kFieldFrom, kFieldSent, kFieldTo, kFieldCc, kFieldBcc, kFieldSubject, kFieldImportance}) {
         const int32_t status = WriteRtfHeaderRow(state, record, record.header[kSlotOfField[field]], field);

@@ -8,7 +8,8 @@ namespace tarn {
 namespace {
 
 constexpr std::string_view kNames[] = {"text-whole-length", "text-utf8",          "text-body",
-                                       "header-only",       "html-header-escape", "walked-counts"};
+                                       "header-only",       "html-header-escape", "walked-counts",
+                                       "rtf-header-escape"};
 
 }  // namespace
 

@@ -19,6 +19,7 @@ enum class Repair : uint32_t {
     kHeaderOnly,        // a message without any body gives its header block alone
     kHtmlHeaderEscape,  // header values are escaped as HTML text in an HTML document
     kWalkedCounts,      // a store's folders without a content count are counted by their rows
+    kRtfHeaderEscape,   // RTF header text in a code page escapes the bytes RTF reads as structure
 };
 
 class Repairs {

@@ -25,7 +25,7 @@ bool IsAscii(char16_t unit) { return unit < 0x80; }
 // write and the caller gets the buffer's own status.
 class RtfWriter {
   public:
-    explicit RtfWriter(GrowBuffer* out) : out_(out) {}
+    explicit RtfWriter(GrowBuffer* out, Repairs* repairs = nullptr) : out_(out), repairs_(repairs) {}
 
     void Put(std::string_view text) {
         if (status_ != kStatusOk) return;
@@ -48,8 +48,10 @@ class RtfWriter {
     // A byte that a code page gave: below 128 as it is, above as "\'" and two hex digits. Deliberately
     // unescaped, as header text has always been written: a double-byte code page's trail byte can be a
     // backslash or a brace (Shift-JIS 0x83 0x5C is U+30BD), and it then reaches the document raw.
+    // Repaired, such bytes are escaped like any other.
     void PutCodePageByte(uint8_t byte) {
-        if (byte < 128) {
+        const bool structural = byte < 32 || byte == '{' || byte == '}' || byte == '\\';
+        if (byte < 128 && !(structural && repairs_ != nullptr && repairs_->Make(Repair::kRtfHeaderEscape))) {
             const char c = static_cast<char>(byte);
             Put(std::string_view(&c, 1));
             return;
@@ -77,6 +79,7 @@ class RtfWriter {
 
   private:
     GrowBuffer* out_;
+    Repairs* repairs_;
     int32_t status_ = kStatusOk;
 };
 
@@ -304,7 +307,7 @@ int32_t WriteByRuns(RtfWriter& writer, RtfFontTable& table, int32_t& current, in
 }  // namespace
 
 int32_t EncodeRtfUnicode(GrowBuffer* out, RtfFontTable& table, int32_t& current_font, const char16_t* units,
-                         size_t count) {
+                         size_t count, Repairs* repairs) {
     if (out == nullptr || (units == nullptr && count != 0)) return kStatusNullPointer;
     // The text ends at a NUL unit, as the string it came from did.
     size_t length = 0;
@@ -317,7 +320,7 @@ int32_t EncodeRtfUnicode(GrowBuffer* out, RtfFontTable& table, int32_t& current_
         current_font = font;
     }
     const int32_t base = current_font;
-    RtfWriter writer(out);
+    RtfWriter writer(out, repairs);
 
     // Text that is ASCII throughout (what is left before a NUL may be) needs no code page, and must not
     // add a font for one.
@@ -357,7 +360,7 @@ int32_t EncodeRtfText(RtfTextState& state, const char* utf8, size_t length) {
                                                     wide.data(), static_cast<int>(rest));
     if (units <= 0) return kStatusBadArgument;
     return EncodeRtfUnicode(state.out, *state.fonts, state.current_font, wide.data(),
-                            static_cast<size_t>(units));
+                            static_cast<size_t>(units), state.repairs);
 }
 
 }  // namespace tarn

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "pst/render/repairs.h"
 #include "pst/render/rtf_fonts.h"
 #include "pst/render/text_buffer.h"
 
@@ -22,6 +23,8 @@ struct RtfTextState {
     GrowBuffer* out = nullptr;
     RtfFontTable* fonts = nullptr;
     int32_t current_font = kNoFont;
+    // Repaired, structural bytes that a code page gives are escaped too; null for the contract.
+    Repairs* repairs = nullptr;
 };
 
 // Writes `length` bytes of UTF-8. Bytes 32 to 127 are copied, except "{", "}" and the backslash, which
@@ -38,8 +41,10 @@ int32_t EncodeRtfText(RtfTextState& state, const char* utf8, size_t length);
 // script runs, each written in a code page that holds it or, failing that, as "\u" escapes of signed
 // 16-bit units in the first font (of the table, then of "Arial", "Symbol", "MS Gothic", "Batang",
 // "Gulim", "Symbol") whose glyphs cover the run. Ends in the base font. Statuses as EncodeRtfText.
+// With `repairs` wanted, a code page's bytes below 32, its braces and its backslashes (a double-byte
+// code page's trail bytes can be any of these) are escaped as "\'hh" too.
 int32_t EncodeRtfUnicode(GrowBuffer* out, RtfFontTable& table, int32_t& current_font, const char16_t* text,
-                         size_t count);
+                         size_t count, Repairs* repairs = nullptr);
 
 }  // namespace tarn
 

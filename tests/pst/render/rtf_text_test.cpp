@@ -50,7 +50,7 @@ struct Encoded {
 // Parses `table_rtf` (none when empty) as the body's font table and writes each value in turn, with
 // the `fail_nth` allocation from then on made to fail (0: none).
 Encoded Encode(const std::string& table_rtf, uint32_t document_code_page, int32_t current_font,
-               const std::vector<std::string>& values, uint32_t fail_nth = 0) {
+               const std::vector<std::string>& values, uint32_t fail_nth = 0, Repairs* repairs = nullptr) {
     RtfFontTable table;
     if (!table_rtf.empty()) {
         const char* position = table_rtf.data();
@@ -59,7 +59,7 @@ Encoded Encode(const std::string& table_rtf, uint32_t document_code_page, int32_
     table.document_code_page = document_code_page;
     GrowBuffer out;
     out.Init(0, 64);
-    RtfTextState state{&out, &table, current_font};
+    RtfTextState state{&out, &table, current_font, repairs};
     Encoded result{kStatusOk, {}, {}};
     krnctlFailAllocation(fail_nth);
     for (const std::string& value : values) {
@@ -91,7 +91,8 @@ TEST_F(RtfTextFixed, LabelsAndValuesOfEveryScript) {
         const char* name;
         std::string utf8;
         std::string rtf;
-        std::string added;  // fonts the table text gains, before its closing brace
+        std::string added;          // fonts the table text gains, before its closing brace
+        std::string repaired = "";  // the text when repairs are wanted, where it differs
     };
     const Case cases[] = {
         {"ASCII as it is", "From:      ", "From:      ", ""},
@@ -103,7 +104,7 @@ TEST_F(RtfTextFixed, LabelsAndValuesOfEveryScript) {
         {"Japanese label in Shift-JIS behind an added font", "\xE5\xB7\xAE\xE5\x87\xBA\xE4\xBA\xBA:  ",
          R"(\f2 \'8d\'b7\'8fo\'90l\f0 :  )", R"({\f2 \swiss \fcharset128 MS Gothic})"},
         {"a trail byte that is a backslash stays raw, as code-page bytes below 128 do", "\xE3\x82\xBD",
-         R"(\f2 \'83\\f0 )", R"({\f2 \swiss \fcharset128 MS Gothic})"},
+         R"(\f2 \'83\\f0 )", R"({\f2 \swiss \fcharset128 MS Gothic})", R"(\f2 \'83\'5c\f0 )"},
         {"Chinese has no usable code page: Unicode in the table's covering font",
          "\xE5\x8F\x91\xE4\xBB\xB6\xE4\xBA\xBA:  ",
          R"(\f1 \u21457 ?\u20214 ?\u20154 ?\u58 ?\u32 ?\u32 ?\f0 )", ""},
@@ -119,7 +120,8 @@ TEST_F(RtfTextFixed, LabelsAndValuesOfEveryScript) {
         {"Cyrillic goes to the first usable code page that holds it: Shift-JIS",
          "\xD0\xB8 \xD1\x80\xD1\x83\xD1\x81\xD1\x81\xD0\xBA\xD0\xB8\xD0\xB9",
          R"(\f2 \'84y\f0  \f2 \'84\'82\'84\'85\'84\'83\'84\'83\'84{\'84y\'84z\f0 )",
-         R"({\f2 \swiss \fcharset128 MS Gothic})"},
+         R"({\f2 \swiss \fcharset128 MS Gothic})",
+         R"(\f2 \'84y\f0  \f2 \'84\'82\'84\'85\'84\'83\'84\'83\'84\'7b\'84y\'84z\f0 )"},
         {"Romanian label: the letter no code page holds goes by glyphs, in the base font that has them",
          "Importan\xC8\x9B\xC4\x83:", R"(Importan\u539 ?\u259 ?\u58 ?)", ""},
         {"Japanese between Latin: the stretch takes the ASCII between runs", "x \xE3\x81\x82 y \xE3\x82\xA2",
@@ -135,6 +137,10 @@ TEST_F(RtfTextFixed, LabelsAndValuesOfEveryScript) {
         std::string table = kTable;
         table.insert(table.size() - 1, c.added);
         EXPECT_EQ(e.table_text, table);
+        Repairs repairs(true);
+        EXPECT_EQ(Encode(kTable, 1252, 0, {c.utf8}, 0, &repairs).rtf,
+                  c.repaired.empty() ? c.rtf : c.repaired);
+        EXPECT_EQ(repairs.MadeNames(), c.repaired.empty() ? "" : "rtf-header-escape");
     }
 }
 
