@@ -12,6 +12,7 @@ namespace tarn {
 namespace {
 
 constexpr size_t kBodyGrowthStep = 1024;
+constexpr size_t kHeaderGrowthStep = 32;
 
 struct TypeName {
     std::string_view name;
@@ -130,7 +131,8 @@ int32_t EmlReader::ReadHeaderFields(std::string_view block) {
     for (const FieldName& field : kMessageFields) {
         if (!FindHeaderField(block, field.name, &value)) continue;
         GrowBuffer decoded;
-        int32_t status = decoded.Init(0, 0);
+        // Decoded words are rarely longer than their encoded form; a value converted to UTF-8 grows in steps.
+        int32_t status = decoded.Init(value.size(), kHeaderGrowthStep);
         if (status == kStatusOk) status = DecodeEncodedWords(value, &decoded);
         if (status != kStatusOk) return status;
         if (AssignBytes(record_.header[field.slot], decoded.data(), decoded.length()) != kStatusOk)

@@ -273,6 +273,17 @@ TEST(ReadEmlBytes, BoundsTheWork) {
     EXPECT_EQ(many.status, kStatusOk);
     EXPECT_EQ(many.body, "part 99999");
     EXPECT_EQ(many.parts.size(), 100'001u);
+
+    // 20,000 openers that begin no word are copied as text into a field that grows in steps, not by
+    // one reallocation a piece.
+    std::string subject = "Subject:";
+    for (int i = 0; i < 20'000; ++i) subject += " =?x?q?";
+    const std::string message = WriteMessage({subject}, Text("x"));
+    const uint64_t before = krnctlAllocationCount();
+    Read openers;
+    ReadInto(message, openers);
+    EXPECT_LT(krnctlAllocationCount() - before, 1000u);
+    EXPECT_TRUE("Subject: " + std::string(openers.record.header[kSlotSubject].text()) == subject);
 }
 
 TEST(ReadEmlMessage, ReadsTheFileWholeOrFails) {

@@ -53,6 +53,12 @@ TEST(GrowBuffer, GrowsByItsStepAndDoublesItEvery21Reallocations) {
     EXPECT_EQ(buffer.length(), 0u);
     EXPECT_EQ(buffer.capacity(), 107u);
     EXPECT_EQ(buffer.growth_step(), 7u);
+
+    // A buffer made with step 0 that keeps growing gets a step: its appends do not each reallocate.
+    ASSERT_EQ(buffer.Init(0, 0), kStatusOk);
+    const uint64_t before = krnctlAllocationCount();
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(buffer.AppendByte(0), kStatusOk);
+    EXPECT_LT(krnctlAllocationCount() - before, 100u);
 }
 
 TEST(GrowBuffer, AppendsAssignsAndTerminates) {
