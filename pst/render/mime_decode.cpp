@@ -39,8 +39,8 @@ int32_t AppendWordText(GrowBuffer& decoded, CharsetCode charset, GrowBuffer& out
     CountedString text;
     decoded.MoveInto(text);
     const int32_t status = ConvertToUtf8(&text, &charset, true);
+    // Memory running out ends the read; a set that cannot be converted leaves the text as it decoded.
     if (status == kStatusFailure) return status;
-    // Any other failure leaves the text as it decoded.
     return out.Append(text.data(), text.TextLength());
 }
 
