@@ -31,19 +31,22 @@ int32_t LeadingNumber(std::string_view text) {
 
 bool IsTrailingSpace(char c) { return c == '\r' || c == '\n' || c == '\t' || c == ' '; }
 
-// Appends `bytes`, decoded in `code_page`, as UTF-8.
+// Appends `bytes`, decoded in `code_page`, as UTF-8. A code page that the platform cannot convert is
+// -1851, not -1: callers keep such text as it is, but end their work when memory runs out.
 int32_t AppendConverted(std::string_view bytes, int32_t code_page, GrowBuffer& out) {
     if (bytes.empty()) return kStatusOk;
     if (bytes.size() > static_cast<size_t>(INT_MAX)) return kStatusFailure;
     const auto page = static_cast<uint32_t>(code_page);
     const int source_bytes = static_cast<int>(bytes.size());
+    // Without flags invalid bytes become U+FFFD, so only a page without a converter gives nothing.
     const int units = platform::MultiByteToWideChar(page, 0, bytes.data(), source_bytes, nullptr, 0);
-    if (units <= 0 || static_cast<size_t>(units) > static_cast<size_t>(INT32_MAX) / kUtf8BytesPerUnit)
+    if (units <= 0) return kStatusConversionFailed;
+    if (static_cast<size_t>(units) > static_cast<size_t>(INT32_MAX) / kUtf8BytesPerUnit)
         return kStatusFailure;
     KernelArray<char16_t> wide;
     if (!wide.allocate(static_cast<size_t>(units))) return kStatusFailure;
     if (platform::MultiByteToWideChar(page, 0, bytes.data(), source_bytes, wide.data(), units) != units)
-        return kStatusFailure;
+        return kStatusConversionFailed;
 
     const int32_t capacity = units * static_cast<int32_t>(kUtf8BytesPerUnit);
     KernelArray<char> utf8;

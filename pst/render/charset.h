@@ -53,9 +53,10 @@ int32_t FindCharsetDeclaration(std::string_view text, CharsetCode* out);
 // does not hold the name is converted whole. Nothing declared, UTF-8 and unrecognised sets are left
 // alone.
 //
-// A terminating NUL stays. 1; -814 for a null or empty body or a null charset; -1 when memory runs out
-// or the code page cannot convert the bytes; -1851 when the kernel's UTF-16 to UTF-8 conversion fails.
-// The body is unchanged unless the result is 1.
+// A terminating NUL stays. 1; -814 for a null or empty body or a null charset; -1 when memory runs out;
+// -1851 when the text cannot be converted (a code page without a converter, such as the 31 of
+// "windows-31j", or a failed UTF-16 to UTF-8 conversion). Callers keep text they cannot convert, but a
+// -1 ends their work. The body is unchanged unless the result is 1.
 int32_t ConvertToUtf8(CountedString* body, CharsetCode* charset, bool rewrite_declaration);
 
 // The declaration EnsureUtf8Meta inserts (65 bytes).

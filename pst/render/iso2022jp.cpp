@@ -57,7 +57,7 @@ int32_t FlushUnits(const char16_t* units, size_t count, GrowBuffer& out) {
     char bytes[kChunkUnits * 3];
     const int written = platform::WideCharToMultiByte(platform::kCpUtf8, 0, units, static_cast<int>(count),
                                                       bytes, sizeof bytes, nullptr, nullptr);
-    if (written <= 0) return kStatusFailure;
+    if (written <= 0) return kStatusConversionFailed;
     return out.Append(bytes, static_cast<size_t>(written));
 }
 

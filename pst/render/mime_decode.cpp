@@ -39,8 +39,8 @@ int32_t AppendWordText(GrowBuffer& decoded, CharsetCode charset, GrowBuffer& out
     CountedString text;
     decoded.MoveInto(text);
     const int32_t status = ConvertToUtf8(&text, &charset, true);
+    // Memory running out ends the read; a set that cannot be converted leaves the text as it decoded.
     if (status == kStatusFailure) return status;
-    // Any other failure leaves the text as it decoded.
     return out.Append(text.data(), text.TextLength());
 }
 
@@ -143,15 +143,18 @@ int32_t DecodeEncodedWords(std::string_view value, GrowBuffer* out) {
         const size_t charset_end = value.find('?', open + 2);
         const bool shaped = charset_end != std::string_view::npos && charset_end + 2 < value.size() &&
                             value[charset_end + 2] == '?';
-        const size_t close = shaped ? value.find("?=", charset_end + 3) : std::string_view::npos;
         const char letter = shaped ? value[charset_end + 1] : '\0';
-        if (close == std::string_view::npos || (letter != 'B' && letter != 'Q')) {
+        if (letter != 'B' && letter != 'Q') {
             // Not a word this reader decodes: the "=?" is text, and the search goes on behind it.
             if (const int32_t status = out->Append(value.substr(at, open + 2 - at)); status != kStatusOk)
                 return status;
             at = open + 2;
             continue;
         }
+        const size_t close = value.find("?=", charset_end + 3);
+        // No "?=" behind this word means none behind any later one either: the rest is text. Searching
+        // again from every later "=?" would make a long unclosed value cost its length squared.
+        if (close == std::string_view::npos) break;
         if (const int32_t status = out->Append(value.substr(at, open - at)); status != kStatusOk)
             return status;
         const std::string_view text = value.substr(charset_end + 3, close - charset_end - 3);

@@ -12,6 +12,7 @@ namespace tarn {
 namespace {
 
 constexpr size_t kBodyGrowthStep = 1024;
+constexpr size_t kHeaderGrowthStep = 32;
 
 struct TypeName {
     std::string_view name;
@@ -44,6 +45,7 @@ constexpr FieldName kMessageFields[] = {
 constexpr HeaderSlot kConvertedSlots[] = {kSlotFrom, kSlotTo, kSlotSubject, kSlotSent, kSlotCc, kSlotBcc};
 
 constexpr std::string_view kDoctype = "<!DOCTYPE html";
+constexpr const char* kOutOfMemoryFate = "not read: memory ran out; the reading ended here";
 
 std::string_view TrimSpace(std::string_view text) {
     const size_t first = text.find_first_not_of(" \t\r\n");
@@ -105,7 +107,7 @@ class EmlReader {
   private:
     int32_t ReadHeaderFields(std::string_view block);
     int32_t ReadLeaf(size_t begin, size_t end, int depth);
-    void ConvertHeaderFields(CharsetCode charset);
+    int32_t ConvertHeaderFields(CharsetCode charset);
     int32_t TakeText(MimeType type, CharsetCode charset, GrowBuffer& content, MimePartReport& report);
     void TakeImage(const GrowBuffer& content, MimePartReport& report);
     MimePartReport* Report(MimePartReport report);
@@ -130,7 +132,8 @@ int32_t EmlReader::ReadHeaderFields(std::string_view block) {
     for (const FieldName& field : kMessageFields) {
         if (!FindHeaderField(block, field.name, &value)) continue;
         GrowBuffer decoded;
-        int32_t status = decoded.Init(0, 0);
+        // Decoded words are rarely longer than their encoded form; a value converted to UTF-8 grows in steps.
+        int32_t status = decoded.Init(value.size(), kHeaderGrowthStep);
         if (status == kStatusOk) status = DecodeEncodedWords(value, &decoded);
         if (status != kStatusOk) return status;
         if (AssignBytes(record_.header[field.slot], decoded.data(), decoded.length()) != kStatusOk)
@@ -139,23 +142,27 @@ int32_t EmlReader::ReadHeaderFields(std::string_view block) {
     return kStatusOk;
 }
 
-void EmlReader::ConvertHeaderFields(CharsetCode charset) {
+int32_t EmlReader::ConvertHeaderFields(CharsetCode charset) {
     if (headers_converted_ || charset.code == kCharsetNone || charset.code == kCharsetUtf8 ||
         charset.code == kCharsetUsAscii)
-        return;
+        return kStatusOk;
     headers_converted_ = true;
     for (const HeaderSlot slot : kConvertedSlots) {
         if (record_.header[slot].size() == 0) continue;
         CharsetCode copy = charset;
-        // A field that cannot be converted keeps its bytes, as a body does.
-        (void)ConvertToUtf8(&record_.header[slot], &copy, true);
+        // A field that cannot be converted keeps its bytes, as a body does; memory running out ends the read.
+        if (ConvertToUtf8(&record_.header[slot], &copy, true) == kStatusFailure) return kStatusFailure;
     }
+    return kStatusOk;
 }
 
 int32_t EmlReader::TakeText(MimeType type, CharsetCode charset, GrowBuffer& content, MimePartReport& report) {
     // The first text part that names a set other than UTF-8 and US-ASCII converts the header fields,
     // whether or not it becomes the body.
-    ConvertHeaderFields(charset);
+    if (const int32_t status = ConvertHeaderFields(charset); status != kStatusOk) {
+        report.fate = kOutOfMemoryFate;
+        return status;
+    }
     if (type == kMimeTextPlain && *body_format_ == kBodyHtml && record_.document.TextLength() != 0) {
         report.fate = "ignored: text/plain after an HTML body";
         return kStatusOk;
@@ -169,10 +176,13 @@ int32_t EmlReader::TakeText(MimeType type, CharsetCode charset, GrowBuffer& cont
     }
     CountedString body;
     content.MoveInto(body);
-    report.fate = "body";
-    // -1 is also the code page's refusal: the part then shows as it was written.
-    if (ConvertToUtf8(&body, &charset, true) != kStatusOk)
-        report.fate = "body, its character set not converted";
+    // A set that cannot be converted shows as it was written; memory running out ends the read.
+    const int32_t converted = ConvertToUtf8(&body, &charset, true);
+    if (converted == kStatusFailure) {
+        report.fate = kOutOfMemoryFate;
+        return converted;
+    }
+    report.fate = converted == kStatusOk ? "body" : "body, its character set not converted";
     if (type == kMimeTextHtml) {
         record_.document = std::move(body);
         record_.text_body.Release();
@@ -288,16 +298,21 @@ int32_t EmlReader::Read() {
     if (boundary.empty() || rfc822) return ReadLeaf(0, text_.size(), 0);
 
     std::vector<Frame> stack;
-    auto push = [&](size_t begin, size_t end, std::string_view headers_type, std::string_view part_boundary,
-                    int depth) {
+    // Reports a multipart; its index in the reports, -1 when parts are not listed.
+    auto report_multipart = [&](std::string_view headers_type, int depth, const char* fate) {
         MimePartReport report;
         report.depth = depth;
         report.content_type = TrimSpace(headers_type.substr(0, headers_type.find(';')));
         report.type = kMimeOther;
-        report.fate = "multipart";
+        report.fate = fate;
         const ptrdiff_t index =
             options_.parts != nullptr ? static_cast<ptrdiff_t>(options_.parts->size()) : -1;
         Report(std::move(report));
+        return index;
+    };
+    auto push = [&](size_t begin, size_t end, std::string_view headers_type, std::string_view part_boundary,
+                    int depth) {
+        const ptrdiff_t index = report_multipart(headers_type, depth, "multipart");
         stack.push_back(Frame{begin, end, "\r\n--" + std::string(part_boundary), depth, 0, index});
     };
     // Says in a multipart's report why none of its parts was found.
@@ -349,7 +364,12 @@ int32_t EmlReader::Read() {
             if (const int32_t status = ReadLeaf(begin, end, depth); status != kStatusOk) return status;
             continue;
         }
-        if (depth > kMaxMimeDepth) return kStatusUnsupported;
+        if (depth > kMaxMimeDepth) {
+            // Only the subtree is lost: a body found before it, or after it, is still the message's.
+            report_multipart(part_type, depth,
+                             "ignored: a multipart nested too deep; its parts were not read");
+            continue;
+        }
         push(begin, end, part_type, part_boundary, depth);  // `frame` is not used after this
     }
     return kStatusOk;

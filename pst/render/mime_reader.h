@@ -15,8 +15,8 @@
 
 namespace tarn {
 
-// Multiparts nested deeper than this end the reading: no mail program writes them, and the walk keeps
-// one frame a level.
+// Multiparts nested deeper than this are skipped, with all their parts: no mail program writes them, and
+// the walk keeps one frame a level.
 constexpr int kMaxMimeDepth = 32;
 
 // The content types the reader tells apart, compared without regard to case over the name's length
@@ -71,7 +71,8 @@ struct MimeReadOptions {
 //
 // A multipart's parts are found by its delimiter, CR LF "--" and the boundary: a message whose lines
 // end in LF alone has no parts found and so no body. A last part whose closing delimiter never comes
-// runs to the end. 1; -9 for multiparts nested deeper than kMaxMimeDepth; -1 when memory runs out.
+// runs to the end. Multiparts nested deeper than kMaxMimeDepth are skipped. Text in a character set
+// without a converter is kept as written. 1; -1 when memory runs out, which ends the read.
 int32_t ReadEmlBytes(std::string_view bytes, MessageDocument& record, int32_t* body_format,
                      const MimeReadOptions& options = {});
 

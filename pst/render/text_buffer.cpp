@@ -51,7 +51,9 @@ bool GrowBuffer::Reserve(size_t needed) {
     if (zero_fill_) std::memset(data_ + old_capacity, 0, new_capacity - old_capacity);
     if (++reallocations_ == kReallocationsPerDoubling) {
         reallocations_ = 0;
-        growth_step_ = std::min(growth_step_ * 2, kMaxBufferBytes);
+        // A buffer made with step 0 expects one exact fill; one that keeps growing gets a step, or every
+        // later append would reallocate and copy it all.
+        growth_step_ = growth_step_ == 0 ? kStepAfterZero : std::min(growth_step_ * 2, kMaxBufferBytes);
     }
     return true;
 }

@@ -25,6 +25,8 @@ constexpr size_t kAccountThreshold = 8'000'000;
 constexpr size_t kMaxBufferBytes = 0x7FFFFFFF;
 // Every this many reallocations the growth step doubles, so that long documents grow in fewer steps.
 constexpr uint32_t kReallocationsPerDoubling = 21;
+// What a step of 0 becomes where others double, so that it does not stay 0.
+constexpr size_t kStepAfterZero = 32;
 
 class GrowBuffer {
   public:

@@ -31,8 +31,6 @@ inline std::u16string Wide(const std::filesystem::path& path) {
     return platform::Utf16FromUtf8(path.string());
 }
 
-// A line of `tarnview list`: its fields split at the tabs, with the escapes inside them (\t, \r, \n and
-// \\) undone.
 // The bytes that a text of hexadecimal digit pairs (as the oracle scripts print them) stands for.
 inline std::string FromHex(const std::string& hex) {
     std::string out;
@@ -41,6 +39,8 @@ inline std::string FromHex(const std::string& hex) {
     return out;
 }
 
+// A line of `tarnview list`: its fields split at the tabs, with the escapes inside them undone (\t, \r,
+// \n and \\; \xHH for a byte, \uHHHH for a character).
 inline std::vector<std::string> ListFields(const std::string& line) {
     std::vector<std::string> fields(1);
     for (size_t i = 0; i < line.size(); ++i) {
@@ -48,7 +48,15 @@ inline std::vector<std::string> ListFields(const std::string& line) {
             fields.emplace_back();
         } else if (line[i] == '\\' && i + 1 < line.size()) {
             const char next = line[++i];
-            fields.back() += next == 't' ? '\t' : next == 'r' ? '\r' : next == 'n' ? '\n' : next;
+            const size_t digits = next == 'x' ? 2 : next == 'u' ? 4 : 0;
+            if (digits != 0 && i + digits < line.size()) {
+                const auto value = static_cast<char16_t>(std::stoi(line.substr(i + 1, digits), nullptr, 16));
+                fields.back() += digits == 2 ? std::string(1, static_cast<char>(value))
+                                             : platform::Utf8FromUtf16(std::u16string(1, value)).value_or("");
+                i += digits;
+            } else {
+                fields.back() += next == 't' ? '\t' : next == 'r' ? '\r' : next == 'n' ? '\n' : next;
+            }
         } else {
             fields.back() += line[i];
         }

@@ -69,7 +69,7 @@ TEST(TarnviewList, ADamagedFolderIsNamedOnStderrAndTheRestIsListed) {
     ScratchDir dir;
     StoreDescription store;
     store.folders = {{"Inbox", {Message("a1", "Ann"), Message("LocalFreebusy", "Ann"), Message("a2", "Ann")}},
-                     {"Archive", {Message("b1", "Bob"), Message("b2", "Bob")}},
+                     {"Arch\x1B[2Jive", {Message("b1", "Bob"), Message("b2", "Bob")}},
                      {"Sent Items", {Message("c1", "Cid")}}};
     fixture::StoreMap map;
     fixture::PstImage image = fixture::WritePst(fixture::DescribeStore(store, &map));
@@ -94,7 +94,8 @@ TEST(TarnviewList, ADamagedFolderIsNamedOnStderrAndTheRestIsListed) {
                                                                  {"1", "Inbox", "a2", "Ann", ""},
                                                                  {"2", "Sent Items", "c1", "Cid", ""}};
     EXPECT_EQ(rows, expected_rows);
-    EXPECT_EQ(listed.errors, "tarnview list: " + damaged.string() + ": folder \"Archive\" (nid " +
+    // The folder's name reaches stderr with its escape sequence made visible.
+    EXPECT_EQ(listed.errors, "tarnview list: " + damaged.string() + ": folder \"Arch\\x1B[2Jive\" (nid " +
                                  Hex(map.folders[1]) + "): invalid heap_sig\n");
 }
 
@@ -134,13 +135,18 @@ TEST(TarnviewList, AFailingNodeBTreeEndsTheWalkAndSaysSo) {
     EXPECT_NE(listed.errors.find("; the walk ended there\n"), std::string::npos) << listed.errors;
 }
 
-TEST(TarnviewList, ValuesWithLineBreaksTabsAndBackslashesStayOnOneLine) {
+TEST(TarnviewList, ValuesStayOnOneLineWithTheirControlCharactersVisible) {
     ScratchDir dir;
-    // Each value is the writer's own, so what the list gives back after unescaping must equal it.
+    // Each value is the writer's own, so what the list gives back after unescaping must equal it; the
+    // C1 and bidirectional controls exist only in the Unicode layout.
     const std::vector<std::pair<std::string, std::string>> values = {
         {"tab\there", "line\nfeed"},
         {"carriage\rreturn", "back\\slash \\t not a tab"},
         {"\t\r\n\\", "plain"},
+        {"\x1B]0;title\x07 \x1B[2J", "del\x7F"},
+        {"csi \xC2\x9B"
+         "2J",
+         "reversed \xE2\x80\xAEtxt.exe \xE2\x81\xA6"},
     };
     StoreDescription store;
     store.folders = {{"In\tbox\n", {}}};
@@ -153,10 +159,15 @@ TEST(TarnviewList, ValuesWithLineBreaksTabsAndBackslashesStayOnOneLine) {
         EXPECT_EQ(listed.exit_status, 0) << listed.errors;
         ASSERT_EQ(listed.lines.size(), values.size());
         for (size_t i = 0; i < values.size(); ++i) {
-            const std::vector<std::string> fields = ListFields(listed.lines[i]);
-            ASSERT_EQ(fields.size(), 5u) << listed.lines[i];
+            const std::string& line = listed.lines[i];
+            for (const std::string control :
+                 {"\x1B", "\x07", "\x7F", "\xC2\x9B", "\xE2\x80\xAE", "\xE2\x81\xA6"})
+                EXPECT_EQ(line.find(control), std::string::npos) << line;
+            const std::vector<std::string> fields = ListFields(line);
+            ASSERT_EQ(fields.size(), 5u) << line;
             EXPECT_EQ(fields[0], std::to_string(i));
             EXPECT_EQ(fields[1], "In\tbox\n");
+            if (layout == fixture::PstLayout::kAnsi && i == values.size() - 1) continue;
             EXPECT_EQ(fields[2], values[i].first);
             EXPECT_EQ(fields[3], values[i].second);
         }

@@ -15,6 +15,7 @@
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
 #include "tools/tarnview/json.h"
+#include "tools/tarnview/terminal_text.h"
 
 namespace tarnview {
 namespace {
@@ -115,10 +116,10 @@ int ListDirectory(const CompoundStorage& storage, bool json) {
     // A file whose directory chain holds no entry opens with nothing in it, not even a root.
     if (storage.directory().size() == 0) return 0;
     const DirectoryEntry& root = storage.directory().entry(0);
-    std::printf("%-40s %-8s %10llu %10s\n", Printable(root.name()).c_str(), TypeName(root),
+    std::printf("%-40s %-8s %10llu %10s\n", TerminalText(Printable(root.name())).c_str(), TypeName(root),
                 static_cast<unsigned long long>(root.size), StartText(root.start_sector).c_str());
     return storage.directory().walk([&](std::string_view, const DirectoryEntry& e, size_t, size_t depth) {
-        std::string label = std::string(2 * depth, ' ') + Printable(e.name());
+        std::string label = std::string(2 * depth, ' ') + TerminalText(Printable(e.name()));
         if (e.is_directory) label += '/';
         std::printf("%-40s %-8s %10llu %10s\n", label.c_str(), TypeName(e),
                     static_cast<unsigned long long>(e.size), StartText(e.start_sector).c_str());
@@ -131,17 +132,19 @@ int WriteStream(const CompoundStorage& storage, const Options& options) {
     const std::string& path = *options.path;
     const DirectoryEntry* e = storage.find_entry(path);
     if (e == nullptr) {
-        std::fprintf(stderr, "tarnview cfb: %s: no entry '%s'\n", options.file.c_str(), path.c_str());
+        std::fprintf(stderr, "tarnview cfb: %s: no entry '%s'\n", TerminalText(options.file).c_str(),
+                     TerminalText(path).c_str());
         return 1;
     }
     if (e->is_directory) {
-        std::fprintf(stderr, "tarnview cfb: %s: '%s' is a storage, not a stream\n", options.file.c_str(),
-                     path.c_str());
+        std::fprintf(stderr, "tarnview cfb: %s: '%s' is a storage, not a stream\n",
+                     TerminalText(options.file).c_str(), TerminalText(path).c_str());
         return 1;
     }
     auto stream = CompoundStream::open(storage, path);
     if (!stream) {
-        std::fprintf(stderr, "tarnview cfb: %s: '%s': out of memory\n", options.file.c_str(), path.c_str());
+        std::fprintf(stderr, "tarnview cfb: %s: '%s': out of memory\n", TerminalText(options.file).c_str(),
+                     TerminalText(path).c_str());
         return 1;
     }
     std::vector<char> buffer(1 << 16);
@@ -152,8 +155,8 @@ int WriteStream(const CompoundStorage& storage, const Options& options) {
     }
     if (at < stream->size()) {
         std::fprintf(stderr, "tarnview cfb: %s: '%s': short stream, %llu of %llu bytes\n",
-                     options.file.c_str(), path.c_str(), static_cast<unsigned long long>(at),
-                     static_cast<unsigned long long>(stream->size()));
+                     TerminalText(options.file).c_str(), TerminalText(path).c_str(),
+                     static_cast<unsigned long long>(at), static_cast<unsigned long long>(stream->size()));
         return 1;
     }
     return 0;
@@ -167,14 +170,15 @@ int RunCfb(const Args& args) {
     std::u16string wide = tarn::host::WideFromUtf8(options->file);
     krn_handle handle = krnOpenFile(wide.c_str(), 0, tarn::kOpenShareMode);
     if (handle == KRN_NO_HANDLE) {
-        std::fprintf(stderr, "tarnview cfb: %s: cannot open\n", options->file.c_str());
+        std::fprintf(stderr, "tarnview cfb: %s: cannot open\n", TerminalText(options->file).c_str());
         return 1;
     }
     int status = 1;
     {
         CompoundStorage storage(handle);
         if (!storage.open())
-            std::fprintf(stderr, "tarnview cfb: %s: %s\n", options->file.c_str(), Reason(storage.result()));
+            std::fprintf(stderr, "tarnview cfb: %s: %s\n", TerminalText(options->file).c_str(),
+                         Reason(storage.result()));
         else
             status = options->path ? WriteStream(storage, *options) : ListDirectory(storage, options->json);
     }

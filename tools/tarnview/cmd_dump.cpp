@@ -17,6 +17,7 @@
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
 #include "tools/tarnview/json.h"
+#include "tools/tarnview/terminal_text.h"
 
 namespace tarnview {
 namespace {
@@ -203,7 +204,7 @@ void WalkNodes(ndb::db_context& db, Emit emit, PageError page_error) {
 
 int DumpText(const Options& options, const Header& h, const std::shared_ptr<ndb::db_context>& db,
              const std::string& open_error) {
-    std::printf("file: %s\n", options.file.c_str());
+    std::printf("file: %s\n", TerminalText(options.file).c_str());
     std::printf("layout: %s (wVer %u)\n", h.unicode ? "Unicode" : "ANSI", h.version);
     std::printf("encoding: %s (bCryptMethod %u)\n", EncodingName(h.crypt_method), h.crypt_method);
     std::printf("magic: %s\n", h.magic == tarn::kPstSignatureWord ? "!BDN" : Hex(h.magic).c_str());
@@ -214,7 +215,8 @@ int DumpText(const Options& options, const Header& h, const std::shared_ptr<ndb:
     std::printf("block b-tree root: page %s at %s\n", Hex(h.bbt_root.id).c_str(),
                 Hex(h.bbt_root.address).c_str());
     if (!db) {
-        std::fprintf(stderr, "tarnview dump: %s: %s\n", options.file.c_str(), open_error.c_str());
+        std::fprintf(stderr, "tarnview dump: %s: %s\n", TerminalText(options.file).c_str(),
+                     TerminalText(open_error).c_str());
         return 1;
     }
     std::printf("nodes:\n  %-10s  %-26s %-10s  %-10s  %10s  %8s\n", "id", "type", "parent", "data", "size",
@@ -228,9 +230,9 @@ int DumpText(const Options& options, const Header& h, const std::shared_ptr<ndb:
             if (!line.error.empty()) {
                 ++failed;
                 std::printf("  0x%08x  %-26s 0x%08x  %-10s  error: %s\n", i.id, TypeName(i.id), i.parent_id,
-                            Hex(i.data_bid).c_str(), line.error.c_str());
-                std::fprintf(stderr, "tarnview dump: %s: node 0x%x: %s\n", options.file.c_str(), i.id,
-                             line.error.c_str());
+                            Hex(i.data_bid).c_str(), TerminalText(line.error).c_str());
+                std::fprintf(stderr, "tarnview dump: %s: node 0x%x: %s\n", TerminalText(options.file).c_str(),
+                             i.id, TerminalText(line.error).c_str());
                 return;
             }
             std::printf("  0x%08x  %-26s 0x%08x  %-10s  %10zu  %8zu\n", i.id, TypeName(i.id), i.parent_id,
@@ -238,9 +240,11 @@ int DumpText(const Options& options, const Header& h, const std::shared_ptr<ndb:
         },
         [&](uint64_t address, const std::string& error) {
             ++failed;
-            std::printf("  node b-tree page at %s  error: %s\n", Hex(address).c_str(), error.c_str());
-            std::fprintf(stderr, "tarnview dump: %s: node b-tree page at %s: %s\n", options.file.c_str(),
-                         Hex(address).c_str(), error.c_str());
+            std::printf("  node b-tree page at %s  error: %s\n", Hex(address).c_str(),
+                        TerminalText(error).c_str());
+            std::fprintf(stderr, "tarnview dump: %s: node b-tree page at %s: %s\n",
+                         TerminalText(options.file).c_str(), Hex(address).c_str(),
+                         TerminalText(error).c_str());
         });
     std::printf("%zu nodes, %zu unreadable\n", count, failed);
     return failed == 0 ? 0 : 1;
@@ -299,7 +303,9 @@ int DumpJson(const Options& options, const Header& h, const std::shared_ptr<ndb:
     w.EndObject();
     std::cout << "\n";
     std::cout.flush();
-    if (!db) std::fprintf(stderr, "tarnview dump: %s: %s\n", options.file.c_str(), open_error.c_str());
+    if (!db)
+        std::fprintf(stderr, "tarnview dump: %s: %s\n", TerminalText(options.file).c_str(),
+                     TerminalText(open_error).c_str());
     return failed == 0 ? 0 : 1;
 }
 
@@ -314,7 +320,8 @@ int RunDump(const Args& args) {
     try {
         header = ReadHeader(path);
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "tarnview dump: %s: header: %s\n", options->file.c_str(), e.what());
+        std::fprintf(stderr, "tarnview dump: %s: header: %s\n", TerminalText(options->file).c_str(),
+                     TerminalText(e.what()).c_str());
         return 1;
     }
     std::shared_ptr<ndb::db_context> db;

@@ -18,6 +18,7 @@
 #include "tools/tarnview/filter_library.h"
 #include "tools/tarnview/json.h"
 #include "tools/tarnview/language.h"
+#include "tools/tarnview/terminal_text.h"
 
 namespace tarnview {
 namespace {
@@ -61,14 +62,14 @@ int RunInfo(const Args& args) {
     std::string error;
     const std::string library = FilterLibraryPath();
     if (!LoadFilter(library, &entries, &error)) {
-        std::fprintf(stderr, "tarnview info: cannot load the filter: %s\n", error.c_str());
+        std::fprintf(stderr, "tarnview info: cannot load the filter: %s\n", TerminalText(error).c_str());
         return 1;
     }
 
     tarn::host::SourceSession session(tarn::host::WideFromUtf8(options->file));
     const krn_handle handle = krnOpenFile(session.name().c_str(), 0, tarn::kOpenShareMode);
     if (handle == KRN_NO_HANDLE) {
-        std::fprintf(stderr, "tarnview info: %s: cannot open\n", options->file.c_str());
+        std::fprintf(stderr, "tarnview info: %s: cannot open\n", TerminalText(options->file).c_str());
         return 1;
     }
     // What the filter will classify the source as; shown even when it cannot describe it.
@@ -84,7 +85,8 @@ int RunInfo(const Args& args) {
     const tarn::host::CallOutcome released = session.ReleaseSlot(entries);
 
     if (!outcome.returned()) {
-        std::fprintf(stderr, "tarnview info: %s: %s\n", options->file.c_str(), outcome.error.c_str());
+        std::fprintf(stderr, "tarnview info: %s: %s\n", TerminalText(options->file).c_str(),
+                     TerminalText(outcome.error).c_str());
         return 1;
     }
     const bool ok = outcome.status == tarn::kStatusOk;
@@ -106,7 +108,7 @@ int RunInfo(const Args& args) {
         json.EndObject();
         std::cout << '\n';
     } else {
-        std::printf("file        %s\n", options->file.c_str());
+        std::printf("file        %s\n", TerminalText(options->file).c_str());
         std::printf("kind        %d %s\n", shown_kind, KindName(shown_kind));
         std::printf("status      %d %s\n", outcome.status, tarn::StatusText(outcome.status));
         if (ok) {
@@ -120,12 +122,13 @@ int RunInfo(const Args& args) {
     std::fflush(stdout);
 
     if (!released.returned()) {
-        std::fprintf(stderr, "tarnview info: %s: %s\n", options->file.c_str(), released.error.c_str());
+        std::fprintf(stderr, "tarnview info: %s: %s\n", TerminalText(options->file).c_str(),
+                     TerminalText(released.error).c_str());
         return 1;
     }
     if (!ok) {
-        std::fprintf(stderr, "tarnview info: %s: fltInfo returned %d (%s)\n", options->file.c_str(),
-                     outcome.status, tarn::StatusText(outcome.status));
+        std::fprintf(stderr, "tarnview info: %s: fltInfo returned %d (%s)\n",
+                     TerminalText(options->file).c_str(), outcome.status, tarn::StatusText(outcome.status));
         return 1;
     }
     return 0;

@@ -28,6 +28,7 @@
 #include "tools/tarnview/json.h"
 #include "tools/tarnview/parallel_walk.h"
 #include "tools/tarnview/store_text.h"
+#include "tools/tarnview/terminal_text.h"
 
 namespace tarnview {
 namespace {
@@ -97,29 +98,6 @@ Fields ReadFields(const tarn::ltp::property_bag& message) {
     return out;
 }
 
-// One message, one line: the characters that would split a line or a field are written as C escapes,
-// and the backslash too, so that the value can be recovered exactly.
-void AppendEscaped(std::string& out, const std::string& value) {
-    for (const char c : value) {
-        switch (c) {
-            case '\t':
-                out += "\\t";
-                break;
-            case '\r':
-                out += "\\r";
-                break;
-            case '\n':
-                out += "\\n";
-                break;
-            case '\\':
-                out += "\\\\";
-                break;
-            default:
-                out += c;
-        }
-    }
-}
-
 // Folders carry no code page of their own: an 8-bit name is read in the page of the message at hand
 // (a store is written by one client in one page), or in 1252.
 std::string ReadFolderName(const tarn::ndb::db_ptr& db, tarn::ndb::node_id folder,
@@ -142,14 +120,14 @@ void ReportFailures(const std::string& file, const tarn::ndb::db_ptr& db,
                     const std::vector<tarn::WalkFailure>& failures) {
     for (const tarn::WalkFailure& f : failures) {
         if (!f.folder) {
-            std::fprintf(stderr, "tarnview list: %s: node b-tree: %s; the walk ended there\n", file.c_str(),
-                         f.error.c_str());
+            std::fprintf(stderr, "tarnview list: %s: node b-tree: %s; the walk ended there\n",
+                         TerminalText(file).c_str(), TerminalText(f.error).c_str());
             continue;
         }
         const std::optional<std::string> name = FolderName(db, *f.folder);
-        const std::string named = name ? "\"" + *name + "\" " : "";
-        std::fprintf(stderr, "tarnview list: %s: folder %s(nid 0x%x): %s\n", file.c_str(), named.c_str(),
-                     static_cast<unsigned>(*f.folder), f.error.c_str());
+        const std::string named = name ? "\"" + TerminalText(*name) + "\" " : "";
+        std::fprintf(stderr, "tarnview list: %s: folder %s(nid 0x%x): %s\n", TerminalText(file).c_str(),
+                     named.c_str(), static_cast<unsigned>(*f.folder), TerminalText(f.error).c_str());
     }
 }
 
@@ -163,8 +141,8 @@ int RunList(const Args& args) {
     try {
         db = tarn::ndb::open_database(tarn::host::WideFromUtf8(options->file));
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "tarnview list: %s: not a readable PST store: %s\n", options->file.c_str(),
-                     e.what());
+        std::fprintf(stderr, "tarnview list: %s: not a readable PST store: %s\n",
+                     TerminalText(options->file).c_str(), TerminalText(e.what()).c_str());
         return 1;
     }
     std::map<tarn::ndb::node_id, std::string> folder_names;
@@ -182,11 +160,11 @@ int RunList(const Args& args) {
             json.Field("bcc", e.bcc).Field("importance", e.importance);
             json.EndObject();
         } else {
-            // The text lines stay five columns; the other fields are in the JSON only.
+            // The text lines stay five columns, one message a line; the other fields are in the JSON only.
             line = std::to_string(index);
             for (const std::string* value : {&folder, &e.subject, &e.sender, &e.sent}) {
                 line += '\t';
-                AppendEscaped(line, *value);
+                AppendTerminalText(line, *value);
             }
             line += '\n';
             std::cout.write(line.data(), static_cast<std::streamsize>(line.size()));

@@ -15,6 +15,7 @@
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
 #include "tools/tarnview/json.h"
+#include "tools/tarnview/terminal_text.h"
 
 namespace tarnview {
 namespace {
@@ -35,35 +36,24 @@ const char* BodyName(int32_t format) {
     }
 }
 
-// Header values and names are the message's own bytes: anything outside printable ASCII is escaped, so
-// that one part stays one line.
-std::string Printable(std::string_view text) {
-    std::string out;
-    for (const unsigned char c : text) {
-        if (c >= 0x20 && c < 0x7F && c != '\\') {
-            out += static_cast<char>(c);
-        } else {
-            char escape[8];
-            std::snprintf(escape, sizeof escape, "\\x%02X", c);
-            out += escape;
-        }
-    }
-    return out;
-}
-
-void PrintText(const std::vector<tarn::MimePartReport>& parts, int32_t format, size_t body_size) {
+// Header values are the message's own bytes, in whatever set it declares: anything outside printable
+// ASCII is escaped, so that one part stays one line. `status` is what the reader gave.
+void PrintText(const std::vector<tarn::MimePartReport>& parts, int32_t format, size_t body_size,
+               int32_t status) {
     for (const tarn::MimePartReport& part : parts) {
         std::string line(static_cast<size_t>(part.depth) * 2, ' ');
-        line += part.content_type.empty() ? "(no content type)" : Printable(part.content_type);
-        if (!part.charset.empty()) line += "  charset=" + Printable(part.charset);
-        if (!part.transfer_encoding.empty()) line += "  encoding=" + Printable(part.transfer_encoding);
-        if (!part.content_id.empty()) line += "  id=" + Printable(part.content_id);
-        if (!part.location.empty()) line += "  location=" + Printable(part.location);
+        line += part.content_type.empty() ? "(no content type)" : AsciiText(part.content_type);
+        if (!part.charset.empty()) line += "  charset=" + AsciiText(part.charset);
+        if (!part.transfer_encoding.empty()) line += "  encoding=" + AsciiText(part.transfer_encoding);
+        if (!part.content_id.empty()) line += "  id=" + AsciiText(part.content_id);
+        if (!part.location.empty()) line += "  location=" + AsciiText(part.location);
         if (part.fate.rfind("multipart", 0) != 0) line += "  " + std::to_string(part.decoded_size) + " bytes";
         line += "  -> " + part.fate;
         std::printf("%s\n", line.c_str());
     }
-    if (format == tarn::kBodyNone)
+    if (status != tarn::kStatusOk)
+        std::printf("body: none (the reader ended with status %d: %s)\n", status, tarn::StatusText(status));
+    else if (format == tarn::kBodyNone)
         std::printf("body: none (the filter gives no document: status %d)\n", tarn::kStatusUnsupported);
     else
         std::printf("body: %s, %zu bytes before the header block\n", BodyName(format), body_size);
@@ -110,7 +100,7 @@ int RunParts(const Args& args) {
     const std::u16string wide = tarn::host::WideFromUtf8(options.file);
     tarn::KernelFileHandle handle(krnOpenFile(wide.c_str(), 0, tarn::kOpenShareMode));
     if (!handle.valid()) {
-        std::fprintf(stderr, "tarnview parts: %s: cannot be opened\n", options.file.c_str());
+        std::fprintf(stderr, "tarnview parts: %s: cannot be opened\n", TerminalText(options.file).c_str());
         return 1;
     }
     tarn::MessageDocument record;
@@ -121,9 +111,9 @@ int RunParts(const Args& args) {
     const int32_t status = tarn::ReadEmlMessage(handle.get(), record, &format, read_options);
     if (status != tarn::kStatusOk) {
         // What was walked before the reader gave up still helps to see why.
-        if (!options.json) PrintText(parts, tarn::kBodyNone, 0);
-        std::fprintf(stderr, "tarnview parts: %s: the reader gives status %d (%s)\n", options.file.c_str(),
-                     status, tarn::StatusText(status));
+        if (!options.json) PrintText(parts, tarn::kBodyNone, 0, status);
+        std::fprintf(stderr, "tarnview parts: %s: the reader gives status %d (%s)\n",
+                     TerminalText(options.file).c_str(), status, tarn::StatusText(status));
         return 1;
     }
     const size_t body_size = format == tarn::kBodyHtml        ? record.document.TextLength()
@@ -132,7 +122,7 @@ int RunParts(const Args& args) {
     if (options.json)
         PrintJson(options.file, parts, format, body_size);
     else
-        PrintText(parts, format, body_size);
+        PrintText(parts, format, body_size, status);
     return 0;
 }
 

@@ -17,6 +17,7 @@
 #include "tools/tarnview/documents.h"
 #include "tools/tarnview/filter_library.h"
 #include "tools/tarnview/language.h"
+#include "tools/tarnview/terminal_text.h"
 
 namespace tarnview {
 namespace {
@@ -53,7 +54,7 @@ int RunRender(const Args& args) {
     tarn::host::EntryPoints entries;
     std::string error;
     if (!LoadFilter(FilterLibraryPath(), &entries, &error)) {
-        std::fprintf(stderr, "tarnview render: cannot load the filter: %s\n", error.c_str());
+        std::fprintf(stderr, "tarnview render: cannot load the filter: %s\n", TerminalText(error).c_str());
         return 1;
     }
 
@@ -64,19 +65,21 @@ int RunRender(const Args& args) {
         session.BuildLoadRequest(options->message, options->text, /*with_slot=*/false);
     const tarn::host::CallOutcome outcome = tarn::host::CallLoad(entries, &request);
     if (!outcome.returned()) {
-        std::fprintf(stderr, "tarnview render: %s: %s\n", options->file.c_str(), outcome.error.c_str());
+        std::fprintf(stderr, "tarnview render: %s: %s\n", TerminalText(options->file).c_str(),
+                     TerminalText(outcome.error).c_str());
         return 1;
     }
     if (outcome.status != tarn::kStatusOk) {
-        std::fprintf(stderr, "tarnview render: %s: fltLoad returned %d (%s)\n", options->file.c_str(),
-                     outcome.status, tarn::StatusText(outcome.status));
+        std::fprintf(stderr, "tarnview render: %s: fltLoad returned %d (%s)\n",
+                     TerminalText(options->file).c_str(), outcome.status, tarn::StatusText(outcome.status));
         return 1;
     }
     const tarn::host::LoaderCall* call = nullptr;
     for (const auto& c : toolkit.calls())
         if (IsLoad(c.kind)) call = &c;
     if (call == nullptr || call->info == nullptr) {
-        std::fprintf(stderr, "tarnview render: %s: the filter called no loader\n", options->file.c_str());
+        std::fprintf(stderr, "tarnview render: %s: the filter called no loader\n",
+                     TerminalText(options->file).c_str());
         return 1;
     }
 
@@ -91,10 +94,10 @@ int RunRender(const Args& args) {
                static_cast<std::streamsize>(call->document.size()));
     file.close();
     if (!file) {
-        std::fprintf(stderr, "tarnview render: %s: cannot write\n", out.c_str());
+        std::fprintf(stderr, "tarnview render: %s: cannot write\n", TerminalText(out).c_str());
         return 1;
     }
-    std::printf("%s: format %d, %zu bytes, by %s\n", out.c_str(), format, call->document.size(),
+    std::printf("%s: format %d, %zu bytes, by %s\n", TerminalText(out).c_str(), format, call->document.size(),
                 tarn::host::LoaderKindName(call->kind));
     return 0;
 }

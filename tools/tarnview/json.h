@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/tarnview/terminal_text.h"
+
 namespace tarnview {
 
 class JsonWriter {
@@ -91,16 +93,29 @@ class JsonWriter {
             first_.back() = false;
         }
     }
+    // Strings are written as UTF-8 that any reader accepts and that shows nothing raw on a terminal:
+    // C0 controls, DEL, C1 controls and the bidirectional controls as \u escapes (JSON itself requires
+    // only the C0 ones), and a byte that is not well-formed UTF-8 as \ufffd.
     void String(std::string_view text) {
         out_ << '"';
         // Runs that need no escape go out whole: a manifest of many thousand lines is mostly such runs.
         size_t plain = 0;
-        for (size_t i = 0; i < text.size(); ++i) {
+        for (size_t i = 0; i < text.size();) {
             const auto c = static_cast<unsigned char>(text[i]);
-            if (c >= 0x20 && c != '"' && c != '\\') continue;
+            if (c >= 0x20 && c < 0x7F && c != '"' && c != '\\') {
+                ++i;
+                continue;
+            }
+            char32_t code_point = c;
+            const size_t length = c < 0x80 ? 1 : Utf8Sequence(text.substr(i), &code_point);
+            if (length > 1 && !IsControlCharacter(code_point)) {
+                i += length;
+                continue;
+            }
             out_.write(text.data() + plain, static_cast<std::streamsize>(i - plain));
-            plain = i + 1;
-            switch (c) {
+            i += length == 0 ? 1 : length;
+            plain = i;
+            switch (code_point) {
                 case '"':
                     out_ << "\\\"";
                     break;
@@ -118,11 +133,12 @@ class JsonWriter {
                     break;
                 default: {
                     static const char* hex = "0123456789abcdef";
-                    out_ << "\\u00" << hex[c >> 4] << hex[c & 15];
+                    const char32_t shown = length == 0 ? 0xFFFD : code_point;
+                    out_ << "\\u" << hex[shown >> 12 & 15] << hex[shown >> 8 & 15] << hex[shown >> 4 & 15]
+                         << hex[shown & 15];
                 }
             }
         }
-        // UTF-8 passes through.
         out_.write(text.data() + plain, static_cast<std::streamsize>(text.size() - plain));
         out_ << '"';
     }

@@ -7,6 +7,7 @@
 
 #include "tools/tarnview/commands.h"
 #include "tools/tarnview/language.h"
+#include "tools/tarnview/terminal_text.h"
 
 namespace {
 
@@ -65,7 +66,7 @@ int main(int argc, char** argv) {
         try {
             return c.run(args);
         } catch (const std::exception& e) {
-            std::fprintf(stderr, "tarnview %s: %s\n", c.name, e.what());
+            std::fprintf(stderr, "tarnview %s: %s\n", c.name, tarnview::TerminalText(e.what()).c_str());
             return 1;
         }
     }

@@ -156,7 +156,7 @@ TEST(Charset, FailedConversionsLeaveTheBodyAlone) {
     const std::string unknown = "charset=windows-1234>\xE9";
     body = Counted(unknown);
     CharsetCode charset = CharsetFromName("windows-1234");
-    EXPECT_EQ(ConvertToUtf8(&body, &charset, true), kStatusFailure);
+    EXPECT_EQ(ConvertToUtf8(&body, &charset, true), kStatusConversionFailed);
     EXPECT_EQ(Bytes(body), unknown);
 
     // UTF-7 can spell an unpaired surrogate (+2AA- is U+D800), which the kernel's UTF-8 conversion refuses.

@@ -192,7 +192,7 @@ TEST(LocalizedHeader, ABodyInAnotherCharacterSetIsConvertedForABlockBeyondAscii)
         {"windows-1251 with a semicolon", "Jörg", "<meta content=\"charset=windows-1251;\"><body>\xC4\xE0",
          kStatusOk, "<meta content=\"charset=UTF-8;\"><body>B\xD0\x94\xD0\xB0"},
         {"a code page that cannot convert: its status, the body as it was", "Jörg",
-         "<meta content=\"charset=windows-99999\"><body>\xE9", kStatusFailure, ""},
+         "<meta content=\"charset=windows-99999\"><body>\xE9", kStatusConversionFailed, ""},
     };
     for (const Case& c : cases) {
         MessageDocument record;

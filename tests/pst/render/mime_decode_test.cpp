@@ -136,6 +136,8 @@ TEST(DecodeEncodedWords, Table) {
         {"ISO-2022-JP B", "=?ISO-2022-JP?B?GyRCJEYkOSRIGyhC?=", "\xE3\x81\xA6\xE3\x81\x99\xE3\x81\xA8"},
         // A set that is not converted keeps the bytes it decodes to.
         {"iso-8859-2 kept raw", "=?iso-8859-2?Q?=B1?=", "\xB1"},
+        // Code page 31 has no converter: the word keeps its bytes and the value goes on.
+        {"no converter", "=?windows-31j?Q?=82=A0?= x", "\x82\xA0 x"},
         // Deliberate: only an upper-case letter names the encoding.
         {"lower-case q undecoded", "=?utf-8?q?caf=C3=A9?=", "=?utf-8?q?caf=C3=A9?="},
         {"lower-case b undecoded", "=?utf-8?b?Y2Fmw6k=?=", "=?utf-8?b?Y2Fmw6k=?="},

@@ -249,21 +249,26 @@ TEST(ReadEmlBytes, ReportsEveryPart) {
 }
 
 // A chain of multiparts `levels` deep around one HTML part.
-std::string Nested(int levels) {
+MimeNode Nested(int levels) {
     MimeNode node = Html("<p>deep</p>");
     for (int i = 0; i < levels; ++i) node = Multipart("mixed", "level" + std::to_string(i), {node});
-    return WriteMessage(kEnvelope, node);
+    return node;
 }
 
 TEST(ReadEmlBytes, BoundsTheWork) {
     // The message's own multipart is level 0; kMaxMimeDepth levels below it are read.
     Read deepest;
-    ReadInto(Nested(kMaxMimeDepth + 1), deepest);
+    ReadInto(WriteMessage(kEnvelope, Nested(kMaxMimeDepth + 1)), deepest);
     EXPECT_EQ(deepest.status, kStatusOk);
     EXPECT_EQ(deepest.body, "<p>deep</p>");
+    // One level more: that subtree is skipped, and the body found beside it stays.
     Read deeper;
-    ReadInto(Nested(kMaxMimeDepth + 2), deeper);
-    EXPECT_EQ(deeper.status, kStatusUnsupported);
+    ReadInto(WriteMessage(kEnvelope, Multipart("mixed", "top", {Text("kept"), Nested(kMaxMimeDepth + 1)})),
+             deeper);
+    EXPECT_EQ(deeper.status, kStatusOk);
+    EXPECT_EQ(deeper.body, "kept");
+    EXPECT_EQ(deeper.parts.back().depth, kMaxMimeDepth + 1);
+    EXPECT_EQ(deeper.parts.back().fate, "ignored: a multipart nested too deep; its parts were not read");
 
     // 100,000 parts are read in one pass each: every one is reported and the last body wins.
     std::vector<MimeNode> parts;
@@ -273,6 +278,36 @@ TEST(ReadEmlBytes, BoundsTheWork) {
     EXPECT_EQ(many.status, kStatusOk);
     EXPECT_EQ(many.body, "part 99999");
     EXPECT_EQ(many.parts.size(), 100'001u);
+
+    // 20,000 openers that begin no word are copied as text into a field that grows in steps, not by
+    // one reallocation a piece.
+    std::string subject = "Subject:";
+    for (int i = 0; i < 20'000; ++i) subject += " =?x?q?";
+    const std::string message = WriteMessage({subject}, Text("x"));
+    const uint64_t before = krnctlAllocationCount();
+    Read openers;
+    ReadInto(message, openers);
+    EXPECT_LT(krnctlAllocationCount() - before, 1000u);
+    EXPECT_TRUE("Subject: " + std::string(openers.record.header[kSlotSubject].text()) == subject);
+}
+
+TEST(ReadEmlBytes, MemoryRunningOutEndsTheRead) {
+    // Every allocation in turn fails: the read ends with -1, or it gives the message whole, its body and
+    // fields converted; never a part or field left in its declared set as if that set had no converter.
+    const std::string message =
+        WriteMessage({"Subject: caf\xE9"}, Leaf("text/plain; charset=iso-8859-1", "caf\xE9"));
+    for (uint32_t nth = 1;; ++nth) {
+        ASSERT_LT(nth, 100u);
+        Read read;
+        krnctlFailAllocation(nth);
+        ReadInto(message, read);
+        krnctlFailAllocation(0);
+        if (read.status == kStatusFailure) continue;
+        ASSERT_EQ(read.status, kStatusOk) << nth;
+        EXPECT_EQ(read.body, "caf\xC3\xA9") << nth;
+        EXPECT_EQ(read.record.header[kSlotSubject].text(), "caf\xC3\xA9") << nth;
+        break;
+    }
 }
 
 TEST(ReadEmlMessage, ReadsTheFileWholeOrFails) {
