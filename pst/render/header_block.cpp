@@ -272,7 +272,10 @@ struct RtfHeader {
     int32_t default_font = 0;  // "\deff"; read for completeness, the header picks fonts by code page
     size_t table_start = 0;    // the body's font table is body[table_start, table_end)
     size_t table_end = 0;
+    bool table_repaired = false;  // the body had none, and the repaired one was started
 };
+
+constexpr std::string_view kRepairedEmptyTable = "{\\fonttbl}";
 
 // The decimal number at `at` in `text` (an optional minus sign first), saturating at `low` and `high`;
 // 0 when there are no digits.
@@ -289,7 +292,7 @@ int64_t ReadRtfNumber(std::string_view text, size_t at, int64_t low, int64_t hig
     return std::clamp(value, low, high);
 }
 
-int32_t AnalyseBodyRtf(RtfHeader& state, const CountedString& body) {
+int32_t AnalyseBodyRtf(RtfHeader& state, const CountedString& body, const Repairs& repairs) {
     const std::string_view text = body.text();
     uint32_t code_page = 0;
     if (const size_t at = text.find("\\ansicpg"); at != std::string_view::npos)
@@ -306,8 +309,20 @@ int32_t AnalyseBodyRtf(RtfHeader& state, const CountedString& body) {
         state.table_end = static_cast<size_t>(position - text.data());
     } else {
         // No table of its own: fonts the header adds get one of their own, put behind the "\from..."
-        // word of a body that encapsulates HTML or text.
+        // word of a body that encapsulates HTML or text. Repaired, the table is a well-formed group,
+        // and a body without that word gets it where the header goes.
+        if (repairs.wanted()) {
+            if (const int32_t status =
+                    state.fonts.text.Assign(kRepairedEmptyTable.data(), kRepairedEmptyTable.size());
+                status != kStatusOk)
+                return status;
+            state.table_repaired = true;
+        }
         const size_t from = text.find("\\from");
+        if (from == std::string_view::npos && state.table_repaired) {
+            state.table_start = state.table_end = std::string_view::npos;
+            return state.header.Init(0, kRtfHeaderGrowth);
+        }
         if (from == std::string_view::npos) return kStatusUnsupported;
         size_t end = from + 1;
         while (end < text.size() && text[end] != '\\' && text[end] != ' ') ++end;
@@ -369,15 +384,97 @@ int32_t InsertRtfHeader(RtfHeader& state, CountedString& body) {
     return kStatusOk;
 }
 
+// Where a repaired header goes: in front of the first "\\pard" that is not inside an ignorable
+// destination ("{\\*...}") or a font, colour, style or information group; in a body without one,
+// behind the words and groups that open the document, in front of its first text. npos for a body
+// that is not a group. One pass with the depth counted, so nesting costs nothing.
+size_t RepairedRtfInsertionPoint(std::string_view text) {
+    auto letter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+    size_t depth = 0;
+    size_t skipped_from = 0;  // the depth of the outermost group passed over; 0 when none
+    size_t opening_end = std::string_view::npos;
+    bool text_seen = false;  // text at the top level ends the opening
+    for (size_t i = 0; i < text.size();) {
+        const char c = text[i];
+        size_t next = i + 1;
+        if (c == '{') {
+            ++depth;
+        } else if (c == '}') {
+            if (depth == 0) return std::string_view::npos;
+            if (skipped_from == depth) skipped_from = 0;
+            if (--depth == 0) return opening_end;
+            if (depth == 1 && !text_seen) opening_end = next;
+        } else if (c == '\\' && next < text.size() && letter(text[next])) {
+            while (next < text.size() && letter(text[next])) ++next;
+            const std::string_view word = text.substr(i + 1, next - i - 1);
+            if (word == "pard" && skipped_from == 0) return i;
+            if (skipped_from == 0 && (word == "fonttbl" || word == "colortbl" || word == "stylesheet" ||
+                                      word == "info" || word == "listtable" || word == "listoverridetable"))
+                skipped_from = depth;
+            if (next < text.size() && text[next] == '-') ++next;
+            while (next < text.size() && text[next] >= '0' && text[next] <= '9') ++next;
+            if (next < text.size() && text[next] == ' ') ++next;
+            if (depth == 1 && !text_seen) opening_end = next;
+        } else if (c == '\\') {
+            const char symbol = next < text.size() ? text[next] : '\0';
+            if (symbol == '*' && skipped_from == 0) skipped_from = depth;
+            next = std::min(text.size(), i + (symbol == '\'' ? 4 : 2));
+            if (depth == 1 && skipped_from == 0 && symbol == '\'') text_seen = true;
+            if (depth == 1 && !text_seen) opening_end = next;
+        } else if (depth == 1 && skipped_from == 0 && c != '\r' && c != '\n') {
+            text_seen = true;
+        }
+        i = next;
+    }
+    return opening_end;
+}
+
+// The repaired insertion: the header at the repaired point, and a table that gained fonts in place of
+// the body's own wherever that stands (or, for a body without one, in front of the header), nothing of
+// the body left out.
+int32_t InsertRepairedRtfHeader(RtfHeader& state, CountedString& body, Repairs& repairs) {
+    if (state.header.length() == 0) return kStatusOk;
+    if (const int32_t status = state.header.Append(kRtfSeparator); status != kStatusOk) return status;
+    const std::string_view text = body.text();
+    const size_t point = RepairedRtfInsertionPoint(text);
+    if (point == std::string_view::npos) return kStatusUnsupported;
+    if (point != text.find("\\pard")) repairs.Make(Repair::kRtfHeaderPlace);
+    if (!state.fonts.changed) return SpliceInto(body, point, {}, state.header.view(), {});
+
+    if (state.table_repaired) repairs.Make(Repair::kRtfFontTable);
+    const size_t start = state.table_start == std::string_view::npos ? point : state.table_start;
+    const size_t end = state.table_start == std::string_view::npos ? point : state.table_end;
+    const std::string_view table = state.fonts.text.view();
+    const std::string_view header = state.header.view();
+    GrowBuffer merged;
+    if (const int32_t status = merged.Init(text.size() + table.size() + header.size() + 1, 0);
+        status != kStatusOk)
+        return status;
+    int32_t status = kStatusOk;
+    if (end <= point) {
+        status = AppendAll(merged, {text.substr(0, start), table, text.substr(end, point - end), header,
+                                    text.substr(point)});
+    } else {
+        status = AppendAll(merged, {text.substr(0, point), header, text.substr(point, start - point), table,
+                                    text.substr(end)});
+    }
+    if (status == kStatusOk) status = merged.AppendByte(0);
+    if (status != kStatusOk) return status;
+    merged.MoveInto(body);
+    return kStatusOk;
+}
+
 int32_t BuildRtfHeader(MessageDocument& record) {
     RtfHeader state;
-    if (const int32_t status = AnalyseBodyRtf(state, record.document); status != kStatusOk) return status;
+    if (const int32_t status = AnalyseBodyRtf(state, record.document, record.repairs); status != kStatusOk)
+        return status;
     if (record.repairs.wanted()) state.text.repairs = &record.repairs;
     for (const HeaderField field :
          {kFieldFrom, kFieldSent, kFieldTo, kFieldCc, kFieldBcc, kFieldSubject, kFieldImportance}) {
         const int32_t status = WriteRtfHeaderRow(state, record, record.header[kSlotOfField[field]], field);
         if (status != kStatusOk) return status;
     }
+    if (record.repairs.wanted()) return InsertRepairedRtfHeader(state, record.document, record.repairs);
     return InsertRtfHeader(state, record.document);
 }
 
@@ -519,7 +616,7 @@ int32_t BuildEnglishHeader(MessageDocument& record, int32_t body_format) {
             // The block already ends in the separator paragraph, and the merge adds its own: English RTF
             // pages have always shown two. Deliberate, kept as it stands.
             RtfHeader state;
-            if (const int32_t status = AnalyseBodyRtf(state, record.document); status != kStatusOk)
+            if (const int32_t status = AnalyseBodyRtf(state, record.document, Repairs()); status != kStatusOk)
                 return status;
             if (const int32_t status = state.header.Append(header.view()); status != kStatusOk) return status;
             return InsertRtfHeader(state, record.document);

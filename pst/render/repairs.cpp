@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::string_view kNames[] = {"text-whole-length", "text-utf8",          "text-body",
                                        "header-only",       "html-header-escape", "walked-counts",
-                                       "rtf-header-escape"};
+                                       "rtf-header-escape", "rtf-header-place",   "rtf-font-table"};
 
 }  // namespace
 

@@ -20,6 +20,9 @@ enum class Repair : uint32_t {
     kHtmlHeaderEscape,  // header values are escaped as HTML text in an HTML document
     kWalkedCounts,      // a store's folders without a content count are counted by their rows
     kRtfHeaderEscape,   // RTF header text in a code page escapes the bytes RTF reads as structure
+    kRtfHeaderPlace,    // the RTF header goes in front of a paragraph of the body, never into a
+                        // destination, and a body without "\pard" still gets one
+    kRtfFontTable,      // a body without a font table gets a well-formed one for the header's fonts
 };
 
 class Repairs {

@@ -85,29 +85,38 @@ TEST_F(RtfHeader, WhereTheBlockGoesAndWhatItNeedsOfTheBody) {
         std::string body;
         int32_t status;
         std::string expected;  // with H for the rows and separator; empty: the body unchanged
+        std::string repaired;  // the same, repaired (status 1 whenever it is not empty)
     };
     const Case cases[] = {
         {"in front of the first \\pard", "{\\rtf1{\\fonttbl}x\\pard a\\pard b}", kStatusOk,
-         "{\\rtf1{\\fonttbl}xH\\pard a\\pard b}"},
+         "{\\rtf1{\\fonttbl}xH\\pard a\\pard b}", "{\\rtf1{\\fonttbl}xH\\pard a\\pard b}"},
         {"\\from instead of a table", "{\\rtf1\\fromtext \\pard a}", kStatusOk,
-         "{\\rtf1\\fromtext H\\pard a}"},
-        {"no \\pard", "{\\rtf1{\\fonttbl{\\f0 Arial;}} a}", kStatusFailure, ""},
-        {"neither a table nor \\from", "{\\rtf1\\pard a}", kStatusUnsupported, ""},
-        {"a table that never closes", "{\\rtf1{\\fonttbl{\\f0 Arial;}\\pard a", kStatusUnsupported, ""},
+         "{\\rtf1\\fromtext H\\pard a}", "{\\rtf1\\fromtext H\\pard a}"},
+        {"a \\pard in a destination", "{\\rtf1{\\fonttbl}{\\*\\ftnsep{\\pard x}}\\pard a}", kStatusOk,
+         "{\\rtf1{\\fonttbl}{\\*\\ftnsep{H\\pard x}}\\pard a}",
+         "{\\rtf1{\\fonttbl}{\\*\\ftnsep{\\pard x}}H\\pard a}"},
+        {"no \\pard", "{\\rtf1{\\fonttbl{\\f0 Arial;}}{\\colortbl;} a}", kStatusFailure, "",
+         "{\\rtf1{\\fonttbl{\\f0 Arial;}}{\\colortbl;}H a}"},
+        {"neither a table nor \\from", "{\\rtf1\\pard a}", kStatusUnsupported, "", "{\\rtf1H\\pard a}"},
+        {"a table that never closes", "{\\rtf1{\\fonttbl{\\f0 Arial;}\\pard a", kStatusUnsupported, "", ""},
     };
     for (const Case& c : cases) {
-        MessageDocument record;
-        Put(record.header[kSlotSubject], "s");
-        Put(record.document, c.body);
-        EXPECT_EQ(BuildLocalizedHeader(record, kBodyRtf), c.status) << c.what;
-        std::string expected = c.expected;
-        if (expected.empty()) {
-            expected = c.body;
-        } else {
-            expected.replace(expected.find('H'), 1, subject_row + kSeparator);
-            expected += std::string(1, '\0');
+        for (const bool repaired : {false, true}) {
+            MessageDocument record;
+            record.repairs = Repairs(repaired);
+            Put(record.header[kSlotSubject], "s");
+            Put(record.document, c.body);
+            const bool mended = repaired && !c.repaired.empty();
+            EXPECT_EQ(BuildLocalizedHeader(record, kBodyRtf), mended ? kStatusOk : c.status) << c.what;
+            std::string expected = mended ? c.repaired : c.expected;
+            if (expected.empty()) {
+                expected = c.body;
+            } else {
+                expected.replace(expected.find('H'), 1, subject_row + kSeparator);
+                expected += std::string(1, '\0');
+            }
+            EXPECT_EQ(Bytes(record.document), expected) << c.what << (repaired ? ", repaired" : "");
         }
-        EXPECT_EQ(Bytes(record.document), expected) << c.what;
     }
 
     // No rows: nothing is needed of the body, not even a "\pard".
@@ -134,6 +143,18 @@ TEST_F(RtfHeader, FontsAddedToABodyWithoutATableOrWithOneBehindPard) {
                   "onttbl{\\f0 \\swiss \\fcharset0 Arial}{\\f1 \\swiss \\fcharset128 MS Gothic}}" +
                   "\\deff0{\\colortbl;}" + row + kSeparator + "\\pard a}" + std::string(1, '\0'));
 
+    // Repaired, the table is a well-formed group.
+    MessageDocument mended;
+    mended.repairs = Repairs(true);
+    Put(mended.header[kSlotSubject], "s");
+    Put(mended.document, "{\\rtf1\\ansicpg1252\\fromhtml1 \\deff0{\\colortbl;}\\pard a}");
+    ASSERT_EQ(BuildLocalizedHeader(mended, kBodyRtf), kStatusOk);
+    EXPECT_EQ(Bytes(mended.document),
+              "{\\rtf1\\ansicpg1252\\fromhtml1 {\\fonttbl{\\f0 \\swiss \\fcharset0 Arial}{\\f1 "
+              "\\swiss \\fcharset128 MS Gothic}}\\deff0{\\colortbl;}" +
+                  row + kSeparator + "\\pard a}" + std::string(1, '\0'));
+    EXPECT_EQ(mended.repairs.MadeNames(), "rtf-font-table");
+
     // A table behind the first "\pard" that gains fonts: everything in front of that "\pard" is left out
     // (kept as it stands).
     MessageDocument late;
@@ -142,6 +163,17 @@ TEST_F(RtfHeader, FontsAddedToABodyWithoutATableOrWithOneBehindPard) {
     ASSERT_EQ(BuildLocalizedHeader(late, kBodyRtf), kStatusOk);
     EXPECT_EQ(Bytes(late.document),
               row + kSeparator + "\\pard a{\\fonttbl{\\f0\\fcharset0 Arial;}}}" + std::string(1, '\0'));
+    // Repaired, nothing is left out, and the table gains its font where it stands.
+    MessageDocument kept;
+    kept.repairs = Repairs(true);
+    Put(kept.header[kSlotSubject], "s");
+    Put(kept.document, "{\\rtf1\\ansicpg1252\\pard a{\\fonttbl{\\f0\\fcharset0 Arial;}}}");
+    ASSERT_EQ(BuildLocalizedHeader(kept, kBodyRtf), kStatusOk);
+    EXPECT_EQ(Bytes(kept.document),
+              "{\\rtf1\\ansicpg1252" + row + kSeparator +
+                  "\\pard a{\\fonttbl{\\f0\\fcharset0 Arial;}{\\f1 \\swiss \\fcharset128 MS "
+                  "Gothic}}}" +
+                  std::string(1, '\0'));
 }
 
 TEST_F(RtfHeader, EnglishBlockHasTwoSeparatorsAndWritesValuesAsTheyAre) {
