@@ -252,9 +252,11 @@ int32_t AssembleDocument(MessageDocument& entry, int32_t* body_format, bool plai
     out.Truncate(0);
     if (*body_format == kBodyHtml) {
         // Wrapped even when the body has its own html element: the loader takes the outer one.
-        if (!out.Reserve(length + kHtmlOpen.size() + kHtmlClose.size())) return kStatusFailure;
-        if (out.Append(kHtmlOpen) != kStatusOk || out.Append(entry.document.data(), length) != kStatusOk ||
-            out.Append(kHtmlClose) != kStatusOk)
+        if (!out.Reserve(length + kHtmlOpen.size() + kUtf8MetaFirst.size() + kHtmlClose.size()))
+            return kStatusFailure;
+        if (out.Append(kHtmlOpen) != kStatusOk ||
+            (entry.repairs.Make(Repair::kHtmlUtf8Meta) && out.Append(kUtf8MetaFirst) != kStatusOk) ||
+            out.Append(entry.document.data(), length) != kStatusOk || out.Append(kHtmlClose) != kStatusOk)
             return kStatusFailure;
         return kStatusOk;
     }

@@ -41,8 +41,9 @@ int32_t AssembleMsgDocument(MessageDocument& entry, int32_t* body_format, bool p
             out.Append(entry.text_body.data(), length) != kStatusOk || out.AppendByte(0) != kStatusOk)
             return kStatusFailure;
         // The mark is not counted but the text's NUL is, so the declared length stops three bytes short
-        // of the buffer's end. Deliberate: the toolkit's text loader is handed exactly this.
-        out.Truncate(length + 1);
+        // of the buffer's end. Deliberate: the toolkit's text loader is handed exactly this. Repaired,
+        // the mark and the text are declared, and the NUL is not.
+        out.Truncate(entry.repairs.Make(Repair::kTextWholeLength) ? sizeof kUtf8Mark + length : length + 1);
         return kStatusOk;
     }
 
@@ -57,10 +58,14 @@ int32_t AssembleMsgDocument(MessageDocument& entry, int32_t* body_format, bool p
     const std::string_view body = entry.document.text();
     const size_t length = body.size();
     const bool wrap = !rtf && !OpensWithHtmlElement(body);
-    const size_t total = length + (wrap ? kHtmlOpen.size() + kHtmlClose.size() : 0);
+    const bool meta = !rtf && entry.repairs.Make(Repair::kHtmlUtf8Meta);
+    const size_t total =
+        length + (wrap ? kHtmlOpen.size() + kHtmlClose.size() : 0) + (meta ? kUtf8MetaFirst.size() : 0);
     if (!out.Reserve(total + 1)) return kStatusFailure;
-    if ((wrap && out.Append(kHtmlOpen) != kStatusOk) || out.Append(body) != kStatusOk ||
-        (wrap && out.Append(kHtmlClose) != kStatusOk) || out.AppendByte(0) != kStatusOk)
+    // Repaired, the declaration goes first: behind the wrapper's "<html>", or in front of the body's own.
+    if ((wrap && out.Append(kHtmlOpen) != kStatusOk) || (meta && out.Append(kUtf8MetaFirst) != kStatusOk) ||
+        out.Append(body) != kStatusOk || (wrap && out.Append(kHtmlClose) != kStatusOk) ||
+        out.AppendByte(0) != kStatusOk)
         return kStatusFailure;
     out.Truncate(total);
     return kStatusOk;
@@ -75,8 +80,10 @@ int32_t ProduceMsgDocument(const char16_t* file_name, PstFilterData* record, int
     // A document handed over as a file has its images as files beside it; one in memory, as data URIs.
     RecordImageFiles files(record);
     if (record->temp_file_mode != 0) options.image_files = &files;
+    entry.repairs = record->repairs;
     if (const int32_t status = ReadMsgMessage(entry, file_name, options); status != kStatusOk) return status;
     const int32_t status = AssembleMsgDocument(entry, body_format, plain_text, record);
+    record->repairs = entry.repairs;
     record->reader_status = entry.reader_status;
     return status;
 }

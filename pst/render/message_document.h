@@ -39,6 +39,9 @@ enum BodyFormat : int32_t {
 // The wrapper that an HTML body is put in when it is handed to the toolkit's loader.
 inline constexpr std::string_view kHtmlOpen = "<html>";
 inline constexpr std::string_view kHtmlClose = "</html>";
+// What a repaired HTML document says first, so that a browser reads it as UTF-8 whatever the body's
+// own declarations say.
+inline constexpr std::string_view kUtf8MetaFirst = "<meta charset=\"utf-8\">";
 
 // Every buffer is kernel memory (CountedString); a null pointer means absent. Constructed empty with
 // reader status 1; destruction frees every buffer.

@@ -23,6 +23,7 @@ enum class Repair : uint32_t {
     kRtfHeaderPlace,    // the RTF header goes in front of a paragraph of the body, never into a
                         // destination, and a body without "\pard" still gets one
     kRtfFontTable,      // a body without a font table gets a well-formed one for the header's fonts
+    kHtmlUtf8Meta,      // an HTML document declares UTF-8 first, where a browser honours it
 };
 
 class Repairs {
