@@ -204,7 +204,47 @@ bench_eml() {
   rm -f "$json"
 }
 
-all=(cfb ndb pst ltp header deencapsulate msg eml export)
+# Inputs whose cost once grew with the square of their size, each at four sizes doubling: the release
+# tarnview render of each is timed once, and the growth per doubling printed. A growth above 2.2 or a
+# largest size above 1 s is flagged. Every run is stopped after TIMEOUT seconds (default 120).
+bench_hostile() {
+  build_target tarnview make_hostile
+  local dir kind n i file seconds mib previous flag
+  dir="$(mktemp -d)"
+  # kind, its base size, and what the size counts
+  local -a kinds=(
+    "meta 5000 <meta-without->-in-a-message-file"
+    "tree 1000 attachment-storages-in-a-chained-directory"
+    "chain 32 attachments-sharing-one-chain-of-N*8KiB"
+    "images 2000 images-in-an-Internet-message"
+    "words 9000 unclosed-encoded-words-in-a-subject"
+    "header 9000 =?-in-a-subject"
+  )
+  echo "== hostile: release tarnview render, one run per size; x = growth per doubling (flagged: > 2.2x, or > 1 s at the largest)"
+  for entry in "${kinds[@]}"; do
+    read -r kind n what <<<"$entry"
+    previous=""
+    printf '%-7s %s\n' "$kind" "${what//-/ }"
+    for i in 1 2 3 4; do
+      case "$kind" in meta | tree | chain) file="$dir/$kind-$n.msg" ;; *) file="$dir/$kind-$n.eml" ;; esac
+      "$build/bench/make_hostile" "$kind" "$n" "$file"
+      read -r seconds _ mib <<<"$(time_and_peak timeout "${TIMEOUT:-120}" "$build/tools/tarnview" render "$file" -o "$dir/out")"
+      flag=""
+      if [[ -n "$previous" ]]; then
+        flag="$(awk -v a="$previous" -v b="$seconds" 'BEGIN {
+          g = a > 0 ? b / a : 0; printf "%5.2fx", g; if (g > 2.2 && b > 0.05) printf "  FLAG: grows faster than 2.2x" }')"
+      fi
+      if [[ $i == 4 ]] && awk -v s="$seconds" 'BEGIN { exit !(s >= 1) }'; then flag="$flag  FLAG: over 1 s"; fi
+      printf '  N=%-7s %9s bytes %8s s %6s MiB  %s\n' "$n" "$(stat -c %s "$file")" "$seconds" "$mib" "$flag"
+      previous="$seconds"
+      rm -f "$file" "$dir/out"
+      n=$((n * 2))
+    done
+  done
+  rm -rf "$dir"
+}
+
+all=(cfb ndb pst ltp header deencapsulate msg eml export hostile)
 for name in "${@:-${all[@]}}"; do
   "bench_$name"
 done

@@ -9,7 +9,12 @@ std::optional<CompoundStream> CompoundStream::open(const CompoundStorage& storag
     if (!storage.is_open()) return std::nullopt;
     auto index = storage.directory().find_index(path);
     if (!index) return std::nullopt;
-    CompoundStream stream(storage, *index);
+    return open(storage, *index);
+}
+
+std::optional<CompoundStream> CompoundStream::open(const CompoundStorage& storage, size_t index) {
+    if (!storage.is_open() || index >= storage.directory().size()) return std::nullopt;
+    CompoundStream stream(storage, index);
     const DirectoryEntry& e = stream.entry();
     stream.small_ = e.size < format::kMiniStreamCutoff;
     const SectorTable& table = stream.small_ ? storage.mini_fat() : storage.fat();

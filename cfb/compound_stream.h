@@ -19,6 +19,8 @@ class CompoundStream {
     // memory runs out. A storage's path opens too (its size is normally 0). The storage must stay
     // open for as long as the stream is used.
     static std::optional<CompoundStream> open(const CompoundStorage& storage, std::string_view path);
+    // The same for directory entry `index`; none when it is not below the directory's size.
+    static std::optional<CompoundStream> open(const CompoundStorage& storage, size_t index);
 
     CompoundStream(CompoundStream&&) = default;
     CompoundStream& operator=(CompoundStream&&) = default;

@@ -79,6 +79,45 @@ std::optional<size_t> DirectoryTree::find_sibling(uint64_t first, std::string_vi
     return std::nullopt;
 }
 
+std::vector<std::optional<size_t>> DirectoryTree::find_siblings(uint64_t first,
+                                                                std::span<const std::string> names) const {
+    std::vector<std::optional<size_t>> found(names.size());
+    // names[begin, end) have come the same way to entry `at`, having looked at `steps` entries before it.
+    struct Group {
+        uint64_t at;
+        size_t begin;
+        size_t end;
+        size_t steps;
+    };
+    std::vector<Group> pending;
+    if (!names.empty()) pending.push_back({first, 0, names.size(), 0});
+    const auto less = [](std::string_view a, std::string_view b) { return compare_entry_names(a, b) < 0; };
+    while (!pending.empty()) {
+        const Group g = pending.back();
+        pending.pop_back();
+        // The bounds of find_sibling: a search that has looked at as many entries as exist is in a loop.
+        if (g.steps >= size() || g.at >= size() || !entry(g.at).valid) continue;
+        const DirectoryEntry& e = entry(g.at);
+        const auto from = names.begin() + static_cast<std::ptrdiff_t>(g.begin);
+        const auto to = names.begin() + static_cast<std::ptrdiff_t>(g.end);
+        const size_t low = static_cast<size_t>(std::lower_bound(from, to, e.name(), less) - names.begin());
+        const size_t high = static_cast<size_t>(std::upper_bound(from, to, e.name(), less) - names.begin());
+        for (size_t i = low; i < high; ++i) found[i] = static_cast<size_t>(g.at);
+        if (g.begin < low && e.left_sibling != 0)
+            pending.push_back({e.left_sibling, g.begin, low, g.steps + 1});
+        if (high < g.end && e.right_sibling != 0)
+            pending.push_back({e.right_sibling, high, g.end, g.steps + 1});
+    }
+    return found;
+}
+
+std::optional<size_t> DirectoryTree::find_child(size_t parent, std::string_view name) const {
+    if (parent >= size()) return std::nullopt;
+    const DirectoryEntry& e = entry(parent);
+    if (!e.valid || e.child >= size()) return std::nullopt;
+    return find_sibling(e.child, name);
+}
+
 std::optional<size_t> DirectoryTree::find_index(std::string_view path) const {
     if (size() == 0) return std::nullopt;
     if (path == "/") return 0;
@@ -87,9 +126,7 @@ std::optional<size_t> DirectoryTree::find_index(std::string_view path) const {
     while (true) {
         size_t slash = path.find('/');
         std::string_view piece = path.substr(0, slash);
-        const DirectoryEntry& e = entry(current);
-        if (!e.valid || e.child >= size()) return std::nullopt;
-        auto next = find_sibling(e.child, piece);
+        auto next = find_child(current, piece);
         if (!next) return std::nullopt;
         current = *next;
         if (slash == std::string_view::npos) return current;

@@ -8,7 +8,9 @@
 #include <functional>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "cfb/format.h"
 #include "common/kernel_memory.h"
@@ -68,6 +70,15 @@ class DirectoryTree {
     // Binary search of the sibling tree whose top is `first`. The number of steps is capped at the
     // entry count: a search that visits more entries than exist is going round a loop.
     std::optional<size_t> find_sibling(uint64_t first, std::string_view name) const;
+
+    // find_sibling(first, name) for each of `names` at once: the names travel down the tree together and
+    // part where the comparisons send them different ways, so a tree shaped like one long chain is
+    // walked once, not once per name. Requires: `names` ascending in compare_entry_names order.
+    std::vector<std::optional<size_t>> find_siblings(uint64_t first,
+                                                     std::span<const std::string> names) const;
+
+    // The entry named `name` among the children of entry `parent`, or none.
+    std::optional<size_t> find_child(size_t parent, std::string_view name) const;
 
     // Resolves "/"-separated `path` from the root: "/" alone is the root, one leading "/" is
     // dropped, empty pieces are looked up as empty names.

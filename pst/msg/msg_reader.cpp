@@ -13,6 +13,7 @@
 #include "platform/codepage.h"
 #include "pst/render/compressed_rtf.h"
 #include "pst/render/header_labels.h"
+#include "pst/render/text_search.h"
 
 namespace tarn {
 namespace {
@@ -43,186 +44,29 @@ std::optional<uint64_t> FindFixedProperty(const CountedString& stream, uint16_t 
     return std::nullopt;
 }
 
-// Whether the storage holds a storage (not a stream) at `path`.
-bool StorageExists(const cfb::CompoundStorage& storage, std::string_view path) {
-    const cfb::DirectoryEntry* entry = storage.find_entry(path);
-    return entry != nullptr && entry->valid && entry->is_directory;
-}
+// The reads of one message, charged against what the file holds: streams of a sound file do not share
+// sectors, so together they never take more, however many names point at the same chain.
+struct MessageReads {
+    const cfb::CompoundStorage& storage;
+    uint64_t left;
 
-// One attachment storage: when the HTML refers to its image (by "cid:" and the content id, else by the
-// file name), the references are replaced by the image. An attachment the body does not mention, or
-// whose data stream is missing, is passed over. 1, or a failure that ends the walk.
-int32_t InlineAttachment(const cfb::CompoundStorage& storage, const std::string& storage_name,
-                         MessageDocument& record, ImageFileWriter* image_files) {
-    const std::string prefix = storage_name + "/";
-    CountedString file_name;
-    CountedString content_id;
-    if (const int32_t status =
-            ReadStringProperty(storage, prefix + std::string(kMsgAttachNameStream), file_name);
-        status < kStatusOk)
-        return status;
-    if (const int32_t status =
-            ReadStringProperty(storage, prefix + std::string(kMsgAttachContentIdStream), content_id);
-        status < kStatusOk)
-        return status;
-    std::string reference;
-    if (FindImageReference(record.document.text(), file_name.text(), content_id.text(), &reference) !=
-        kStatusOk)
-        return kStatusOk;
+    explicit MessageReads(const cfb::CompoundStorage& s) : storage(s), left(s.file_size()) {}
+};
 
-    CountedString data;
-    const int32_t read = ReadWholeStream(storage, prefix + std::string(kMsgAttachDataStream), data);
-    if (read == kStatusNotPresent) return kStatusOk;
-    if (read != kStatusOk) return read;
-    int32_t count = 0;
-    const int32_t status =
-        InlineImage(&record.document, reference, data.data(), data.size(), image_files, &count);
-    // An image too small to encode (0) or empty (-13) stays a reference; the other images are still
-    // inlined.
-    return status == 0 || status == kStatusBadArgument ? kStatusOk : status;
-}
-
-// Inlines the images of every attachment storage. 1, or the first failure, which ends the walk.
-int32_t WalkAttachments(const cfb::CompoundStorage& storage, MessageDocument& record,
-                        ImageFileWriter* image_files) {
-    for (const uint32_t number : AttachmentStorageNumbers(storage)) {
-        const int32_t status = InlineAttachment(storage, AttachmentStorageName(number), record, image_files);
-        if (status != kStatusOk) return status;
-    }
-    return kStatusOk;
-}
-
-// Reads the compressed-RTF body into record.document. 1 with `*present` set when there is one; 1 and
-// not present when the stream is missing or its type is not one we decompress.
-int32_t ReadFormattedBody(const cfb::CompoundStorage& storage, MessageDocument& record, bool* present) {
-    *present = false;
-    CountedString compressed;
-    const int32_t read = ReadWholeStream(storage, kMsgRtfCompressedStream, compressed);
-    if (read == kStatusNotPresent) return kStatusOk;
-    if (read != kStatusOk) return read;
-    if (compressed.size() < kCompTypeOffset + 4) return kStatusOk;
-    const uint32_t type = LoadLe32(compressed.data() + kCompTypeOffset);
-    if (type != kRtfCompressed && type != kRtfUncompressed) return kStatusOk;
-
-    const int32_t status = DecompressRtfBuffer(compressed.data(), compressed.size(), record.document);
-    compressed.Release();
-    if (status != kStatusOk) return status;
-    *present = true;
-    // Whatever did not stay RTF was recovered HTML.
-    if (!record.document.text().starts_with(kRtfStart)) StripHtmlNoise(&record.document);
-    return kStatusOk;
-}
-
-// Reads the string properties of the header. 1, or the first failure.
-int32_t ReadHeaderStrings(const cfb::CompoundStorage& storage, MessageDocument& record) {
-    struct Field {
-        std::string_view stream;
-        HeaderSlot slot;
-    };
-    static constexpr Field kFirst[] = {
-        {kMsgSubjectStream, kSlotSubject},
-        {kMsgSenderNameStream, kSlotFrom},
-        {kMsgSenderSmtpStream, kSlotSenderAddress},
-    };
-    static constexpr Field kSecond[] = {
-        {kMsgAuthorStream, kSlotRepresenting},
-        {kMsgDisplayToStream, kSlotTo},
-        {kMsgDisplayCcStream, kSlotCc},
-        {kMsgDisplayBccStream, kSlotBcc},
-    };
-    for (const Field& field : kFirst) {
-        if (const int32_t status = ReadStringProperty(storage, field.stream, record.header[field.slot]);
-            status < kStatusOk)
-            return status;
-    }
-    CountedString& address = record.header[kSlotSenderAddress];
-    if (address.TextLength() == 0) {
-        if (const int32_t status = ReadStringProperty(storage, kMsgRepresentingAddressStream, address);
-            status < kStatusOk)
-            return status;
-    }
-    // An Exchange (X.500) address says nothing a reader of the page could use; the name stands alone.
-    if (address.text().find('@') == std::string_view::npos) address.Release();
-    for (const Field& field : kSecond) {
-        if (const int32_t status = ReadStringProperty(storage, field.stream, record.header[field.slot]);
-            status < kStatusOk)
-            return status;
-    }
-    return kStatusOk;
-}
-
-// Sent and Importance from the fixed-length property stream; a missing entry leaves the field empty.
-int32_t ReadFixedProperties(const cfb::CompoundStorage& storage, MessageDocument& record) {
-    CountedString properties;
-    const int32_t read = ReadWholeStream(storage, kMsgPropertiesStream, properties);
-    if (read == kStatusNotPresent) return kStatusOk;
-    if (read != kStatusOk) return read;
-    if (const auto sent = FindFixedProperty(properties, kMsgTypeFileTime, kMsgPropSubmitTime)) {
-        // A time that cannot be formatted leaves Sent empty; memory running out ends the read.
-        if (FormatSentTime(*sent, record.header[kSlotSent]) == kStatusFailure) return kStatusFailure;
-    }
-    if (const auto importance = FindFixedProperty(properties, kMsgTypeLong, kMsgPropImportance)) {
-        if (const int32_t status =
-                ImportanceText(static_cast<uint32_t>(*importance), record.header[kSlotImportance]);
-            status != kStatusOk)
-            return status;
-    }
-    return kStatusOk;
-}
-
-int32_t ReadOpenMessage(const cfb::CompoundStorage& storage, MessageDocument& record,
-                        const MsgReadOptions& options) {
-    bool formatted = false;
-    if (const int32_t status = ReadFormattedBody(storage, record, &formatted); status != kStatusOk)
-        return status;
-    const int32_t text = ReadStringProperty(storage, kMsgBodyStream, record.text_body);
-    if (text < kStatusOk) return text;
-    if (!formatted && text == kStatusNotPresent) return kStatusUnsupported;
-
-    if (const int32_t status = ReadHeaderStrings(storage, record); status != kStatusOk) return status;
-    if (const int32_t status = ReadFixedProperties(storage, record); status != kStatusOk) return status;
-
-    // Images go only into a body that is HTML; an RTF body keeps its own pictures.
-    if (options.walk_attachments && formatted && !record.document.text().starts_with(kRtfStart)) {
-        const int32_t status = WalkAttachments(storage, record, options.image_files);
-        // The message itself is delivered; the walk's failure is reported beside it.
-        if (status != kStatusOk && record.reader_status == kStatusOk) record.reader_status = status;
-    }
-    return kStatusOk;
-}
-
-}  // namespace
-
-std::string AttachmentStorageName(uint32_t number) {
-    char name[40];
-    std::snprintf(name, sizeof name, "__attach_version1.0_#%08X", static_cast<unsigned>(number));
-    return name;
-}
-
-std::vector<uint32_t> AttachmentStorageNumbers(const cfb::CompoundStorage& storage) {
-    std::vector<uint32_t> numbers;
-    // The directory cannot hold more storages than it has entries, so neither can the walk go further.
-    const size_t limit = storage.directory().size();
-    for (uint32_t number = 0; number <= limit; ++number) {
-        if (StorageExists(storage, AttachmentStorageName(number))) {
-            numbers.push_back(number);
-        } else if (!StorageExists(storage, AttachmentStorageName(number + 1))) {
-            break;
-        }
-    }
-    return numbers;
-}
-
-int32_t ReadWholeStream(const cfb::CompoundStorage& storage, std::string_view path, CountedString& out) {
+// Directory entry `index` read whole into `out`, as ReadWholeStream describes; -9 when the file cannot
+// hold it beside what the message has read already.
+int32_t ReadEntry(MessageReads& reads, std::optional<size_t> index, CountedString& out) {
     out.Release();
-    const cfb::DirectoryEntry* entry = storage.find_entry(path);
-    if (entry == nullptr || !entry->valid || entry->is_directory) return kStatusNotPresent;
-    std::optional<cfb::CompoundStream> stream = cfb::CompoundStream::open(storage, path);
-    // The path resolved a moment ago; only memory can fail now.
+    const cfb::DirectoryTree& tree = reads.storage.directory();
+    if (!index || !tree.entry(*index).valid || tree.entry(*index).is_directory) return kStatusNotPresent;
+    std::optional<cfb::CompoundStream> stream = cfb::CompoundStream::open(reads.storage, *index);
+    // The entry was found a moment ago; only memory can fail now.
     if (!stream) return kStatusFailure;
 
     // The stated size may be anything up to 4 GiB; what the chain and the file hold bounds the buffer.
     const uint64_t readable = std::min(stream->size(), stream->capacity());
+    if (readable > reads.left) return kStatusUnsupported;
+    reads.left -= readable;
     if (readable > kMaxBufferBytes - kStreamTerminator) return kStatusFailure;
     const size_t bound = static_cast<size_t>(readable);
     GrowBuffer buffer;
@@ -242,26 +86,247 @@ int32_t ReadWholeStream(const cfb::CompoundStorage& storage, std::string_view pa
     return kStatusOk;
 }
 
-int32_t ReadStringProperty(const cfb::CompoundStorage& storage, std::string_view name, CountedString& out) {
+// The string property `name` among the children of entry `parent`, as ReadStringProperty describes.
+int32_t ReadString(MessageReads& reads, size_t parent, std::string_view name, CountedString& out) {
     out.Release();
+    const cfb::DirectoryTree& tree = reads.storage.directory();
     CountedString wide;
-    const int32_t read = ReadWholeStream(storage, std::string(name) + std::string(kUnicodeSuffix), wide);
-    if (read == kStatusFailure) return read;
-    if (read == kStatusOk) {
-        const size_t units = wide.size() / 2;
-        if (units == 0) return kStatusOk;
-        if (units > static_cast<size_t>(INT32_MAX) / 4) return kStatusFailure;
-        // Up to 3 bytes a unit in UTF-8 (a pair takes 4 for its 2 units), and the terminator.
-        std::string utf8(units * 4 + 1, '\0');
-        const int written = platform::WideCharToMultiByte(
-            platform::kCpUtf8, 0, reinterpret_cast<const char16_t*>(wide.data()), static_cast<int>(units),
-            utf8.data(), static_cast<int>(utf8.size()), nullptr, nullptr);
-        if (written <= 0) return kStatusConversionFailed;
-        utf8.resize(static_cast<size_t>(written));
-        if (utf8.back() != '\0') utf8.push_back('\0');
-        return AssignBytes(out, utf8.data(), utf8.size());
+    const int32_t read =
+        ReadEntry(reads, tree.find_child(parent, std::string(name) + std::string(kUnicodeSuffix)), wide);
+    if (read != kStatusOk && read != kStatusNotPresent) return read;
+    if (read == kStatusNotPresent)
+        return ReadEntry(reads, tree.find_child(parent, std::string(name) + std::string(kEightBitSuffix)),
+                         out);
+    const size_t units = wide.size() / 2;
+    if (units == 0) return kStatusOk;
+    if (units > static_cast<size_t>(INT32_MAX) / 4) return kStatusFailure;
+    const auto* source = reinterpret_cast<const char16_t*>(wide.data());
+    // Measured first, so that the text takes what it needs, in memory the kernel accounts for.
+    const int needed = platform::WideCharToMultiByte(platform::kCpUtf8, 0, source, static_cast<int>(units),
+                                                     nullptr, 0, nullptr, nullptr);
+    if (needed <= 0) return kStatusConversionFailed;
+    GrowBuffer utf8;
+    if (utf8.Init(static_cast<size_t>(needed) + 1, 0) != kStatusOk) return kStatusFailure;
+    const int written =
+        platform::WideCharToMultiByte(platform::kCpUtf8, 0, source, static_cast<int>(units),
+                                      reinterpret_cast<char*>(utf8.data()), needed, nullptr, nullptr);
+    if (written != needed) return kStatusConversionFailed;
+    utf8.Extend(static_cast<size_t>(written));
+    if (utf8.Terminate() != kStatusOk) return kStatusFailure;
+    utf8.MoveInto(out);
+    return kStatusOk;
+}
+
+// "__attach_version1.0_#" and eight upper-case hex digits: the number, or none.
+std::optional<uint32_t> AttachmentNumber(std::string_view name) {
+    constexpr std::string_view kPrefix = "__attach_version1.0_#";
+    if (name.size() != kPrefix.size() + 8 || !name.starts_with(kPrefix)) return std::nullopt;
+    uint32_t number = 0;
+    for (const char c : name.substr(kPrefix.size())) {
+        if (!(c >= '0' && c <= '9') && !(c >= 'A' && c <= 'F')) return std::nullopt;
+        number = number << 4 | static_cast<uint32_t>(HexValue(c));
     }
-    return ReadWholeStream(storage, std::string(name) + std::string(kEightBitSuffix), out);
+    return number;
+}
+
+// One attachment storage: when the HTML refers to its image (by "cid:" and the content id, else by the
+// file name), the references are replaced by the image. An attachment the body does not mention, or
+// whose data stream is missing, is passed over. 1, or a failure that ends the walk.
+int32_t InlineAttachment(MessageReads& reads, size_t attachment, MessageDocument& record,
+                         ImageFileWriter* image_files) {
+    CountedString file_name;
+    CountedString content_id;
+    if (const int32_t status = ReadString(reads, attachment, kMsgAttachNameStream, file_name);
+        status < kStatusOk)
+        return status;
+    if (const int32_t status = ReadString(reads, attachment, kMsgAttachContentIdStream, content_id);
+        status < kStatusOk)
+        return status;
+    std::string reference;
+    if (FindImageReference(record.document.text(), file_name.text(), content_id.text(), &reference) !=
+        kStatusOk)
+        return kStatusOk;
+
+    CountedString data;
+    const int32_t read =
+        ReadEntry(reads, reads.storage.directory().find_child(attachment, kMsgAttachDataStream), data);
+    if (read == kStatusNotPresent) return kStatusOk;
+    if (read != kStatusOk) return read;
+    int32_t count = 0;
+    const int32_t status =
+        InlineImage(&record.document, reference, data.data(), data.size(), image_files, &count);
+    // An image too small to encode (0) or empty (-13) stays a reference; the other images are still
+    // inlined.
+    return status == 0 || status == kStatusBadArgument ? kStatusOk : status;
+}
+
+// Inlines the images of every attachment storage. 1, or the first failure, which ends the walk.
+int32_t WalkAttachments(MessageReads& reads, MessageDocument& record, ImageFileWriter* image_files) {
+    for (const AttachmentStorageEntry& attachment : FindAttachmentStorages(reads.storage)) {
+        const int32_t status = InlineAttachment(reads, attachment.entry, record, image_files);
+        if (status != kStatusOk) return status;
+    }
+    return kStatusOk;
+}
+
+// Reads the compressed-RTF body into record.document. 1 with `*present` set when there is one; 1 and
+// not present when the stream is missing or its type is not one we decompress.
+int32_t ReadFormattedBody(MessageReads& reads, MessageDocument& record, bool* present) {
+    *present = false;
+    CountedString compressed;
+    const int32_t read =
+        ReadEntry(reads, reads.storage.directory().find_child(0, kMsgRtfCompressedStream), compressed);
+    if (read == kStatusNotPresent) return kStatusOk;
+    if (read != kStatusOk) return read;
+    if (compressed.size() < kCompTypeOffset + 4) return kStatusOk;
+    const uint32_t type = LoadLe32(compressed.data() + kCompTypeOffset);
+    if (type != kRtfCompressed && type != kRtfUncompressed) return kStatusOk;
+
+    const int32_t status = DecompressRtfBuffer(compressed.data(), compressed.size(), record.document);
+    compressed.Release();
+    if (status != kStatusOk) return status;
+    *present = true;
+    // Whatever did not stay RTF was recovered HTML.
+    if (!record.document.text().starts_with(kRtfStart)) StripHtmlNoise(&record.document);
+    return kStatusOk;
+}
+
+// Reads the string properties of the header. 1, or the first failure.
+int32_t ReadHeaderStrings(MessageReads& reads, MessageDocument& record) {
+    struct Field {
+        std::string_view stream;
+        HeaderSlot slot;
+    };
+    static constexpr Field kFirst[] = {
+        {kMsgSubjectStream, kSlotSubject},
+        {kMsgSenderNameStream, kSlotFrom},
+        {kMsgSenderSmtpStream, kSlotSenderAddress},
+    };
+    static constexpr Field kSecond[] = {
+        {kMsgAuthorStream, kSlotRepresenting},
+        {kMsgDisplayToStream, kSlotTo},
+        {kMsgDisplayCcStream, kSlotCc},
+        {kMsgDisplayBccStream, kSlotBcc},
+    };
+    for (const Field& field : kFirst) {
+        if (const int32_t status = ReadString(reads, 0, field.stream, record.header[field.slot]);
+            status < kStatusOk)
+            return status;
+    }
+    CountedString& address = record.header[kSlotSenderAddress];
+    if (address.TextLength() == 0) {
+        if (const int32_t status = ReadString(reads, 0, kMsgRepresentingAddressStream, address);
+            status < kStatusOk)
+            return status;
+    }
+    // An Exchange (X.500) address says nothing a reader of the page could use; the name stands alone.
+    if (address.text().find('@') == std::string_view::npos) address.Release();
+    for (const Field& field : kSecond) {
+        if (const int32_t status = ReadString(reads, 0, field.stream, record.header[field.slot]);
+            status < kStatusOk)
+            return status;
+    }
+    return kStatusOk;
+}
+
+// Sent and Importance from the fixed-length property stream; a missing entry leaves the field empty.
+int32_t ReadFixedProperties(MessageReads& reads, MessageDocument& record) {
+    CountedString properties;
+    const int32_t read =
+        ReadEntry(reads, reads.storage.directory().find_child(0, kMsgPropertiesStream), properties);
+    if (read == kStatusNotPresent) return kStatusOk;
+    if (read != kStatusOk) return read;
+    if (const auto sent = FindFixedProperty(properties, kMsgTypeFileTime, kMsgPropSubmitTime)) {
+        // A time that cannot be formatted leaves Sent empty; memory running out ends the read.
+        if (FormatSentTime(*sent, record.header[kSlotSent]) == kStatusFailure) return kStatusFailure;
+    }
+    if (const auto importance = FindFixedProperty(properties, kMsgTypeLong, kMsgPropImportance)) {
+        if (const int32_t status =
+                ImportanceText(static_cast<uint32_t>(*importance), record.header[kSlotImportance]);
+            status != kStatusOk)
+            return status;
+    }
+    return kStatusOk;
+}
+
+int32_t ReadOpenMessage(const cfb::CompoundStorage& storage, MessageDocument& record,
+                        const MsgReadOptions& options) {
+    MessageReads reads(storage);
+    bool formatted = false;
+    if (const int32_t status = ReadFormattedBody(reads, record, &formatted); status != kStatusOk)
+        return status;
+    const int32_t text = ReadString(reads, 0, kMsgBodyStream, record.text_body);
+    if (text < kStatusOk) return text;
+    if (!formatted && text == kStatusNotPresent) return kStatusUnsupported;
+
+    if (const int32_t status = ReadHeaderStrings(reads, record); status != kStatusOk) return status;
+    if (const int32_t status = ReadFixedProperties(reads, record); status != kStatusOk) return status;
+
+    // Images go only into a body that is HTML; an RTF body keeps its own pictures.
+    if (options.walk_attachments && formatted && !record.document.text().starts_with(kRtfStart)) {
+        const int32_t status = WalkAttachments(reads, record, options.image_files);
+        // The message itself is delivered; the walk's failure is reported beside it.
+        if (status != kStatusOk && record.reader_status == kStatusOk) record.reader_status = status;
+    }
+    return kStatusOk;
+}
+
+}  // namespace
+
+std::string AttachmentStorageName(uint32_t number) {
+    char name[40];
+    std::snprintf(name, sizeof name, "__attach_version1.0_#%08X", static_cast<unsigned>(number));
+    return name;
+}
+
+std::vector<AttachmentStorageEntry> FindAttachmentStorages(const cfb::CompoundStorage& storage) {
+    const cfb::DirectoryTree& tree = storage.directory();
+    // The directory cannot hold more storages than it has entries, so neither can the walk go further.
+    const size_t limit = tree.size();
+    // One pass over the directory for the numbers it names, and one descent of the root's tree for them
+    // all: looked up one by one, a root whose tree is one long chain costs the square of its size.
+    std::vector<uint32_t> numbers;
+    for (size_t i = 0; i < tree.size(); ++i) {
+        const std::optional<uint32_t> number = AttachmentNumber(tree.entry(i).name());
+        if (number && *number <= limit + 1) numbers.push_back(*number);
+    }
+    std::sort(numbers.begin(), numbers.end());
+    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
+    // One length and upper-case hex digits: the names sort as their numbers do.
+    std::vector<std::string> names;
+    names.reserve(numbers.size());
+    for (const uint32_t number : numbers) names.push_back(AttachmentStorageName(number));
+    const std::vector<std::optional<size_t>> found = limit > 0 && tree.entry(0).valid
+                                                         ? tree.find_siblings(tree.entry(0).child, names)
+                                                         : std::vector<std::optional<size_t>>(names.size());
+    // The storage numbered `number`, when there is one (a stream of that name does not count).
+    const auto storage_of = [&](uint32_t number) -> std::optional<size_t> {
+        const auto at = std::lower_bound(numbers.begin(), numbers.end(), number);
+        if (at == numbers.end() || *at != number) return std::nullopt;
+        const std::optional<size_t> index = found[static_cast<size_t>(at - numbers.begin())];
+        if (!index || !tree.entry(*index).valid || !tree.entry(*index).is_directory) return std::nullopt;
+        return index;
+    };
+
+    std::vector<AttachmentStorageEntry> storages;
+    for (uint32_t number = 0; number <= limit; ++number) {
+        if (const std::optional<size_t> index = storage_of(number)) {
+            storages.push_back({number, *index});
+        } else if (!storage_of(number + 1)) {
+            break;
+        }
+    }
+    return storages;
+}
+
+int32_t ReadWholeStream(const cfb::CompoundStorage& storage, std::string_view path, CountedString& out) {
+    MessageReads reads(storage);
+    return ReadEntry(reads, storage.directory().find_index(path), out);
+}
+
+int32_t ReadStringProperty(const cfb::CompoundStorage& storage, std::string_view name, CountedString& out) {
+    MessageReads reads(storage);
+    return ReadString(reads, 0, name, out);
 }
 
 int32_t ReadMsgMessage(MessageDocument& record, const char16_t* file_name, const MsgReadOptions& options) {

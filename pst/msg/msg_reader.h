@@ -46,16 +46,22 @@ inline constexpr uint16_t kMsgPropSubmitTime = 0x0039;
 // The name of attachment storage `number`: "__attach_version1.0_#" and eight upper-case hex digits.
 std::string AttachmentStorageName(uint32_t number);
 
-// The numbers of the attachment storages, in the order they are walked: from 0 up, one missing number
-// stepped over, two in a row ending the walk (a name that is a stream, not a storage, counts as missing).
+struct AttachmentStorageEntry {
+    uint32_t number;
+    size_t entry;  // its directory entry
+};
+
+// The attachment storages in the order they are walked: from number 0 up, one missing number stepped
+// over, two in a row ending the walk (a name that is a stream, not a storage, counts as missing).
 // Writers number attachments densely; a removed one leaves a single gap.
-std::vector<uint32_t> AttachmentStorageNumbers(const cfb::CompoundStorage& storage);
+std::vector<AttachmentStorageEntry> FindAttachmentStorages(const cfb::CompoundStorage& storage);
 
 // The whole stream at `path` into `out`: its bytes, with two zero bytes behind them that the size does
 // not count. The buffer is sized by what the stream's chain of blocks and the file can hold, never by
 // the size the directory states alone; a stream whose chain or file ends early yields the bytes that
 // are there. 1; 2 when the path does not resolve or names a storage (`out` then empty); -1 when memory
-// runs out.
+// runs out. While a message is read, its streams together may take no more than the file holds (-9
+// beyond that: their chains overlap).
 int32_t ReadWholeStream(const cfb::CompoundStorage& storage, std::string_view path, CountedString& out);
 
 // The string property whose stream name is `name` and "001F", else `name` and "001E". A "001F" value is

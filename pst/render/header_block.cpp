@@ -212,12 +212,14 @@ int32_t WriteHtmlHeaderRow(HtmlHeader& header, MessageDocument& record, const Co
     return out.Append(kHtmlRowEnd);
 }
 
-// The character set that the first "<meta" tag declaring one declares, if any.
+// The character set that the first "<meta" tag declaring one declares, if any. A tag runs to the next
+// ">" or the body's end. The search resumes at the tag's end: a "<meta" inside it spans a tail of the
+// same text, and a declaration in that tail is the tag's own, already examined.
 bool DeclaredInMeta(std::string_view html, CharsetCode* charset) {
-    for (size_t tag = FindNoCase(html, "<meta", 0); tag != std::string_view::npos;
-         tag = FindNoCase(html, "<meta", tag + 1)) {
+    for (size_t tag = FindNoCase(html, "<meta", 0); tag != std::string_view::npos;) {
         const size_t close = std::min(html.find('>', tag), html.size());
         if (FindCharsetDeclaration(html.substr(tag, close - tag), charset) == 1) return true;
+        tag = FindNoCase(html, "<meta", close);
     }
     return false;
 }

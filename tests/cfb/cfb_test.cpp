@@ -234,6 +234,39 @@ TEST(CompoundStorage, NamesAndLookupsKeepTheirDeliberateRules) {
     }
 }
 
+// Many names looked up in one descent find what each looked up alone finds, on sibling links rewired at
+// random into chains, loops, shared subtrees and links to nowhere.
+TEST(CompoundStorage, NamesLookedUpTogetherAsAlone) {
+    std::vector<CfbNode> children;
+    std::vector<std::string> names = {"", "a", "zz", "n05x", "n99"};
+    for (int i = 0; i < 24; ++i) {
+        const std::string name = "n" + std::to_string(10 + i);
+        children.push_back(CfbNode::Stream(std::u16string(name.begin(), name.end()), {1}));
+        names.push_back(name);
+    }
+    std::sort(names.begin(), names.end(),
+              [](const std::string& a, const std::string& b) { return compare_entry_names(a, b) < 0; });
+    uint32_t seed = 1;
+    const auto random = [&seed](uint32_t n) { return (seed = seed * 1103515245 + 12345) / 65536 % n; };
+    for (int round = 0; round < 200; ++round) {
+        CfbImage image = BuildCfb(CfbNode::Storage(u"Root Entry", children));
+        const uint32_t count = static_cast<uint32_t>(image.entries.size());
+        for (int k = 0; k < round % 12; ++k) {
+            const size_t field = random(2) == 0 ? format::kLeftSiblingOffset : format::kRightSiblingOffset;
+            const uint32_t to = random(8) == 0 ? format::kNoEntry : random(count + 1);
+            image.SetEntryField(1 + random(count - 1), field, to);
+        }
+        KernelTempFile f(image.bytes);
+        CompoundStorage s(f.handle());
+        ASSERT_TRUE(s.open());
+        const DirectoryTree& tree = s.directory();
+        const auto together = tree.find_siblings(tree.entry(0).child, names);
+        for (size_t i = 0; i < names.size(); ++i)
+            EXPECT_EQ(together[i], tree.find_sibling(tree.entry(0).child, names[i]))
+                << round << " " << names[i];
+    }
+}
+
 TEST(CompoundStorage, StreamSizeIsTheLowHalfAndPicksTheChain) {
     CfbNode root = CfbNode::Storage(u"Root Entry", {CfbNode::Stream(u"s", PatternBytes(5000, 1)),
                                                     CfbNode::Stream(u"m", PatternBytes(200, 2))});

@@ -203,6 +203,12 @@ TEST(MsgReader, FixedPropertyScan) {
     }
 }
 
+std::vector<uint32_t> Numbers(const std::vector<AttachmentStorageEntry>& storages) {
+    std::vector<uint32_t> numbers;
+    for (const AttachmentStorageEntry& s : storages) numbers.push_back(s.number);
+    return numbers;
+}
+
 TEST(MsgReader, AttachmentNumbering) {
     struct Case {
         const char* what;
@@ -227,13 +233,13 @@ TEST(MsgReader, AttachmentNumbering) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         MsgFile file(c.children);
-        EXPECT_EQ(AttachmentStorageNumbers(file.storage()), c.walked);
+        EXPECT_EQ(Numbers(FindAttachmentStorages(file.storage())), c.walked);
     }
     // Numbers past nine are written in upper-case hex, so "#0000000A" follows "#00000009".
     std::vector<CfbNode> many;
     for (uint32_t n = 0; n < 12; ++n) many.push_back(a(n));
     MsgFile file(many);
-    EXPECT_EQ(AttachmentStorageNumbers(file.storage()).size(), 12u);
+    EXPECT_EQ(FindAttachmentStorages(file.storage()).size(), 12u);
     EXPECT_EQ(AttachmentStorageName(10), "__attach_version1.0_#0000000A");
 }
 
@@ -447,6 +453,39 @@ TEST(MsgClaims, EveryStreamOfAMessageClaimingGigabytes) {
     MsgFile file(image.bytes);
     MessageDocument record;
     EXPECT_EQ(file.Read(record), kStatusUnsupported);
+}
+
+// Name streams of many attachments pointing at one chain: each read is bounded, and so is their sum,
+// by what the file holds. The walk stops there with -9 beside the message; the images before stay.
+TEST(MsgClaims, TheStreamsOfAMessageTogetherTakeNoMoreThanTheFile) {
+    const std::u16string shared(6000, u'n');
+    std::vector<CfbNode> streams = {test::StoredRtfBody("<img src=\"cid:a\"><img src=\"cid:b\">")};
+    for (uint32_t n = 0; n < 4; ++n) {
+        streams.push_back(AttachmentStorage(
+            n,
+            {UnicodeProperty("3704", n == 0 ? shared : u"x"), UnicodeProperty("3712", n == 3 ? u"b" : u"a"),
+             CfbNode::Stream(u"__substg1.0_37010102", test::PatternBytes(30, 1))}));
+    }
+    for (const bool shared_chain : {false, true}) {
+        SCOPED_TRACE(shared_chain);
+        test::CfbImage image = BuildMsg(streams);
+        const test::CfbEntryInfo& big =
+            image.Find({MsgName(test::AttachmentName(0)), u"__substg1.0_3704001F"});
+        for (uint32_t n = 1; n < 4 && shared_chain; ++n) {
+            const uint32_t index =
+                image.Find({MsgName(test::AttachmentName(n)), u"__substg1.0_3704001F"}).index;
+            image.SetEntryField(index, cfb::format::kStartSectorOffset, big.start);
+            image.SetEntryField(index, cfb::format::kStreamSizeOffset, static_cast<uint32_t>(big.size));
+        }
+        ASSERT_LT(image.bytes.size(), 3 * big.size);
+        MsgFile file(image.bytes);
+        MessageDocument record;
+        ASSERT_EQ(file.Read(record), kStatusOk);
+        EXPECT_EQ(record.reader_status, shared_chain ? kStatusUnsupported : kStatusOk);
+        const std::string document(record.document.text());
+        EXPECT_EQ(document.find("cid:a"), std::string::npos);
+        EXPECT_EQ(document.find("cid:b") != std::string::npos, shared_chain);
+    }
 }
 
 // Every allocation of a read failing in turn: each ends in the reader's -1 or in a delivered message,
