@@ -11,6 +11,35 @@
 
 namespace tarnview {
 
+// The length of the well-formed UTF-8 sequence at `text[at]` and its code point, or 0 when ill-formed.
+inline size_t Utf8Sequence(std::string_view text, size_t at, uint32_t* code_point) {
+    const auto byte = [&](size_t i) { return static_cast<uint8_t>(text[i]); };
+    const uint8_t lead = byte(at);
+    size_t length = 0;
+    uint32_t value = 0;
+    uint32_t least = 0;
+    if (lead < 0x80) {
+        *code_point = lead;
+        return 1;
+    } else if ((lead & 0xE0) == 0xC0) {
+        length = 2, value = lead & 0x1F, least = 0x80;
+    } else if ((lead & 0xF0) == 0xE0) {
+        length = 3, value = lead & 0x0F, least = 0x800;
+    } else if ((lead & 0xF8) == 0xF0) {
+        length = 4, value = lead & 0x07, least = 0x10000;
+    } else {
+        return 0;
+    }
+    if (text.size() - at < length) return 0;
+    for (size_t i = 1; i < length; ++i) {
+        if ((byte(at + i) & 0xC0) != 0x80) return 0;
+        value = (value << 6) | (byte(at + i) & 0x3F);
+    }
+    if (value < least || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) return 0;
+    *code_point = value;
+    return length;
+}
+
 class JsonWriter {
   public:
     explicit JsonWriter(std::ostream& out) : out_(out) {}
@@ -97,9 +126,18 @@ class JsonWriter {
         size_t plain = 0;
         for (size_t i = 0; i < text.size(); ++i) {
             const auto c = static_cast<unsigned char>(text[i]);
-            if (c >= 0x20 && c != '"' && c != '\\') continue;
+            uint32_t code_point = 0;
+            const size_t length = c >= 0x80 ? Utf8Sequence(text, i, &code_point) : 1;
+            if (length > 1) i += length - 1;
+            if (length > 0 && c >= 0x20 && c != '"' && c != '\\') continue;
             out_.write(text.data() + plain, static_cast<std::streamsize>(i - plain));
             plain = i + 1;
+            // A byte that is not UTF-8 (a file name's, say) cannot be carried: the replacement character
+            // keeps the document valid JSON.
+            if (length == 0) {
+                out_ << "\\ufffd";
+                continue;
+            }
             switch (c) {
                 case '"':
                     out_ << "\\\"";
@@ -122,7 +160,7 @@ class JsonWriter {
                 }
             }
         }
-        // UTF-8 passes through.
+        // Well-formed UTF-8 passes through.
         out_.write(text.data() + plain, static_cast<std::streamsize>(text.size() - plain));
         out_ << '"';
     }

@@ -81,6 +81,9 @@ class ParallelWalk {
         settings_.chunk_rows = std::max<size_t>(settings_.chunk_rows, 1);
     }
 
+    // From `finish`: the walk ends once `finish` returns, and nothing more is handed over.
+    void Stop() { stopped_ = true; }
+
     // Walks `db` (the calling thread's reader).
     void Run(const tarn::ndb::db_ptr& db, const Finish& finish, const Fail& fail) {
         Planner planner(db, settings_.chunk_rows);
@@ -116,7 +119,7 @@ class ParallelWalk {
 
             bool folder_ended = false;
             tarn::ndb::node_id ended_folder = 0;
-            for (;;) {
+            while (!stopped_) {
                 // Keep the window ahead of the consumer planned.
                 while (!planner.done()) {
                     {
@@ -152,7 +155,7 @@ class ParallelWalk {
                 if (folder_ended && chunk->folder && *chunk->folder == ended_folder) continue;
                 folder_ended = false;
                 std::optional<RowFailure> failure = std::move(chunk->failure);
-                for (size_t i = 0; i < chunk->results.size(); ++i) {
+                for (size_t i = 0; i < chunk->results.size() && !stopped_; ++i) {
                     const uint32_t row = chunk->first_row + static_cast<uint32_t>(i);
                     try {
                         finish(*chunk->folder, row, chunk->results[i]);
@@ -162,7 +165,7 @@ class ParallelWalk {
                         break;
                     }
                 }
-                if (failure) {
+                if (failure && !stopped_) {
                     if (failure->folder) {
                         folder_ended = true;
                         ended_folder = *failure->folder;
@@ -347,6 +350,7 @@ class ParallelWalk {
     std::deque<std::unique_ptr<Chunk>> chunks_;  // planned and not yet consumed, in order
     size_t waiting_bytes_ = 0;
     bool stopping_ = false;
+    bool stopped_ = false;  // the calling thread's own
 };
 
 }  // namespace tarnview
