@@ -884,7 +884,7 @@ int RunExport(const Args& args) {
     if (session.Stopped()) {
         const std::string reason = !manifest.error().empty() ? manifest.error()
                                    : g_interrupted != 0      ? std::string("interrupted")
-                                                             : std::string("no space left for the output");
+                                                             : tree.space_error();
         std::fprintf(stderr, "tarnview export: stopped (%s); %s lists what was done, and --resume goes on\n",
                      reason.c_str(), manifest_path.c_str());
         return 1;

@@ -177,8 +177,9 @@ std::string OutputTree::WriteFile(const fs::path& file, std::span<const std::byt
     if (failed == 0 && ::fsync(fd.get()) != 0) failed = errno;
     if (failed == 0 && ::close(fd.release()) != 0) failed = errno;
     if (failed != 0) {
-        out_of_space_ = out_of_space_ || failed == ENOSPC || failed == EFBIG || failed == EDQUOT;
         error = Reason(shown, failed);
+        if (out_of_space_.empty() && (failed == ENOSPC || failed == EFBIG || failed == EDQUOT))
+            out_of_space_ = error;
     } else {
         error = Publish(temporary, file);
     }

@@ -57,8 +57,9 @@ class OutputTree {
     void Remove(const std::filesystem::path& file);
 
     // Whether a write failed for want of space (a full disk, a quota, a file-size limit): nothing
-    // more will fit.
-    bool out_of_space() const { return out_of_space_; }
+    // more will fit. The first such failure, as WriteFile gave it.
+    bool out_of_space() const { return !out_of_space_.empty(); }
+    const std::string& space_error() const { return out_of_space_; }
 
     // The files written so far, relative to the root.
     const std::set<std::string>& written() const { return written_; }
@@ -78,7 +79,7 @@ class OutputTree {
     std::filesystem::path folder_;  // the folder the descriptor below is open on, relative to the root
     int folder_fd_ = -1;
     uint64_t temporaries_ = 0;
-    bool out_of_space_ = false;
+    std::string out_of_space_;
 };
 
 }  // namespace tarnview
