@@ -503,20 +503,41 @@ TEST(TarnviewExport, ForceReplacesLinksWithoutWritingThroughThemAndRemovesWhatIt
     EXPECT_EQ(Tree(out).size(), 5u);  // the manifest, Top of Personal Folders, Inbox, two documents
 }
 
-TEST(TarnviewExport, OtherSourcesGiveWordsForTheirStatusAndValidJsonForAnyName) {
+TEST(TarnviewExport, OtherSourcesGiveTheirAttachmentsWordsForTheirStatusAndValidJsonForAnyName) {
     ScratchDir dir;
     // A name that is not UTF-8 cannot be opened; a multipart whose lines end in LF alone has no part
     // the filter finds.
     const std::string lf_only = "Content-Type: multipart/mixed; boundary=b\n\n--b\n\nx\n--b--\n";
-    const fs::path sources[] = {dir.Write("caf\xff.eml", lf_only), dir.Write("lf.eml", lf_only)};
-    const Exported exported = RunExport(dir.path() / "out", {sources[0].string(), sources[1].string()});
+    const fs::path corpus = fs::path(TARN_SHARED_DIR) / "corpus";
+    const std::string sources[] = {dir.Write("caf\xff.eml", lf_only).string(),
+                                   dir.Write("lf.eml", lf_only).string(),
+                                   (corpus / "msg" / "ansi-plain-jpeg-attached.msg").string(),
+                                   (corpus / "eml" / "thunderbird-enclosed-rfc822.eml").string()};
+    const fs::path out = dir.path() / "out";
+    const Exported exported =
+        RunExport(out, {sources[0], sources[1], sources[2], sources[3], "--attachments"});
     EXPECT_EQ(exported.exit_status, 1);
-    ASSERT_EQ(exported.rows.size(), 2u);
+    ASSERT_EQ(exported.rows.size(), 4u);
     EXPECT_EQ(Get(exported.rows[0], "source"), (dir.path() / "caf\uFFFD.eml").string());
     for (const int i : {0, 1}) {
         const int32_t status = i == 0 ? kStatusCannotOpen : kStatusUnsupported;
         EXPECT_EQ(Get(exported.rows[i], "error"),
                   "the filter gives status " + std::to_string(status) + " (" + StatusText(status) + ")");
+    }
+    // The attachments, against olefile's reading of the storage and the size `tarnview parts` reports.
+    const std::string olefile = tarn::testing::Run(
+        "/usr/bin/python3 -c \"import olefile,sys; sys.stdout.buffer.write(olefile.OleFileIO("
+        "sys.argv[1]).openstream('__attach_version1.0_#00000000/__substg1.0_37010102')"
+        ".read())\" " +
+        Quoted(sources[2]));
+    const std::pair<std::string, std::string> expected[] = {{"test.jpg", olefile}, {"thanks.eml", ""}};
+    for (const int i : {2, 3}) {
+        const auto& attachments = exported.rows[i].get_child("attachments");
+        ASSERT_EQ(attachments.size(), 1u);
+        const std::string file = *Get(attachments.front().second, "file");
+        EXPECT_EQ(fs::path(file).filename(), expected[i - 2].first);
+        EXPECT_EQ(Get(attachments.front().second, "bytes"), i == 2 ? std::to_string(olefile.size()) : "2502");
+        EXPECT_TRUE(i != 2 || ReadAll(out / file) == olefile);
     }
 }
 

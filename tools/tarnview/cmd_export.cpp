@@ -49,6 +49,7 @@
 #include "tools/tarnview/json.h"
 #include "tools/tarnview/language.h"
 #include "tools/tarnview/parallel_walk.h"
+#include "tools/tarnview/source_attachments.h"
 #include "tools/tarnview/store_text.h"
 
 namespace tarnview {
@@ -713,7 +714,7 @@ class StoreExport {
 };
 
 // A message file or an Internet message: one document through the filter library, as `render` makes it.
-void ExportSingle(Session& session, const std::string& source, const fs::path& base) {
+void ExportSingle(Session& session, const std::string& source, const fs::path& base, bool message_file) {
     Row row;
     row.source = source;
     row.index = 1;
@@ -756,10 +757,9 @@ void ExportSingle(Session& session, const std::string& source, const fs::path& b
         return;
     }
     row.format = format;
-    const fs::path file =
-        base /
-        (IndexText(1) + "-" + PortableName(fs::path(source).stem().string(), kSubjectNameBytes, "message") +
-         DocumentExtension(format));
+    const std::string stem =
+        IndexText(1) + "-" + PortableName(fs::path(source).stem().string(), kSubjectNameBytes, "message");
+    const fs::path file = base / (stem + DocumentExtension(format));
     if (const ListedRow* standing = session.Standing(source, 1, std::nullopt, file.string())) {
         session.manifest.Keep(*standing);
         session.progress.Step();
@@ -772,16 +772,37 @@ void ExportSingle(Session& session, const std::string& source, const fs::path& b
         row.bytes = document.size();
         row.sha256 = Sha256Hex(document);
     }
+    if (session.options.attachments && !session.Stopped()) {
+        const fs::path dir = base / (stem + kAttachmentsSuffix);
+        std::string unread;
+        for (const SourceAttachment& a : ReadSourceAttachments(source, message_file, &unread)) {
+            AttachmentRow out{"", 0, "", a.embedded, 1, std::nullopt, a.error};
+            const std::string fallback = "attachment-" + std::to_string(row.attachments.size() + 1);
+            if (out.error.empty()) {
+                const std::span<const std::byte> bytes(reinterpret_cast<const std::byte*>(a.bytes.data()),
+                                                       a.bytes.size());
+                const fs::path path =
+                    dir /
+                    session.names.Claim(dir.string(), PortableName(a.name, kAttachmentNameBytes, fallback));
+                out.error = session.tree.WriteFile(path, bytes);
+                if (out.error.empty())
+                    out.file = path.string(), out.bytes = bytes.size(), out.sha256 = Sha256Hex(bytes);
+            }
+            row.attachments.push_back(std::move(out));
+        }
+        if (!unread.empty()) row.attachments.push_back({"", 0, "", false, 1, std::nullopt, unread});
+    }
     session.Add(row);
 }
 
 // Classified as the filter classifies its source.
-bool IsPst(const std::string& source) {
+tarn::InputKind KindOf(const std::string& source) {
     const tarn::KernelFileHandle handle(
         krnOpenFile(tarn::host::WideFromUtf8(source).c_str(), 0, tarn::kOpenShareMode));
     tarn::InputKind kind = tarn::kInputUnsupported;
-    return handle.valid() && tarn::ProbeSource(handle.get(), &kind) == tarn::kStatusOk &&
-           kind == tarn::kInputPstStore;
+    if (!handle.valid() || tarn::ProbeSource(handle.get(), &kind) != tarn::kStatusOk)
+        return tarn::kInputUnsupported;
+    return kind;
 }
 
 // The rows a store's walk will visit, for the progress line: its folders' contents tables, as far as
@@ -864,7 +885,7 @@ int RunExport(const Args& args) {
 
     if (progress.on()) {
         for (const std::string& source : options->sources)
-            progress.AddToTotal(IsPst(source) ? RowsIn(source) : 1);
+            progress.AddToTotal(KindOf(source) == tarn::kInputPstStore ? RowsIn(source) : 1);
     }
     for (const std::string& source : options->sources) {
         if (session.Stopped()) break;
@@ -873,10 +894,11 @@ int RunExport(const Args& args) {
         if (options->sources.size() > 1)
             base = names.Claim(
                 "", PortableName(fs::path(source).filename().string(), kFolderNameBytes, "source"));
-        if (IsPst(source)) {
+        const tarn::InputKind kind = KindOf(source);
+        if (kind == tarn::kInputPstStore) {
             StoreExport(session, source, base).Run();
         } else {
-            ExportSingle(session, source, base);
+            ExportSingle(session, source, base, kind == tarn::kInputMessageFile);
         }
     }
     progress.Clear();
