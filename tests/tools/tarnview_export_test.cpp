@@ -462,7 +462,10 @@ TEST(TarnviewExport, AFullDiskLeavesNoFileCutShortAndResumeCompletesTheExport) {
         if (tear) {
             const std::string manifest = ReadAll(cut / "manifest.jsonl");
             std::ofstream(cut / "manifest.jsonl", std::ios::trunc) << manifest.substr(0, manifest.size() / 2);
-            std::ofstream(cut / *Get(uninterrupted.rows[0], "file"), std::ios::trunc) << "changed";
+            // Of the same size: only the checksum tells.
+            const fs::path changed = cut / *Get(uninterrupted.rows[0], "file");
+            const std::string same_size(fs::file_size(changed), 'z');
+            std::ofstream(changed, std::ios::trunc) << same_size;
         }
         const Exported resumed = RunExport(cut, {path.string(), "--attachments", "--resume"});
         EXPECT_EQ(resumed.exit_status, 0) << resumed.errors;
