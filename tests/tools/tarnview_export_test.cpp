@@ -401,14 +401,6 @@ TEST(TarnviewExport, NoNameFromTheStoreLeavesTheOutputFolder) {
             EXPECT_NE(p.filename().string()[0], '.') << p;
         }
         EXPECT_FALSE(fs::exists("/etc/x"));
-
-        // Again into the same folder: refused without --force, and nothing is replaced.
-        const auto first = fs::last_write_time(out / "manifest.jsonl");
-        EXPECT_EQ(RunExport(out, {path.string()}).exit_status, 1);
-        EXPECT_EQ(fs::last_write_time(out / "manifest.jsonl"), first);
-        const Exported forced = RunExport(out, {path.string(), "--force"});
-        EXPECT_EQ(forced.exit_status, 0) << forced.errors;
-        EXPECT_EQ(forced.rows.size(), exported.rows.size());
     }
 }
 
