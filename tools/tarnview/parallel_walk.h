@@ -118,8 +118,9 @@ class ParallelWalk {
         for (const tarn::ndb::db_ptr& reader : readers)
             threads.emplace_back([this, reader] { WorkerLoop(reader); });
 
-        std::optional<tarn::ndb::node_id>
-            ended_folder;  // the folder a store error ended, while its chunks come
+        // The folder a store error ended, while its chunks come.
+        bool folder_ended = false;
+        tarn::ndb::node_id ended_folder = 0;
         while (!stopped_) {
             // Keep the window ahead of the consumer planned.
             while (!planner.done()) {
@@ -138,8 +139,8 @@ class ParallelWalk {
             std::unique_lock lock(mutex_);
             if (chunks_.empty()) break;
             Chunk& front = *chunks_.front();
-            if (ended_folder && front.folder != ended_folder) ended_folder.reset();
-            if (ended_folder) {
+            if (folder_ended && front.folder != ended_folder) folder_ended = false;
+            if (folder_ended) {
                 // The rest of a folder that a store error ended is not the walk's any more.
                 Drop(lock);
                 continue;
@@ -154,7 +155,7 @@ class ParallelWalk {
                 std::optional<RowFailure> failure = std::move(front.failure);
                 Drop(lock);
                 if (failure) {
-                    if (failure->folder) ended_folder = failure->folder;
+                    if (failure->folder) folder_ended = true, ended_folder = *failure->folder;
                     fail(*failure);
                 }
                 continue;
@@ -173,6 +174,7 @@ class ParallelWalk {
                 // What the calling thread reads for a message ends its folder as the worker's would.
                 lock.lock();
                 Drop(lock);
+                folder_ended = true;
                 ended_folder = folder;
                 if (!stopped_) fail(RowFailure{folder, row, e.what()});
             }
