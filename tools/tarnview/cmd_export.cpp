@@ -181,9 +181,27 @@ struct Session {
     // The earlier manifest's rows by source and message number (with --resume).
     std::map<std::pair<std::string, int64_t>, const ListedRow*> earlier;
     std::set<std::string> kept;  // files of earlier rows kept as they are
+    std::string commit_error;    // the files of a batch could not be flushed or named
+    std::chrono::steady_clock::time_point last_commit = std::chrono::steady_clock::now();
 
-    // The export stops at a signal, when the manifest cannot be written, and when the disk is full.
-    bool Stopped() const { return g_interrupted != 0 || !manifest.error().empty() || tree.out_of_space(); }
+    // The export stops at a signal, when the manifest cannot be written, when the disk is full, and
+    // when a batch cannot be committed.
+    bool Stopped() const {
+        return g_interrupted != 0 || !manifest.error().empty() || tree.out_of_space() ||
+               !commit_error.empty();
+    }
+
+    // Gives the files written since the last commit their names, then writes their rows. Should that
+    // fail, the rows are dropped with the files: --resume makes them again.
+    void Commit() {
+        last_commit = std::chrono::steady_clock::now();
+        if (!commit_error.empty()) return;
+        commit_error = tree.Commit();
+        if (commit_error.empty())
+            manifest.Flush();
+        else
+            manifest.Drop();
+    }
 
     // The earlier row of `source`'s message `index` when it stands: clean, for the same node, its
     // document at `file`, and every file it lists there with its recorded size and checksum.
@@ -204,6 +222,20 @@ struct Session {
     void Add(const Row& row) {
         manifest.Add(row);
         progress.Step();
+        Pace();
+    }
+    void Keep(const ListedRow& row) {
+        manifest.Keep(row);
+        progress.Step();
+        Pace();
+    }
+
+    // A batch is committed after a second, 1024 files or 64 MiB, whichever comes first: a crash loses
+    // at most that much work, and the flush costs little beside the writing.
+    void Pace() {
+        if (tree.pending() >= 1024 || tree.pending_bytes() >= (64u << 20) ||
+            std::chrono::steady_clock::now() - last_commit >= std::chrono::seconds(1))
+            Commit();
     }
 };
 
@@ -478,8 +510,7 @@ class StoreExport {
                 claimed = ClaimDocument(folder.dir, stem, claimed_extension);
                 if (const ListedRow* standing = session_.Standing(source_, *row.index, row.node,
                                                                   (folder.dir / claimed->first).string())) {
-                    session_.manifest.Keep(*standing);
-                    session_.progress.Step();
+                    session_.Keep(*standing);
                     return;
                 }
             }
@@ -761,8 +792,7 @@ void ExportSingle(Session& session, const std::string& source, const fs::path& b
         IndexText(1) + "-" + PortableName(fs::path(source).stem().string(), kSubjectNameBytes, "message");
     const fs::path file = base / (stem + DocumentExtension(format));
     if (const ListedRow* standing = session.Standing(source, 1, std::nullopt, file.string())) {
-        session.manifest.Keep(*standing);
-        session.progress.Step();
+        session.Keep(*standing);
         return;
     }
     row.error = session.tree.WriteFile(file, document);
@@ -874,7 +904,7 @@ int RunExport(const Args& args) {
     NameRegistry names;
     names.Claim("", kManifestName);
     Progress progress(isatty(STDERR_FILENO) != 0);
-    Session session{*options, tree, names, manifest, progress, {}, {}};
+    Session session{*options, tree, names, manifest, progress, {}, {}, {}};
     if (options->resume) {
         for (const ListedRow& row : earlier)
             if (row.index) session.earlier.emplace(std::pair(row.source, *row.index), &row);
@@ -901,12 +931,15 @@ int RunExport(const Args& args) {
             ExportSingle(session, source, base, kind == tarn::kInputMessageFile);
         }
     }
+    // What is whole gets its name and its row, also when the export stops.
+    session.Commit();
     progress.Clear();
     const std::string manifest_path = (options->out / kManifestName).string();
     if (session.Stopped()) {
-        const std::string reason = !manifest.error().empty() ? manifest.error()
-                                   : g_interrupted != 0      ? std::string("interrupted")
-                                                             : tree.space_error();
+        const std::string reason = !manifest.error().empty()       ? manifest.error()
+                                   : !session.commit_error.empty() ? session.commit_error
+                                   : g_interrupted != 0            ? std::string("interrupted")
+                                                                   : tree.space_error();
         std::fprintf(stderr, "tarnview export: stopped (%s); %s lists what was done, and --resume goes on\n",
                      reason.c_str(), manifest_path.c_str());
         return 1;

@@ -280,12 +280,11 @@ Manifest::~Manifest() {
     if (fd_ >= 0) ::close(fd_);
 }
 
-bool Manifest::Write(std::string line) {
+bool Manifest::Write(const std::string& lines) {
     if (!error_.empty()) return false;
-    line += '\n';
-    // One write per row: a signal or a crash between rows leaves whole lines only.
-    for (size_t at = 0; at < line.size();) {
-        const ssize_t n = ::write(fd_, line.data() + at, line.size() - at);
+    // One write for whole rows: a signal or a crash between writes leaves whole lines only.
+    for (size_t at = 0; at < lines.size();) {
+        const ssize_t n = ::write(fd_, lines.data() + at, lines.size() - at);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
             error_ = name_ + ": " + std::strerror(n < 0 ? errno : ENOSPC);
@@ -296,7 +295,13 @@ bool Manifest::Write(std::string line) {
     return true;
 }
 
-bool Manifest::Add(const Row& row) {
+bool Manifest::Flush() {
+    const bool written = Write(waiting_);
+    waiting_.clear();
+    return written;
+}
+
+void Manifest::Add(const Row& row) {
     ++rows_;
     if (row.exported) ++exported_, bytes_ += row.bytes;
     if (!row.error.empty()) ++failures_;
@@ -304,15 +309,15 @@ bool Manifest::Add(const Row& row) {
         if (!a.error.empty()) ++failures_;
         if (!a.file.empty()) ++attachments_, bytes_ += a.bytes;
     }
-    return Write(Serialize(row));
+    waiting_ += Serialize(row) + '\n';
 }
 
-bool Manifest::Keep(const ListedRow& row) {
+void Manifest::Keep(const ListedRow& row) {
     ++rows_;
     ++exported_;
     attachments_ += static_cast<int>(row.files.size()) - 1;
     for (const ListedFile& file : row.files) bytes_ += file.bytes;
-    return Write(row.line);
+    waiting_ += row.line + '\n';
 }
 
 bool Manifest::Finish() {
@@ -321,7 +326,8 @@ bool Manifest::Finish() {
     json.BeginObject().Field("summary", true).Field("rows", rows_).Field("exported", exported_);
     json.Field("attachments", attachments_).Field("failures", failures_);
     json.Field("bytes", bytes_).EndObject();
-    const bool written = Write(out.str());
+    const bool written = Write(waiting_ + out.str() + '\n');
+    waiting_.clear();
     if (written && ::fsync(fd_) != 0) error_ = name_ + ": " + std::strerror(errno);
     if (::close(std::exchange(fd_, -1)) != 0 && error_.empty()) error_ = name_ + ": " + std::strerror(errno);
     return error_.empty();

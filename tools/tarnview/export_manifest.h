@@ -72,7 +72,8 @@ struct ListedRow {
 // the file cannot be read, with the reason in `error`.
 std::optional<std::vector<ListedRow>> ReadManifest(const std::filesystem::path& path, std::string* error);
 
-// The manifest being written: each row goes to the file in one write when it is added.
+// The manifest being written. Rows wait until Flush(), which writes them in one write: the export
+// flushes once the files the rows list have their names, so a row is never ahead of its files.
 class Manifest {
   public:
     // Takes `fd`, opened for appending; `name` is how errors name the file.
@@ -81,11 +82,14 @@ class Manifest {
     Manifest(const Manifest&) = delete;
     Manifest& operator=(const Manifest&) = delete;
 
-    // Writes `row`; false when it cannot be written, with the reason in error().
-    bool Add(const Row& row);
-    // Writes a row an earlier export wrote, as it stands.
-    bool Keep(const ListedRow& row);
-    // Writes the summary and closes the file; false when either fails.
+    // Adds `row`, or a row an earlier export wrote as it stands.
+    void Add(const Row& row);
+    void Keep(const ListedRow& row);
+    // Writes the rows added since the last flush; false when they cannot be written, with the reason
+    // in error(). Drop() forgets them instead.
+    bool Flush();
+    void Drop() { waiting_.clear(); }
+    // Writes the rows waiting and the summary and closes the file; false when that fails.
     bool Finish();
 
     int failures() const { return failures_; }
@@ -93,11 +97,12 @@ class Manifest {
     const std::string& error() const { return error_; }
 
   private:
-    bool Write(std::string line);
+    bool Write(const std::string& lines);
 
     int fd_;
     std::string name_;
     std::string error_;
+    std::string waiting_;  // rows added and not yet written, each with its line end
     int rows_ = 0;
     int exported_ = 0;
     int attachments_ = 0;

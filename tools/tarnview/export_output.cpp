@@ -93,7 +93,8 @@ std::string Sha256Hex(std::span<const std::byte> bytes) {
 OutputTree::OutputTree(fs::path root, bool replace) : root_(std::move(root)), replace_(replace) {}
 
 OutputTree::~OutputTree() {
-    if (folder_fd_ >= 0) ::close(folder_fd_);
+    // Files never committed keep no name.
+    for (const Pending& p : pending_) ::unlinkat(*p.folder, p.temporary.c_str(), 0);
 }
 
 std::string OutputTree::MakeDirectory(const fs::path& dir) {
@@ -115,15 +116,22 @@ std::string OutputTree::MakeDirectory(const fs::path& dir) {
 
 int OutputTree::Folder(const fs::path& dir, std::string* error) {
     // Messages come folder by folder: the folder stays open, and each file is made in it by name.
-    if (folder_fd_ >= 0 && folder_ == dir) return folder_fd_;
-    if (folder_fd_ >= 0) ::close(folder_fd_);
-    folder_fd_ = -1;
+    if (folder_fd_ != nullptr && folder_ == dir) return *folder_fd_;
+    folder_fd_.reset();
     if (*error = MakeDirectory(dir); !error->empty()) return -1;
     const fs::path folder = root_ / dir;
-    folder_fd_ = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (folder_fd_ < 0) *error = Reason(folder, errno);
+    const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        *error = Reason(folder, errno);
+        return -1;
+    }
+    // Shared with the files waiting for their names in it.
+    folder_fd_ = std::shared_ptr<int>(new int(fd), [](int* held) {
+        ::close(*held);
+        delete held;
+    });
     folder_ = dir;
-    return folder_fd_;
+    return fd;
 }
 
 std::string OutputTree::TemporaryName() {
@@ -132,22 +140,22 @@ std::string OutputTree::TemporaryName() {
     return ".tarnview-" + std::to_string(::getpid()) + "-" + std::to_string(++temporaries_) + ".part";
 }
 
-std::string OutputTree::Publish(const std::string& temporary, const fs::path& file) {
+std::string OutputTree::Publish(int folder, const std::string& temporary, const fs::path& file) {
     const std::string name = file.filename().string();
     if (replace_) {
-        if (::renameat(folder_fd_, temporary.c_str(), folder_fd_, name.c_str()) != 0)
+        if (::renameat(folder, temporary.c_str(), folder, name.c_str()) != 0)
             return Reason(root_ / file, errno);
-    } else if (::renameat2(folder_fd_, temporary.c_str(), folder_fd_, name.c_str(), RENAME_NOREPLACE) != 0) {
+    } else if (::renameat2(folder, temporary.c_str(), folder, name.c_str(), RENAME_NOREPLACE) != 0) {
         // A file system without the no-replace rename: a hard link fails the same way when the name is taken.
         if (errno != EINVAL && errno != ENOSYS) {
             return errno == EEXIST ? (root_ / file).string() + ": exists (--force replaces it)"
                                    : Reason(root_ / file, errno);
         }
-        if (::linkat(folder_fd_, temporary.c_str(), folder_fd_, name.c_str(), 0) != 0) {
+        if (::linkat(folder, temporary.c_str(), folder, name.c_str(), 0) != 0) {
             return errno == EEXIST ? (root_ / file).string() + ": exists (--force replaces it)"
                                    : Reason(root_ / file, errno);
         }
-        ::unlinkat(folder_fd_, temporary.c_str(), 0);
+        ::unlinkat(folder, temporary.c_str(), 0);
     }
     written_.insert(file.string());
     return {};
@@ -158,8 +166,11 @@ std::string OutputTree::WriteFile(const fs::path& file, std::span<const std::byt
     std::string error;
     const int folder = Folder(file.parent_path(), &error);
     if (folder < 0) return error;
-    const std::string temporary = TemporaryName();
     const fs::path shown = root_ / file;
+    struct stat existing {};
+    if (!replace_ && ::fstatat(folder, file.filename().c_str(), &existing, AT_SYMLINK_NOFOLLOW) == 0)
+        return shown.string() + ": exists (--force replaces it)";
+    const std::string temporary = TemporaryName();
     Descriptor fd(
         ::openat(folder, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (fd.get() < 0) return Reason(shown, errno);
@@ -173,17 +184,31 @@ std::string OutputTree::WriteFile(const fs::path& file, std::span<const std::byt
         if (n <= 0) failed = n < 0 ? errno : ENOSPC;
         if (n > 0) at += n, left -= static_cast<size_t>(n);
     }
-    // The bytes reach the disk before the name does, so a crash cannot leave a named file cut short.
-    if (failed == 0 && ::fsync(fd.get()) != 0) failed = errno;
     if (failed == 0 && ::close(fd.release()) != 0) failed = errno;
     if (failed != 0) {
+        ::unlinkat(folder, temporary.c_str(), 0);
         error = Reason(shown, failed);
         if (out_of_space_.empty() && (failed == ENOSPC || failed == EFBIG || failed == EDQUOT))
             out_of_space_ = error;
-    } else {
-        error = Publish(temporary, file);
+        return error;
     }
-    if (!error.empty()) ::unlinkat(folder, temporary.c_str(), 0);
+    pending_.push_back({folder_fd_, temporary, file});
+    pending_bytes_ += bytes.size();
+    return {};
+}
+
+std::string OutputTree::Commit() {
+    if (pending_.empty()) return {};
+    // The bytes reach the disk before any name does, so a crash cannot leave a named file cut short;
+    // one flush of the file system serves every file waiting.
+    std::string error;
+    if (::syncfs(*pending_.front().folder) != 0) error = Reason(root_, errno);
+    for (const Pending& p : pending_) {
+        if (error.empty()) error = Publish(*p.folder, p.temporary, p.file);
+        if (written_.count(p.file.string()) == 0) ::unlinkat(*p.folder, p.temporary.c_str(), 0);
+    }
+    pending_.clear();
+    pending_bytes_ = 0;
     return error;
 }
 
@@ -201,7 +226,7 @@ int OutputTree::CreateForAppend(const fs::path& file, std::string* error) {
         *error = Reason(root_ / file, errno);
         return -1;
     }
-    if (*error = Publish(temporary, file); !error->empty()) {
+    if (*error = Publish(folder, temporary, file); !error->empty()) {
         ::unlinkat(folder, temporary.c_str(), 0);
         return -1;
     }
@@ -233,8 +258,7 @@ std::optional<FileDigest> OutputTree::Digest(const fs::path& file) const {
 void OutputTree::Remove(const fs::path& file) {
     if (!Contained(file)) return;
     // A folder removed below may be the one kept open, or one known to exist.
-    if (folder_fd_ >= 0) ::close(folder_fd_);
-    folder_fd_ = -1;
+    folder_fd_.reset();
     made_.clear();
     for (fs::path at = file; !at.empty(); at = at.parent_path()) {
         const Descriptor folder(OpenFolder(root_, at.parent_path()));

@@ -1,19 +1,21 @@
 // The files tarnview export writes under its output folder. A file appears under its final name only
-// when it is whole: its bytes go to a temporary name in the same folder, are flushed to the disk, and
-// the temporary file is then renamed over the final name. A full disk, a file-size limit or a crash
-// leaves at most a temporary file (removed when the write fails), never a short file under a name the
-// manifest lists. Replacing an existing name replaces the directory entry (a link, a symbolic link)
-// and never writes through it.
+// when it is whole: its bytes go to a temporary name in the same folder, and at the next commit the
+// file system is flushed to the disk and the temporary files are renamed to their names. A full disk,
+// a file-size limit or a crash leaves at most temporary files (removed when a write fails), never a
+// short file under a name the manifest lists. Replacing an existing name replaces the directory entry
+// (a link, a symbolic link) and never writes through it.
 #ifndef TARN_TOOLS_TARNVIEW_EXPORT_OUTPUT_H_
 #define TARN_TOOLS_TARNVIEW_EXPORT_OUTPUT_H_
 
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <set>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace tarnview {
 
@@ -40,9 +42,16 @@ class OutputTree {
     // Creates root/`dir` and the folders above it; an empty string, or the reason.
     std::string MakeDirectory(const std::filesystem::path& dir);
 
-    // Writes `bytes` to root/`file` as a whole or not at all; an empty string, or the reason (which
-    // names the file).
+    // Writes `bytes` to root/`file` as a whole or not at all: under a temporary name until Commit();
+    // an empty string, or the reason (which names the file).
     std::string WriteFile(const std::filesystem::path& file, std::span<const std::byte> bytes);
+
+    // Flushes the files written since the last commit to the disk and gives them their names; an
+    // empty string, or the reason, after which the files not named are removed. Batched so, the flush
+    // costs one call per batch rather than one per file.
+    std::string Commit();
+    size_t pending() const { return pending_.size(); }
+    uint64_t pending_bytes() const { return pending_bytes_; }
 
     // Creates root/`file` empty, as WriteFile would, and opens it for appending; the descriptor, or -1
     // and the reason in `error`.
@@ -69,7 +78,7 @@ class OutputTree {
     // reason.
     int Folder(const std::filesystem::path& dir, std::string* error);
     // Moves the temporary `temporary` in the open folder to `name` there; an empty string, or the reason.
-    std::string Publish(const std::string& temporary, const std::filesystem::path& file);
+    std::string Publish(int folder_fd, const std::string& temporary, const std::filesystem::path& file);
     std::string TemporaryName();
 
     std::filesystem::path root_;
@@ -77,7 +86,15 @@ class OutputTree {
     std::set<std::string> made_;
     std::set<std::string> written_;
     std::filesystem::path folder_;  // the folder the descriptor below is open on, relative to the root
-    int folder_fd_ = -1;
+    std::shared_ptr<int> folder_fd_;
+
+    struct Pending {
+        std::shared_ptr<int> folder;
+        std::string temporary;
+        std::filesystem::path file;
+    };
+    std::vector<Pending> pending_;
+    uint64_t pending_bytes_ = 0;
     uint64_t temporaries_ = 0;
     std::string out_of_space_;
 };
