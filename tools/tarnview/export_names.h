@@ -17,11 +17,10 @@ constexpr size_t kFolderNameBytes = 64;
 
 // One path component from UTF-8 text: controls (C0, DEL, C1), the characters that some file system
 // forbids or reads as a separator (/ \ : * ? " < > |) and ill-formed UTF-8 become "_"; bidirectional
-// formatting characters go, so that a name shows as it is; leading and
-// trailing spaces and dots go (so neither "." nor ".." nor a hidden name can come out); at most
-// `max_bytes` bytes, cut between characters; a device name of DOS ("con", "lpt1", ...) is prefixed
-// with "_" (the COM and LPT names with 0-9 and superscript digits, CONIN$ and CONOUT$ too). `fallback`
-// (itself portable) when nothing is left.
+// formatting characters go, so that a name shows as it is; leading and trailing spaces and dots go (so
+// neither "." nor ".." nor a hidden name can come out); at most `max_bytes` bytes, cut between
+// characters; a device name of DOS ("con", "conin$", "com0", "lpt\u00b9", ...) is prefixed with "_".
+// `fallback` (itself portable) when nothing is left.
 std::string PortableName(std::string_view text, size_t max_bytes, std::string_view fallback);
 
 // The names given out in each folder, compared after Unicode case folding and canonical composition
