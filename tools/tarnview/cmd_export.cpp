@@ -550,6 +550,7 @@ class StoreExport {
                     row.attachments.push_back(
                         {"", 0, "", false, 1, std::nullopt, std::string("attachment table: ") + e.what()});
                 }
+                names_.Forget((folder.dir / attachments).string());
             }
         } else {
             row.error = composed.status == tarn::kStatusUnsupported
@@ -894,6 +895,10 @@ int RunExport(const Args& args) {
         RemoveTemporaries(options->out);
     }
     OutputTree tree(options->out, replace);
+    std::set<std::string> listed;
+    for (const ListedRow& row : earlier)
+        for (const ListedFile& file : row.files) listed.insert(file.file);
+    tree.Watch(std::move(listed));
     std::string error;
     const int fd = tree.CreateForAppend(kManifestName, &error);
     if (fd < 0) {
@@ -951,7 +956,7 @@ int RunExport(const Args& args) {
     // Files an earlier export listed that this one neither wrote nor kept are no longer the export's.
     for (const ListedRow& row : earlier) {
         for (const ListedFile& file : row.files) {
-            if (tree.written().count(file.file) == 0 && session.kept.count(file.file) == 0)
+            if (tree.rewritten().count(file.file) == 0 && session.kept.count(file.file) == 0)
                 tree.Remove(file.file);
         }
     }

@@ -99,4 +99,10 @@ std::string NameRegistry::Claim(const std::string& dir, const std::string& name)
     }
 }
 
+void NameRegistry::Forget(const std::string& dir) {
+    taken_.erase(dir);
+    // The folders below sort from dir + "/" up to dir + "0", '0' being the character after '/'.
+    taken_.erase(taken_.lower_bound(dir + "/"), taken_.lower_bound(dir + "0"));
+}
+
 }  // namespace tarnview

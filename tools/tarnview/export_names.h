@@ -29,6 +29,9 @@ class NameRegistry {
   public:
     // `name` (a PortableName) in folder `dir`, or "stem (2).ext", "stem (3).ext", ... when taken.
     std::string Claim(const std::string& dir, const std::string& name);
+    // Forgets the names of `dir` and the folders below it, where nothing more will be claimed (a
+    // message's attachments, once written), so that they take no memory for the rest of the export.
+    void Forget(const std::string& dir);
 
   private:
     std::map<std::string, std::set<std::string>> taken_;

@@ -157,7 +157,7 @@ std::string OutputTree::Publish(int folder, const std::string& temporary, const 
         }
         ::unlinkat(folder, temporary.c_str(), 0);
     }
-    written_.insert(file.string());
+    if (watched_.count(file.string()) != 0) rewritten_.insert(file.string());
     return {};
 }
 
@@ -205,7 +205,8 @@ std::string OutputTree::Commit() {
     if (::syncfs(*pending_.front().folder) != 0) error = Reason(root_, errno);
     for (const Pending& p : pending_) {
         if (error.empty()) error = Publish(*p.folder, p.temporary, p.file);
-        if (written_.count(p.file.string()) == 0) ::unlinkat(*p.folder, p.temporary.c_str(), 0);
+        // A temporary not renamed is still there.
+        if (!error.empty()) ::unlinkat(*p.folder, p.temporary.c_str(), 0);
     }
     pending_.clear();
     pending_bytes_ = 0;

@@ -15,6 +15,7 @@
 #include <set>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tarnview {
@@ -70,8 +71,10 @@ class OutputTree {
     bool out_of_space() const { return !out_of_space_.empty(); }
     const std::string& space_error() const { return out_of_space_; }
 
-    // The files written so far, relative to the root.
-    const std::set<std::string>& written() const { return written_; }
+    // Files (relative to the root) to watch for: rewritten() says which of them were written again.
+    // Only these are remembered, so that memory does not grow with the files written.
+    void Watch(std::set<std::string> files) { watched_ = std::move(files); }
+    const std::set<std::string>& rewritten() const { return rewritten_; }
 
   private:
     // Opens the folder `dir` (relative to the root) and keeps it open; the descriptor, or -1 and the
@@ -84,7 +87,8 @@ class OutputTree {
     std::filesystem::path root_;
     bool replace_;
     std::set<std::string> made_;
-    std::set<std::string> written_;
+    std::set<std::string> watched_;
+    std::set<std::string> rewritten_;
     std::filesystem::path folder_;  // the folder the descriptor below is open on, relative to the root
     std::shared_ptr<int> folder_fd_;
 

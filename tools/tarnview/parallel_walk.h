@@ -111,7 +111,7 @@ class ParallelWalk {
                     std::lock_guard lock(walk->mutex_);
                     walk->stopping_ = true;
                 }
-                walk->changed_.notify_all();
+                walk->workers_.notify_all();
                 for (std::thread& t : *threads) t.join();
             }
         } joiner{this, &threads};
@@ -134,7 +134,7 @@ class ParallelWalk {
                     std::lock_guard lock(mutex_);
                     chunks_.push_back(std::move(chunk));
                 }
-                changed_.notify_all();
+                workers_.notify_all();
             }
             std::unique_lock lock(mutex_);
             if (chunks_.empty()) break;
@@ -150,7 +150,7 @@ class ParallelWalk {
                 Step(ReaderFor(inline_reader, front, db), front);
                 continue;
             }
-            changed_.wait(lock, [&] { return !front.results.empty() || front.done; });
+            consumer_.wait(lock, [&] { return !front.results.empty() || front.done; });
             if (front.results.empty()) {
                 std::optional<RowFailure> failure = std::move(front.failure);
                 Drop(lock);
@@ -162,12 +162,15 @@ class ParallelWalk {
             }
             // Results are handed over one by one, so that what waits is bounded by bytes, not chunks.
             Result result = std::move(front.results.front().first);
+            const bool over = waiting_bytes_ >= settings_.byte_budget;
             waiting_bytes_ -= front.results.front().second;
             front.results.pop_front();
+            // Workers wait only for the budget or for the front chunk to be taken up: woken for those.
+            const bool wake = front.results.empty() || (over && waiting_bytes_ < settings_.byte_budget);
             const uint32_t row = front.first_row + front.consumed++;
             const tarn::ndb::node_id folder = *front.folder;
             lock.unlock();
-            changed_.notify_all();
+            if (wake) workers_.notify_all();
             try {
                 finish(folder, row, result);
             } catch (const std::exception& e) {
@@ -205,12 +208,12 @@ class ParallelWalk {
     void Drop(std::unique_lock<std::mutex>& lock) {
         Chunk& front = *chunks_.front();
         front.abandoned = true;
-        changed_.notify_all();
-        changed_.wait(lock, [&] { return front.done || !front.taken; });
+        workers_.notify_all();
+        consumer_.wait(lock, [&] { return front.done || !front.taken; });
         for (const auto& result : front.results) waiting_bytes_ -= result.second;
         chunks_.pop_front();
         lock.unlock();
-        changed_.notify_all();
+        workers_.notify_all();
     }
 
     // Reads the node B-tree (on a reader that goes once it is read) for the normal folders, then their
@@ -332,7 +335,7 @@ class ParallelWalk {
                 chunk.done = done = true;
             }
         }
-        changed_.notify_all();
+        consumer_.notify_one();
         return done;
     }
 
@@ -342,7 +345,7 @@ class ParallelWalk {
             Chunk* chunk = nullptr;
             {
                 std::unique_lock lock(mutex_);
-                changed_.wait(lock, [&] {
+                workers_.wait(lock, [&] {
                     if (stopping_) return true;
                     chunk = Available();
                     return chunk != nullptr;
@@ -356,7 +359,7 @@ class ParallelWalk {
                     std::unique_lock lock(mutex_);
                     // A message more only while what waits is under the budget, or when the calling
                     // thread waits for this very chunk and has taken all it gave.
-                    changed_.wait(lock, [&] {
+                    workers_.wait(lock, [&] {
                         return stopping_ || chunk->abandoned || waiting_bytes_ < settings_.byte_budget ||
                                (chunk == chunks_.front().get() && chunk->results.empty());
                     });
@@ -367,7 +370,7 @@ class ParallelWalk {
                 }
                 if (Step(db, *chunk)) break;
             }
-            changed_.notify_all();
+            consumer_.notify_one();
         }
     }
 
@@ -389,7 +392,8 @@ class ParallelWalk {
     Weigh weigh_;
 
     std::mutex mutex_;
-    std::condition_variable changed_;            // any change to the chunks below
+    std::condition_variable consumer_;           // the calling thread's: a result read, a chunk done
+    std::condition_variable workers_;            // the workers': a chunk planned or dropped, bytes freed
     std::deque<std::unique_ptr<Chunk>> chunks_;  // planned and not yet consumed, in order
     size_t waiting_bytes_ = 0;                   // of the results read and not yet handed over
     bool stopping_ = false;
