@@ -3,7 +3,7 @@
 # Usage: scripts/deps.sh [build|test|bench|fuzz]...   (default: build)
 set -euo pipefail
 
-build=(cmake ninja-build g++ pkg-config libicu-dev libboost-iostreams-dev libfontconfig-dev)
+build=(cmake ninja-build g++ pkg-config libicu-dev libboost-iostreams-dev libfontconfig-dev libssl-dev)
 test=(libgtest-dev libgmock-dev g++-multilib python3-olefile python3-pypff libgsf-bin pst-utils pff-tools
       clang-format-14 unrtf chromium  # independent readers of the documents
       fonts-liberation fonts-noto-cjk fonts-noto-core)  # the fonts the glyph test resolves Windows faces to

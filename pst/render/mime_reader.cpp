@@ -267,6 +267,7 @@ int32_t EmlReader::ReadLeaf(size_t begin, size_t end, int depth) {
     }
     if (status != kStatusOk) return status;
     report.decoded_size = content.length();
+    if (options_.keep_content && options_.parts != nullptr) report.content = content.view();
 
     if (content.length() == 0) {
         report.fate = "ignored: no content";

@@ -50,7 +50,8 @@ struct MimePartReport {
     std::string content_id;  // without its angle brackets
     std::string location;    // Content-Location, else the Content-Type's "name=" parameter
     size_t decoded_size = 0;
-    std::string fate;  // "body", "inlined", "ignored: ..." and the reason
+    std::string fate;     // "body", "inlined", "ignored: ..." and the reason
+    std::string content;  // the decoded bytes, with MimeReadOptions::keep_content only
 };
 
 // How the reader reads one message. `files`, when not null, takes the images instead of data URIs.
@@ -58,6 +59,7 @@ struct MimePartReport {
 struct MimeReadOptions {
     ImageFileWriter* files = nullptr;
     std::vector<MimePartReport>* parts = nullptr;
+    bool keep_content = false;
 };
 
 // Reads the message in `bytes` into `record`: its header fields From, To, Subject, Date (the Sent slot,

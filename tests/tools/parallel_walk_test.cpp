@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -63,29 +65,44 @@ Events Sequential(const ndb::db_ptr& db, const std::string& throw_on) {
     return events;
 }
 
+// Each result weighs kWeight bytes against a budget of kBudget; `most` is the most that were read and
+// not yet handed over at any time.
+constexpr size_t kWeight = 10;
+constexpr size_t kBudget = 30;
+
 Events Parallel(const ndb::db_ptr& db, const std::u16string& path, unsigned workers, size_t chunk_rows,
-                const std::string& throw_on, bool throw_in_finish) {
+                const std::string& throw_on, bool throw_in_finish, size_t* most = nullptr) {
     Events events;
+    std::atomic<size_t> waiting = 0;
+    std::atomic<size_t> peak = 0;
     tarnview::ParallelWalk<std::string> walk(
-        {workers, chunk_rows, 64, 3}, [&] { return ndb::open_database(path); },
+        {workers, chunk_rows, kBudget, 3}, [&] { return ndb::open_database(path); },
         [&](ndb::node_id, PstMessage& message) {
             const std::u16string subject = ReadSubject(message.properties());
             std::string text(subject.begin(), subject.end());
             if (!throw_in_finish && text == throw_on) throw std::runtime_error("refused " + text);
+            for (size_t now = waiting += kWeight, was = peak;
+                 now > was && !peak.compare_exchange_weak(was, now);) {
+            }
             return text;
         },
-        [](const std::string& text) { return text.size(); });
+        [](const std::string&) { return kWeight; });
     walk.Run(
         db,
         [&](ndb::node_id folder, uint32_t row, std::string& text) {
+            waiting -= kWeight;
             if (throw_in_finish && text == throw_on) throw std::runtime_error("refused " + text);
             events.push_back(std::to_string(folder) + "/" + std::to_string(row) + " " + text);
         },
         [&](const tarnview::RowFailure& f) { events.push_back(Failed(f.folder, f.error)); });
+    if (most != nullptr) *most = peak;
     return events;
 }
 
-void ExpectSameWalk(const std::filesystem::path& store, const std::string& throw_on = "") {
+// With `measure`, on a store without damage (a result dropped with its folder never reaches `finish`),
+// also what waits at most.
+void ExpectSameWalk(const std::filesystem::path& store, const std::string& throw_on = "",
+                    bool measure = false) {
     const std::u16string path = host::WideFromUtf8(store.string());
     const ndb::db_ptr db = ndb::open_database(path);
     const Events expected = Sequential(db, throw_on);
@@ -94,8 +111,13 @@ void ExpectSameWalk(const std::filesystem::path& store, const std::string& throw
             for (const bool in_finish : {false, true}) {
                 SCOPED_TRACE(std::to_string(workers) + " workers, chunks of " + std::to_string(chunk_rows) +
                              (in_finish ? ", thrown by finish" : ""));
-                EXPECT_EQ(Parallel(ndb::open_database(path), path, workers, chunk_rows, throw_on, in_finish),
+                size_t most = 0;
+                EXPECT_EQ(Parallel(ndb::open_database(path), path, workers, chunk_rows, throw_on, in_finish,
+                                   measure ? &most : nullptr),
                           expected);
+                // What waits is bounded by bytes, whatever the chunks hold: the budget, and one message
+                // more for each worker and for the calling thread.
+                EXPECT_LE(most, kBudget + (workers + 1) * kWeight);
             }
         }
     }
@@ -111,7 +133,7 @@ TEST(ParallelWalk, GivesTheFiltersOrderAndEndsFoldersWhereItDoes) {
                      {"Notes", Messages("d", 4)}};
     fixture::StoreMap map;
     const fixture::PstImage whole = fixture::WritePst(fixture::DescribeStore(store, &map));
-    ExpectSameWalk(dir.Write("whole.pst", whole.bytes));
+    ExpectSameWalk(dir.Write("whole.pst", whole.bytes), "", /*measure=*/true);
     // A visitor's own error ends its folder at that row; so does the message's.
     ExpectSameWalk(dir.Write("whole.pst", whole.bytes), "b4");
 

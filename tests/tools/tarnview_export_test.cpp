@@ -2,9 +2,12 @@
 // the same message number (fltLoad, linked into this test), its manifest's subject, sender and sent time
 // against pypff (python3-pypff, run as a black box) on every corpus store, and what it does with
 // writer-made stores that are damaged or carry hostile names.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -12,6 +15,7 @@
 #define BOOST_BIND_GLOBAL_PLACEHOLDERS
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -51,21 +55,39 @@ struct Exported {
     std::vector<boost::property_tree::ptree> rows;  // manifest.jsonl, in order
 };
 
-Exported RunExport(const fs::path& out, const std::vector<std::string>& arguments) {
+// tarnview export into `out`, as a child process; `file_size_limit` (bytes) sets RLIMIT_FSIZE there, with
+// SIGXFSZ ignored, so that a write past it fails as on a full disk.
+Exported RunExport(const fs::path& out, const std::vector<std::string>& arguments,
+                   rlim_t file_size_limit = 0) {
     const fs::path err = out.parent_path() / (out.filename().string() + ".stderr");
-    std::string command = "'" TARNVIEW_PATH "' export";
-    for (const std::string& a : arguments) command += " " + Quoted(a);
-    command += " -o " + Quoted(out.string()) + " 2>" + Quoted(err.string());
-    const int status = std::system(command.c_str());
+    std::vector<std::string> argv = {TARNVIEW_PATH, "export", "-o", out.string()};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    std::vector<char*> pointers;
+    for (std::string& a : argv) pointers.push_back(a.data());
+    pointers.push_back(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        const int fd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        dup2(fd, STDERR_FILENO);
+        if (file_size_limit != 0) {
+            signal(SIGXFSZ, SIG_IGN);
+            const rlimit limit{file_size_limit, file_size_limit};
+            setrlimit(RLIMIT_FSIZE, &limit);
+        }
+        execv(pointers[0], pointers.data());
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
     Exported exported;
-    if (status != -1 && WIFEXITED(status)) exported.exit_status = WEXITSTATUS(status);
+    if (WIFEXITED(status)) exported.exit_status = WEXITSTATUS(status);
     exported.errors = ReadAll(err);
     std::istringstream lines(ReadAll(out / "manifest.jsonl"));
     for (std::string line; std::getline(lines, line);) {
         std::istringstream one(line);
         boost::property_tree::ptree row;
         boost::property_tree::read_json(one, row);
-        exported.rows.push_back(row);
+        if (!row.get_optional<std::string>("summary")) exported.rows.push_back(row);
     }
     return exported;
 }
@@ -310,19 +332,43 @@ TEST(TarnviewExport, NoNameFromTheStoreLeavesTheOutputFolder) {
         {".hidden.", "000005-hidden.html"},
         {long_subject, "000006-" + std::string(64, 'x') + ".html"},
         {"a: b* <c>? | \"d\" \\", "000007-a_ b_ _c__ _ _d_ _.html"},
+        {"inv\u202e"
+         "fdp.exe",
+         "000008-invfdp.exe.html"},
     };
-    StoreDescription store;
-    store.folders = {{"../up", {}}, {"/etc", {}}, {"con", {}}};
-    for (const Case& c : cases) store.folders[0].messages.push_back(Html(c.subject));
-    StoreMessage with_attachments = Html("attached");
-    for (const std::string name : {"../../evil.txt", "/etc/passwd", "", "a.txt", "A.TXT", "nul.txt"})
-        with_attachments.attachments.push_back({name, "", AsBytes("data of " + name)});
-    store.folders[1].messages.push_back(with_attachments);
-    store.folders[2].messages.push_back(Html("device"));
-
+    // Attachment names and what they become; past the eighth, names an 8-bit store cannot hold.
+    const std::pair<std::string, std::string> attachment_names[] = {{"../../evil.txt", "_.._evil.txt"},
+                                                                    {"/etc/passwd", "_etc_passwd"},
+                                                                    {"", "attachment-3"},
+                                                                    {"a.txt", "a.txt"},
+                                                                    {"A.TXT", "A (2).TXT"},
+                                                                    {"nul.txt", "_nul.txt"},
+                                                                    {"COM0.txt", "_COM0.txt"},
+                                                                    {"conin$", "_conin$"},
+                                                                    {"lpt\u00b9.log", "_lpt\u00b9.log"},
+                                                                    {"Stra\u00dfe", "Stra\u00dfe"},
+                                                                    {"STRASSE", "STRASSE (2)"},
+                                                                    {"\u00c4.txt", "\u00c4.txt"},
+                                                                    {"a\u0308.txt", "a\u0308 (2).txt"},
+                                                                    {"x\u202e"
+                                                                     "fdp.exe",
+                                                                     "xfdp.exe"}};
     for (const auto layout : {fixture::PstLayout::kUnicode, fixture::PstLayout::kAnsi}) {
         SCOPED_TRACE(layout == fixture::PstLayout::kAnsi ? "ansi" : "unicode");
+        const size_t named = layout == fixture::PstLayout::kAnsi ? 8 : std::size(attachment_names);
+        StoreDescription store;
         store.layout = layout;
+        store.folders = {{"../up", {}}, {"/etc", {}}, {"con", {}}};
+        for (const Case& c : cases) store.folders[0].messages.push_back(Html(c.subject));
+        StoreMessage with_attachments = Html("attached");
+        std::vector<std::string> expected_attachments;
+        for (size_t i = 0; i < named; ++i) {
+            with_attachments.attachments.push_back(
+                {attachment_names[i].first, "", AsBytes("data of " + attachment_names[i].first)});
+            expected_attachments.push_back(attachment_names[i].second);
+        }
+        store.folders[1].messages.push_back(with_attachments);
+        store.folders[2].messages.push_back(Html("device"));
         ScratchDir dir;
         const fs::path path =
             dir.Write("hostile.pst", fixture::WritePst(fixture::DescribeStore(store)).bytes);
@@ -333,13 +379,12 @@ TEST(TarnviewExport, NoNameFromTheStoreLeavesTheOutputFolder) {
 
         for (size_t i = 0; i < std::size(cases); ++i)
             EXPECT_EQ(Get(exported.rows[i], "file"), "Top of Personal Folders/_up/" + cases[i].file);
-        EXPECT_EQ(Get(exported.rows[std::size(cases) + 1], "file"),
-                  "Top of Personal Folders/_con/000009-device.html");
+        EXPECT_EQ(
+            Get(exported.rows[std::size(cases) + 1], "file"),
+            "Top of Personal Folders/_con/0000" + std::to_string(std::size(cases) + 2) + "-device.html");
         std::vector<std::string> attachments;
         for (const auto& [key, a] : exported.rows[std::size(cases)].get_child("attachments"))
             attachments.push_back(fs::path(a.get<std::string>("file")).filename().string());
-        const std::vector<std::string> expected_attachments = {"_.._evil.txt", "_etc_passwd", "attachment-3",
-                                                               "a.txt",        "A (2).TXT",   "_nul.txt"};
         EXPECT_EQ(attachments, expected_attachments);
 
         // Nothing but the store and the output folder beside each other; inside it, no link, no name of
@@ -356,14 +401,138 @@ TEST(TarnviewExport, NoNameFromTheStoreLeavesTheOutputFolder) {
             EXPECT_NE(p.filename().string()[0], '.') << p;
         }
         EXPECT_FALSE(fs::exists("/etc/x"));
+    }
+}
 
-        // Again into the same folder: refused without --force, and nothing is replaced.
-        const auto first = fs::last_write_time(out / "manifest.jsonl");
-        EXPECT_EQ(RunExport(out, {path.string()}).exit_status, 1);
-        EXPECT_EQ(fs::last_write_time(out / "manifest.jsonl"), first);
-        const Exported forced = RunExport(out, {path.string(), "--force"});
-        EXPECT_EQ(forced.exit_status, 0) << forced.errors;
-        EXPECT_EQ(forced.rows.size(), exported.rows.size());
+// Every entry under `root` by its path there: a file's bytes, "<dir>" for a folder, "<link>" for a link.
+std::map<std::string, std::string> Tree(const fs::path& root) {
+    std::map<std::string, std::string> tree;
+    for (const fs::path& p : Everything(root)) {
+        const fs::file_status status = fs::symlink_status(p);
+        tree[fs::relative(p, root).string()] = fs::is_symlink(status)     ? "<link>"
+                                               : fs::is_directory(status) ? "<dir>"
+                                                                          : ReadAll(p);
+    }
+    return tree;
+}
+
+TEST(TarnviewExport, AFullDiskLeavesNoFileCutShortAndResumeCompletesTheExport) {
+    ScratchDir dir;
+    StoreDescription store;
+    store.folders = {{"F0", {}}, {"F1", {}}};
+    const size_t sizes[] = {500, 30000, 800, 40000, 600};
+    for (size_t i = 0; i < std::size(sizes); ++i) {
+        StoreMessage m = Html("m" + std::to_string(i) + std::string(sizes[i], 'x'));
+        if (i == 2)
+            m.attachments = {{"big.bin", "", AsBytes(std::string(25000, 'a'))},
+                             {"small.txt", "", AsBytes("s")}};
+        store.folders[i % 2].messages.push_back(m);
+    }
+    const fs::path path = dir.Write("store.pst", fixture::WritePst(fixture::DescribeStore(store)).bytes);
+    const std::vector<std::string> arguments = {path.string(), "--attachments"};
+    const fs::path whole = dir.path() / "whole";
+    const Exported uninterrupted = RunExport(whole, arguments);
+    ASSERT_EQ(uninterrupted.exit_status, 0);
+    const auto expected = Tree(whole);
+
+    // Every file past 16 KiB fails as on a full disk: the export stops with the reason, and what it left
+    // under a final name is whole, with no temporary beside it.
+    const fs::path cut = dir.path() / "cut";
+    const Exported stopped = RunExport(cut, arguments, 16384);
+    EXPECT_EQ(stopped.exit_status, 1);
+    EXPECT_NE(stopped.errors.find("File too large"), std::string::npos) << stopped.errors;
+    for (const auto& [name, bytes] : Tree(cut)) {
+        if (name != "manifest.jsonl") {
+            EXPECT_EQ(bytes, expected.at(name)) << name;
+        }
+    }
+    EXPECT_EQ(RunExport(cut, {path.string()}).exit_status, 1);  // not without --resume or --force
+
+    // --resume completes it, also from a manifest torn inside a row and past a file changed behind its back.
+    for (const bool tear : {false, true}) {
+        SCOPED_TRACE(tear ? "torn" : "cut");
+        if (tear) {
+            const std::string manifest = ReadAll(cut / "manifest.jsonl");
+            std::ofstream(cut / "manifest.jsonl", std::ios::trunc) << manifest.substr(0, manifest.size() / 2);
+            // Of the same size: only the checksum tells.
+            const fs::path changed = cut / *Get(uninterrupted.rows[0], "file");
+            const std::string same_size(fs::file_size(changed), 'z');
+            std::ofstream(changed, std::ios::trunc) << same_size;
+        }
+        const Exported resumed = RunExport(cut, {path.string(), "--attachments", "--resume"});
+        EXPECT_EQ(resumed.exit_status, 0) << resumed.errors;
+        EXPECT_TRUE(Tree(cut) == expected);
+    }
+}
+
+TEST(TarnviewExport, ForceReplacesLinksWithoutWritingThroughThemAndRemovesWhatItNoLongerLists) {
+    ScratchDir dir;
+    StoreDescription store;
+    StoreMessage attached = Html("b");
+    attached.attachments = {{"notes.txt", "", AsBytes("notes")}};
+    store.folders = {{"Inbox", {Html("a"), attached}}};
+    const fs::path path = dir.Write("store.pst", fixture::WritePst(fixture::DescribeStore(store)).bytes);
+    const fs::path out = dir.path() / "out";
+    const Exported first = RunExport(out, {path.string(), "--attachments"});
+    ASSERT_EQ(first.rows.size(), 2u);
+    const fs::path a = out / *Get(first.rows[0], "file");
+    const fs::path b = out / *Get(first.rows[1], "file");
+    const std::string document = ReadAll(a);
+    // `a` becomes a symbolic link to a file outside, `b` a hard link shared with one.
+    const fs::path outside = dir.Write("outside", "outside");
+    fs::remove(a);
+    fs::create_symlink(outside, a);
+    std::ofstream(b, std::ios::trunc) << "changed";
+    fs::create_hard_link(b, dir.path() / "hard");
+
+    const Exported forced = RunExport(out, {path.string()});  // without --attachments this time
+    EXPECT_EQ(RunExport(out, {path.string(), "--force"}).exit_status, 0);
+    EXPECT_EQ(forced.exit_status, 1);
+    EXPECT_EQ(ReadAll(outside), "outside");
+    EXPECT_EQ(ReadAll(dir.path() / "hard"), "changed");
+    EXPECT_FALSE(fs::is_symlink(fs::symlink_status(a)));
+    EXPECT_EQ(ReadAll(a), document);
+    EXPECT_NE(ReadAll(b), "changed");
+    // The attachment and its folder were the earlier export's only.
+    EXPECT_FALSE(fs::exists(out / *Get(first.rows[1].get_child("attachments").front().second, "file")));
+    EXPECT_EQ(Tree(out).size(), 5u);  // the manifest, Top of Personal Folders, Inbox, two documents
+}
+
+TEST(TarnviewExport, OtherSourcesGiveTheirAttachmentsWordsForTheirStatusAndValidJsonForAnyName) {
+    ScratchDir dir;
+    // A name that is not UTF-8 cannot be opened; a multipart whose lines end in LF alone has no part
+    // the filter finds.
+    const std::string lf_only = "Content-Type: multipart/mixed; boundary=b\n\n--b\n\nx\n--b--\n";
+    const fs::path corpus = fs::path(TARN_SHARED_DIR) / "corpus";
+    const std::string sources[] = {dir.Write("caf\xff.eml", lf_only).string(),
+                                   dir.Write("lf.eml", lf_only).string(),
+                                   (corpus / "msg" / "ansi-plain-jpeg-attached.msg").string(),
+                                   (corpus / "eml" / "thunderbird-enclosed-rfc822.eml").string()};
+    const fs::path out = dir.path() / "out";
+    const Exported exported =
+        RunExport(out, {sources[0], sources[1], sources[2], sources[3], "--attachments"});
+    EXPECT_EQ(exported.exit_status, 1);
+    ASSERT_EQ(exported.rows.size(), 4u);
+    EXPECT_EQ(Get(exported.rows[0], "source"), (dir.path() / "caf\uFFFD.eml").string());
+    for (const int i : {0, 1}) {
+        const int32_t status = i == 0 ? kStatusCannotOpen : kStatusUnsupported;
+        EXPECT_EQ(Get(exported.rows[i], "error"),
+                  "the filter gives status " + std::to_string(status) + " (" + StatusText(status) + ")");
+    }
+    // The attachments, against olefile's reading of the storage and the size `tarnview parts` reports.
+    const std::string olefile = tarn::testing::Run(
+        "/usr/bin/python3 -c \"import olefile,sys; sys.stdout.buffer.write(olefile.OleFileIO("
+        "sys.argv[1]).openstream('__attach_version1.0_#00000000/__substg1.0_37010102')"
+        ".read())\" " +
+        Quoted(sources[2]));
+    const std::pair<std::string, std::string> expected[] = {{"test.jpg", olefile}, {"thanks.eml", ""}};
+    for (const int i : {2, 3}) {
+        const auto& attachments = exported.rows[i].get_child("attachments");
+        ASSERT_EQ(attachments.size(), 1u);
+        const std::string file = *Get(attachments.front().second, "file");
+        EXPECT_EQ(fs::path(file).filename(), expected[i - 2].first);
+        EXPECT_EQ(Get(attachments.front().second, "bytes"), i == 2 ? std::to_string(olefile.size()) : "2502");
+        EXPECT_TRUE(i != 2 || ReadAll(out / file) == olefile);
     }
 }
 

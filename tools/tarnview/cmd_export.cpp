@@ -12,15 +12,16 @@
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <optional>
 #include <set>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -41,11 +42,14 @@
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
 #include "tools/tarnview/documents.h"
+#include "tools/tarnview/export_manifest.h"
 #include "tools/tarnview/export_names.h"
+#include "tools/tarnview/export_output.h"
 #include "tools/tarnview/filter_library.h"
 #include "tools/tarnview/json.h"
 #include "tools/tarnview/language.h"
 #include "tools/tarnview/parallel_walk.h"
+#include "tools/tarnview/source_attachments.h"
 #include "tools/tarnview/store_text.h"
 
 namespace tarnview {
@@ -72,12 +76,16 @@ struct Options {
     bool text = false;
     bool attachments = false;
     bool force = false;
+    bool resume = false;
     unsigned jobs = 1;
 };
 
 std::optional<Options> Parse(const Args& args) {
-    ArgumentSpec spec{
-        "export", {"--text", "--attachments", "--force"}, {"-o", "--lang", "--jobs"}, {"SOURCE"}, {}};
+    ArgumentSpec spec{"export",
+                      {"--text", "--attachments", "--force", "--resume"},
+                      {"-o", "--lang", "--jobs"},
+                      {"SOURCE"},
+                      {}};
     spec.repeat_last = true;
     const auto parsed = ParseArguments(args, spec);
     if (!parsed) return std::nullopt;
@@ -90,8 +98,13 @@ std::optional<Options> Parse(const Args& args) {
     const std::optional<unsigned> jobs =
         JobCount(*parsed, "export", DefaultJobs(/*calling_thread_waits=*/false));
     if (!jobs) return std::nullopt;
-    return Options{parsed->positional,     *out, parsed->Has("--text"), parsed->Has("--attachments"),
-                   parsed->Has("--force"), *jobs};
+    return Options{parsed->positional,
+                   *out,
+                   parsed->Has("--text"),
+                   parsed->Has("--attachments"),
+                   parsed->Has("--force"),
+                   parsed->Has("--resume"),
+                   *jobs};
 }
 
 std::string IndexText(int32_t index) {
@@ -106,196 +119,27 @@ std::string Hex(uint32_t id) {
     return text;
 }
 
-// Every file and folder written goes through here. Paths are relative to DIR and made of components
-// that PortableName made, so none can leave DIR; what is created is checked again here all the same
-// (no component is "..", none is absolute), and nothing is followed through a symbolic link.
-class OutputTree {
-  public:
-    OutputTree(fs::path root, bool force) : root_(std::move(root)), force_(force) {}
+// Set by SIGINT, SIGTERM and SIGHUP: the export stops after the message it is writing, so that the
+// manifest ends with a whole row and --resume takes up from there.
+volatile std::sig_atomic_t g_interrupted = 0;
 
-    // Creates DIR/`dir` and the folders above it; an empty string, or the reason.
-    std::string MakeDirectory(const fs::path& dir) {
-        if (!Contained(dir)) return "refused path " + dir.string();
-        fs::path at = root_;
-        for (const fs::path& part : dir) {
-            at /= part;
-            if (made_.count(at.string()) != 0) continue;
-            struct stat info {};
-            if (::lstat(at.c_str(), &info) == 0) {
-                if (!S_ISDIR(info.st_mode)) return at.string() + ": exists and is not a folder";
-            } else if (::mkdir(at.c_str(), 0755) != 0 && errno != EEXIST) {
-                return at.string() + ": " + std::strerror(errno);
-            }
-            made_.insert(at.string());
-        }
-        return {};
-    }
+extern "C" void OnInterrupt(int) { g_interrupted = 1; }
 
-    // Writes `size` bytes to DIR/`file`; an empty string, or the reason. An existing file is replaced
-    // only with --force.
-    std::string WriteFile(const fs::path& file, const void* bytes, size_t size) {
-        if (!Contained(file)) return "refused path " + file.string();
-        const fs::path path = root_ / file;
-        // Messages come folder by folder: the folder stays open, and each file is opened in it by name.
-        if (!folder_fd_ || folder_ != file.parent_path()) {
-            folder_fd_.reset();
-            if (std::string error = MakeDirectory(file.parent_path()); !error.empty()) return error;
-            const fs::path folder = root_ / file.parent_path();
-            const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-            if (fd < 0) return folder.string() + ": " + std::strerror(errno);
-            folder_fd_.emplace(fd);
-            folder_ = file.parent_path();
-        }
-        const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | (force_ ? O_TRUNC : O_EXCL);
-        const int fd = ::openat(folder_fd_->get(), file.filename().c_str(), flags, 0644);
-        if (fd < 0) {
-            if (errno == EEXIST) return path.string() + ": exists (--force replaces it)";
-            return path.string() + ": " + std::strerror(errno);
-        }
-        const char* at = static_cast<const char*>(bytes);
-        size_t left = size;
-        while (left > 0) {
-            const ssize_t n = ::write(fd, at, left);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) {
-                const std::string error = path.string() + ": " + std::strerror(errno);
-                ::close(fd);
-                return error;
-            }
-            at += n;
-            left -= static_cast<size_t>(n);
-        }
-        if (::close(fd) != 0) return path.string() + ": " + std::strerror(errno);
-        return {};
-    }
-
-  private:
-    static bool Contained(const fs::path& path) {
-        if (path.is_absolute() || path.has_root_name()) return false;
-        for (const fs::path& part : path) {
-            if (part == ".." || part == "." || part.empty()) return false;
-        }
-        return true;
-    }
-
-    // A descriptor that closes with its holder.
-    class Descriptor {
-      public:
-        explicit Descriptor(int fd) : fd_(fd) {}
-        Descriptor(const Descriptor&) = delete;
-        Descriptor& operator=(const Descriptor&) = delete;
-        ~Descriptor() { ::close(fd_); }
-        int get() const { return fd_; }
-
-      private:
-        int fd_;
-    };
-
-    fs::path root_;
-    bool force_;
-    std::set<std::string> made_;
-    fs::path folder_;  // the folder the descriptor below is open on, relative to DIR
-    std::optional<Descriptor> folder_fd_;
-};
-
-// An attachment as the manifest lists it.
-struct AttachmentRow {
-    std::string file;
-    uint64_t bytes = 0;
-    bool embedded = false;
-    int depth = 1;
-    std::optional<int32_t> status;  // embedded messages: the composition's status
-    std::string error;
-};
-
-// One line of the manifest.
-struct Row {
-    std::string source;
-    std::optional<int32_t> index;  // the filter's message number (counted from 1)
-    std::string folder;
-    std::optional<node_id> node;
-    std::optional<std::string> subject;
-    std::optional<std::string> sender;
-    std::optional<std::string> sent;
-    std::optional<int32_t> format;
-    uint64_t bytes = 0;
-    std::string file;
-    std::optional<int32_t> status;
-    bool exported = false;
-    bool text_fallback = false;
-    std::string error;
-    bool filter_reaches = true;
-    std::optional<int32_t> filter_status;  // what the entry points give for this number, when not `status`
-    std::string filter_note;
-    std::vector<AttachmentRow> attachments;
-};
-
-// Empty text is written as null.
-void WriteOptional(JsonWriter& json, std::string_view key, const std::string& value) {
-    json.Key(key);
-    if (!value.empty())
-        json.Value(value);
-    else
-        json.Null();
-}
-
-class Manifest {
-  public:
-    explicit Manifest(std::ostream& out) : out_(out) {}
-
-    void Add(const Row& row) {
-        JsonWriter json(out_);
-        json.BeginObject();
-        json.Field("source", row.source);
-        json.Field("index", row.index);
-        json.Field("folder", row.folder);
-        json.Field("node_id", row.node).Field("subject", row.subject).Field("sender", row.sender);
-        json.Field("sent", row.sent).Field("format", row.format);
-        json.Field("bytes", static_cast<uint64_t>(row.bytes));
-        WriteOptional(json, "file", row.file);
-        json.Field("status", row.status);
-        json.Field("exported", row.exported).Field("text_fallback", row.text_fallback);
-        WriteOptional(json, "error", row.error);
-        json.Field("filter_reaches", row.filter_reaches);
-        json.Field("filter_status", row.filter_status);
-        WriteOptional(json, "filter_note", row.filter_note);
-        json.Key("attachments").BeginArray();
-        for (const AttachmentRow& a : row.attachments) {
-            json.BeginObject();
-            WriteOptional(json, "file", a.file);
-            json.Field("bytes", static_cast<uint64_t>(a.bytes)).Field("embedded", a.embedded);
-            json.Field("depth", a.depth);
-            json.Field("status", a.status);
-            WriteOptional(json, "error", a.error);
-            json.EndObject();
-        }
-        json.EndArray();
-        json.EndObject();
-        out_ << '\n';
-        if (!row.error.empty()) ++failures_;
-        for (const AttachmentRow& a : row.attachments) failures_ += a.error.empty() ? 0 : 1;
-        ++rows_;
-    }
-
-    int failures() const { return failures_; }
-    int rows() const { return rows_; }
-
-  private:
-    std::ostream& out_;
-    int failures_ = 0;
-    int rows_ = 0;
-};
-
-// Messages done, the total when known, the rate and the time left, on one line of a terminal.
+// Messages done, the total when known, the rate and the time left, on one line of a terminal. The
+// total counts every source's rows.
 class Progress {
   public:
     explicit Progress(bool on) : on_(on), start_(Clock::now()), last_(start_) {}
-    ~Progress() {
-        if (on_ && shown_) std::fprintf(stderr, "\r\033[K");
-    }
+    ~Progress() { Clear(); }
 
     bool on() const { return on_; }
-    void SetTotal(int64_t total) { total_ = total; }
+    void AddToTotal(int64_t rows) { total_ += rows; }
+
+    // Before anything else goes to stderr: the line is taken off, so a message starts a line of its own.
+    void Clear() {
+        if (on_ && shown_) std::fprintf(stderr, "\r\033[K");
+        shown_ = false;
+    }
 
     void Step() {
         ++done_;
@@ -324,6 +168,75 @@ class Progress {
     int64_t done_ = 0;
     int64_t total_ = 0;
     bool shown_ = false;
+};
+
+// What every source of one export shares: the output, its names, the manifest, and what an earlier
+// export into the same folder listed.
+struct Session {
+    const Options& options;
+    OutputTree& tree;
+    NameRegistry& names;
+    Manifest& manifest;
+    Progress& progress;
+    // The earlier manifest's rows by source and message number (with --resume).
+    std::map<std::pair<std::string, int64_t>, const ListedRow*> earlier;
+    std::set<std::string> kept;  // files of earlier rows kept as they are
+    std::string commit_error;    // the files of a batch could not be flushed or named
+    std::chrono::steady_clock::time_point last_commit = std::chrono::steady_clock::now();
+
+    // The export stops at a signal, when the manifest cannot be written, when the disk is full, and
+    // when a batch cannot be committed.
+    bool Stopped() const {
+        return g_interrupted != 0 || !manifest.error().empty() || tree.out_of_space() ||
+               !commit_error.empty();
+    }
+
+    // Gives the files written since the last commit their names, then writes their rows. Should that
+    // fail, the rows are dropped with the files: --resume makes them again.
+    void Commit() {
+        last_commit = std::chrono::steady_clock::now();
+        if (!commit_error.empty()) return;
+        commit_error = tree.Commit();
+        if (commit_error.empty())
+            manifest.Flush();
+        else
+            manifest.Drop();
+    }
+
+    // The earlier row of `source`'s message `index` when it stands: clean, for the same node, its
+    // document at `file`, and every file it lists there with its recorded size and checksum.
+    const ListedRow* Standing(const std::string& source, int64_t index, std::optional<uint32_t> node,
+                              const std::string& file) {
+        const auto found = earlier.find({source, index});
+        if (found == earlier.end()) return nullptr;
+        const ListedRow& row = *found->second;
+        if (!row.clean || row.node != node || row.files.empty() || row.files[0].file != file) return nullptr;
+        for (const ListedFile& listed : row.files) {
+            const std::optional<FileDigest> digest = tree.Digest(listed.file);
+            if (!digest || digest->bytes != listed.bytes || digest->sha256 != listed.sha256) return nullptr;
+        }
+        for (const ListedFile& listed : row.files) kept.insert(listed.file);
+        return &row;
+    }
+
+    void Add(const Row& row) {
+        manifest.Add(row);
+        progress.Step();
+        Pace();
+    }
+    void Keep(const ListedRow& row) {
+        manifest.Keep(row);
+        progress.Step();
+        Pace();
+    }
+
+    // A batch is committed after a second, 1024 files or 64 MiB, whichever comes first: a crash loses
+    // at most that much work, and the flush costs little beside the writing.
+    void Pace() {
+        if (tree.pending() >= 1024 || tree.pending_bytes() >= (64u << 20) ||
+            std::chrono::steady_clock::now() - last_commit >= std::chrono::seconds(1))
+            Commit();
+    }
 };
 
 // A composed document, as the loader would be handed it.
@@ -387,11 +300,13 @@ struct ComposedMessage {
     // message (below 1 ends the filter's walk there).
     std::optional<std::string> thrown;
     int32_t earlier_status = tarn::kStatusOk;
+    bool deferred = false;  // not composed: an earlier export's row may stand for it
 };
 
-// Reads and composes one message. A subject that cannot be read ends the folder in the filter's
-// composer too; the store's own errors in reaching the message propagate.
-ComposedMessage ComposeForExport(tarn::PstMessage& message, bool text) {
+// Reads and composes one message; with `defer`, reads its header fields only. A subject that cannot be
+// read ends the folder in the filter's composer too; the store's own errors in reaching the message
+// propagate.
+ComposedMessage ComposeForExport(tarn::PstMessage& message, bool text, bool defer = false) {
     ComposedMessage out;
     const tarn::ltp::property_bag& properties = message.properties();
     out.code_page = [&] {
@@ -417,6 +332,10 @@ ComposedMessage ComposeForExport(tarn::PstMessage& message, bool text) {
     out.subject = Quietly([&] { return std::optional(SubjectText(properties, out.code_page, subject)); });
     out.sender = Quietly([&] { return ReadText(properties, tarn::kPropSenderName, out.code_page); });
     out.sent = Quietly([&] { return SentTimeUtc(properties); });
+    if (defer) {
+        out.deferred = true;
+        return out;
+    }
     out.record.reset(tarn::NewFilterData());
     if (out.record == nullptr) throw std::bad_alloc();
     try {
@@ -435,38 +354,48 @@ ComposedMessage ComposeForExport(tarn::PstMessage& message, bool text) {
 
 class StoreExport {
   public:
-    StoreExport(const Options& options, std::string source, fs::path base, OutputTree& tree,
-                NameRegistry& names, Manifest& manifest, Progress& progress)
-        : options_(options),
+    StoreExport(Session& session, std::string source, fs::path base)
+        : session_(session),
+          options_(session.options),
           source_(std::move(source)),
           base_(std::move(base)),
-          tree_(tree),
-          names_(names),
-          manifest_(manifest),
-          progress_(progress) {}
+          path_(tarn::host::WideFromUtf8(source_)),
+          tree_(session.tree),
+          names_(session.names) {}
 
     // A store that cannot be opened gets one manifest line.
     void Run() {
         try {
-            db_ = tarn::ndb::open_database(tarn::host::WideFromUtf8(source_));
+            db_ = tarn::ndb::open_database(path_);
         } catch (const std::exception& e) {
             Row row;
             row.source = source_;
             row.error = std::string("not a readable PST store: ") + e.what();
             row.filter_reaches = false;
-            manifest_.Add(row);
+            session_.manifest.Add(row);
             return;
         }
         CountAsTheFilterDoes();
-        if (progress_.on()) progress_.SetTotal(RowsToWalk());
-        const std::u16string path = tarn::host::WideFromUtf8(source_);
+        // Messages an earlier export wrote whole are not composed again unless their files fail the check.
+        std::set<node_id> deferred;
+        for (const auto& [key, row] : session_.earlier) {
+            if (key.first == source_ && row->clean && row->node)
+                deferred.insert(static_cast<node_id>(*row->node));
+        }
         const bool text = options_.text;
         ParallelWalk<ComposedMessage> walk(
-            {WorkersFor(options_.jobs)}, [&] { return tarn::ndb::open_database(path); },
-            [text](node_id, tarn::PstMessage& message) { return ComposeForExport(message, text); },
+            {WorkersFor(options_.jobs)}, [this] { return tarn::ndb::open_database(path_); },
+            [text, &deferred](node_id, tarn::PstMessage& message) {
+                return ComposeForExport(message, text,
+                                        deferred.count(message.properties().get_node().get_id()) != 0);
+            },
             [](const ComposedMessage& m) { return m.record != nullptr ? m.record->document.length() : 0; });
         walk.Run(
-            db_, [this](node_id folder, uint32_t, ComposedMessage& message) { Visit(folder, message); },
+            db_,
+            [this, &walk](node_id folder, uint32_t, ComposedMessage& message) {
+                Visit(folder, message);
+                if (session_.Stopped()) walk.Stop();
+            },
             [this](const RowFailure& failure) { ListFailure(failure); });
     }
 
@@ -476,11 +405,12 @@ class StoreExport {
         fs::path dir;      // relative to DIR
     };
 
-    // The count the entry points would number against; the export itself does not depend on it.
+    // The count the entry points would number against; the export itself does not depend on it. It is
+    // taken on a reader of its own, whose pages go with it.
     void CountAsTheFilterDoes() {
         try {
             tarn::MessageListPtr list;
-            const int32_t status = tarn::CountMessages(db_, &list);
+            const int32_t status = tarn::CountMessages(tarn::ndb::open_database(path_), &list);
             if (status == tarn::kStatusOk) {
                 filter_count_ = list->count;
             } else {
@@ -492,25 +422,23 @@ class StoreExport {
         }
     }
 
-    int64_t RowsToWalk() {
-        int64_t total = 0;
-        try {
-            for (const tarn::ndb::node_info& info : tarn::ndb::page_range(db_->read_nbt_root())) {
-                if (!tarn::IsNormalFolder(info.id)) continue;
-                try {
-                    total += tarn::ltp::table(db_->lookup_node(tarn::ContentsTableOf(info.id))).size();
-                } catch (const std::exception&) {
-                    // The walk meets this folder's damage itself; the estimate goes without it.
-                }
+    // The calling thread's reader, reopened after as many messages as a worker's, so that the pages it
+    // keeps stay those of the last few messages however large the store.
+    const tarn::ndb::db_ptr& Reader() {
+        if (++reads_ >= WalkSettings{}.messages_per_reader) {
+            reads_ = 0;
+            try {
+                db_ = tarn::ndb::open_database(path_);
+            } catch (const std::exception&) {
+                // The reader in hand serves on.
             }
-        } catch (const std::exception&) {
         }
-        return total;
+        return db_;
     }
 
     std::string FolderName(node_id id) {
         try {
-            const tarn::ltp::property_bag bag(db_->lookup_node(id));
+            const tarn::ltp::property_bag bag(Reader()->lookup_node(id));
             if (std::optional<std::string> name =
                     ReadText(bag, tarn::kPropDisplayName, store_code_page_.value_or(kDefaultCodePage)))
                 return *name;
@@ -528,7 +456,7 @@ class StoreExport {
         for (node_id at = id; static_cast<int>(chain.size()) < kMaxFolderDepth;) {
             node_id parent = 0;
             try {
-                parent = db_->lookup_node_info(at).parent_id;
+                parent = Reader()->lookup_node_info(at).parent_id;
             } catch (const std::exception&) {
                 break;
             }
@@ -569,13 +497,34 @@ class StoreExport {
         row.sender = std::move(message.sender);
         row.sent = std::move(message.sent);
         row.index = ++running_;
+        const std::string stem = IndexText(*row.index) + "-" +
+                                 PortableName(row.subject.value_or(""), kSubjectNameBytes, "message");
+        // The names an earlier export's row was checked under; they are this message's names whatever
+        // the check found.
+        std::optional<std::pair<std::string, std::string>> claimed;
+        std::string claimed_extension;
+        if (message.deferred) {
+            const auto found = session_.earlier.find({source_, *row.index});
+            if (found != session_.earlier.end() && !found->second->files.empty()) {
+                claimed_extension = fs::path(found->second->files[0].file).extension().string();
+                claimed = ClaimDocument(folder.dir, stem, claimed_extension);
+                if (const ListedRow* standing = session_.Standing(source_, *row.index, row.node,
+                                                                  (folder.dir / claimed->first).string())) {
+                    session_.Keep(*standing);
+                    return;
+                }
+            }
+            // Its files are not as listed: composed here after all, on this thread's reader.
+            tarn::PstMessage again(Reader()->lookup_node(message.node));
+            message = ComposeForExport(again, options_.text);
+        }
         if (message.thrown) {
             row.error = *message.thrown;
             row.filter_reaches = false;
             row.filter_note =
                 "as the target its composition throws, which ends the filter's walk of the folder";
             if (message.earlier_status < tarn::kStatusOk) NoteWalkEnd(*row.index, message.earlier_status);
-            Finish(row);
+            session_.Add(row);
             return;
         }
         const Composed& composed = message.composed;
@@ -584,38 +533,45 @@ class StoreExport {
         row.text_fallback = composed.text_fallback;
         if (composed.has_document) {
             row.format = composed.format;
-            const auto [name, attachments] =
-                ClaimDocument(folder.dir,
-                              IndexText(*row.index) + "-" +
-                                  PortableName(row.subject.value_or(""), kSubjectNameBytes, "message"),
-                              composed.format);
+            const std::string extension = DocumentExtension(composed.format);
+            const auto [name, attachments] = claimed && claimed_extension == extension
+                                                 ? *claimed
+                                                 : ClaimDocument(folder.dir, stem, extension);
             const fs::path file = folder.dir / name;
-            if (std::string error = tree_.WriteFile(file, record.document.data(), record.document.length());
-                error.empty()) {
-                row.exported = true;
-                row.file = file.string();
-                row.bytes = record.document.length();
-            } else {
-                row.error = error;
-            }
+            Write(file, record.document.data(), record.document.length(), row.file, row.bytes, row.sha256,
+                  row.error);
+            row.exported = row.error.empty();
             // The worker's reader and message are its own: the attachments are read again here.
-            if (options_.attachments) {
+            if (options_.attachments && !session_.Stopped()) {
                 try {
-                    tarn::PstMessage again(db_->lookup_node(message.node));
+                    tarn::PstMessage again(Reader()->lookup_node(message.node));
                     WriteAttachments(again, folder.dir / attachments, 1, row);
                 } catch (const std::exception& e) {
                     row.attachments.push_back(
-                        {"", 0, false, 1, std::nullopt, std::string("attachment table: ") + e.what()});
+                        {"", 0, "", false, 1, std::nullopt, std::string("attachment table: ") + e.what()});
                 }
+                names_.Forget((folder.dir / attachments).string());
             }
         } else {
             row.error = composed.status == tarn::kStatusUnsupported
                             ? "no body the filter can make a document of"
-                            : "composition gives status " + std::to_string(composed.status);
+                            : "composition gives status " + std::to_string(composed.status) + " (" +
+                                  tarn::StatusText(composed.status) + ")";
         }
         ReachedByTheFilter(row);
         if (composed.compose_status < tarn::kStatusOk) NoteWalkEnd(*row.index, composed.compose_status);
-        Finish(row);
+        session_.Add(row);
+    }
+
+    // Writes a document or an attachment and notes where, its size and its checksum, or the error.
+    void Write(const fs::path& file, const std::byte* bytes, size_t size, std::string& where,
+               uint64_t& written, std::string& sha256, std::string& error) {
+        const std::span<const std::byte> data(bytes, size);
+        error = tree_.WriteFile(file, data);
+        if (!error.empty()) return;
+        where = file.string();
+        written = size;
+        sha256 = Sha256Hex(data);
     }
 
     // Where the entry points cannot reach this number: beyond their count, or past a message whose
@@ -643,16 +599,10 @@ class StoreExport {
         walk_end_status_ = status;
     }
 
-    void Finish(Row& row) {
-        manifest_.Add(row);
-        progress_.Step();
-    }
-
     // A document's file name in `dir` and the name of the folder for its attachments beside it, both
     // claimed there, so that neither clashes with a folder, an attachment or another document.
     std::pair<std::string, std::string> ClaimDocument(const fs::path& dir, const std::string& stem,
-                                                      int32_t format) {
-        const std::string extension = DocumentExtension(format);
+                                                      const std::string& extension) {
         const std::string file = names_.Claim(dir.string(), stem + extension);
         const std::string claimed = file.substr(0, file.size() - extension.size());
         return {file, names_.Claim(dir.string(), claimed + kAttachmentsSuffix)};
@@ -665,10 +615,10 @@ class StoreExport {
             count = message.AttachmentCount();
         } catch (const std::exception& e) {
             row.attachments.push_back(
-                {"", 0, false, depth, std::nullopt, std::string("attachment table: ") + e.what()});
+                {"", 0, "", false, depth, std::nullopt, std::string("attachment table: ") + e.what()});
             return;
         }
-        for (uint32_t i = 0; i < count; ++i) {
+        for (uint32_t i = 0; i < count && !session_.Stopped(); ++i) {
             AttachmentRow out;
             out.depth = depth;
             try {
@@ -702,13 +652,7 @@ class StoreExport {
             }
             const std::string file_name =
                 names_.Claim(dir.string(), PortableName(name.value_or(""), kAttachmentNameBytes, fallback));
-            const fs::path file = dir / file_name;
-            if (std::string error = tree_.WriteFile(file, data.data(), data.size()); !error.empty()) {
-                out.error = error;
-                return;
-            }
-            out.file = file.string();
-            out.bytes = data.size();
+            Write(dir / file_name, data.data(), data.size(), out.file, out.bytes, out.sha256, out.error);
             return;
         }
 
@@ -734,20 +678,16 @@ class StoreExport {
                 return std::optional(SubjectText(inner.properties(), StringCodePage(inner.properties())));
             }).value_or("");
         if (!composed.has_document) {
-            out.error = "embedded message: composition gives status " + std::to_string(composed.status);
+            out.error = "embedded message: composition gives status " + std::to_string(composed.status) +
+                        " (" + tarn::StatusText(composed.status) + ")";
             return;
         }
         const auto [file_name, attachments] = ClaimDocument(
             dir, PortableName(subject.empty() ? name.value_or("") : subject, kSubjectNameBytes, fallback),
-            composed.format);
-        const fs::path file = dir / file_name;
-        if (std::string error = tree_.WriteFile(file, record->document.data(), record->document.length());
-            !error.empty()) {
-            out.error = error;
-            return;
-        }
-        out.file = file.string();
-        out.bytes = record->document.length();
+            DocumentExtension(composed.format));
+        Write(dir / file_name, record->document.data(), record->document.length(), out.file, out.bytes,
+              out.sha256, out.error);
+        if (!out.error.empty()) return;
         WriteAttachments(inner, dir / attachments, depth + 1, row);
     }
 
@@ -760,7 +700,7 @@ class StoreExport {
         row.filter_reaches = false;
         if (!failure.folder) {
             row.filter_note = "the node b-tree cannot be read further; the walk ends here";
-            manifest_.Add(row);
+            session_.manifest.Add(row);
             return;
         }
         const uint32_t first = failure.row;
@@ -768,11 +708,11 @@ class StoreExport {
         row.filter_note = "the filter's walk leaves the rest of this folder";
         std::optional<tarn::ltp::table> contents;
         try {
-            contents.emplace(db_->lookup_node(tarn::ContentsTableOf(*failure.folder)));
+            contents.emplace(Reader()->lookup_node(tarn::ContentsTableOf(*failure.folder)));
         } catch (const std::exception&) {
         }
         if (!contents || first >= contents->size()) {
-            manifest_.Add(row);
+            session_.manifest.Add(row);
             return;
         }
         for (uint32_t r = first; r < contents->size(); ++r) {
@@ -781,18 +721,19 @@ class StoreExport {
                 rest.node = (*contents)[r].get_row_id();
             } catch (const std::exception&) {
             }
-            manifest_.Add(rest);
+            session_.manifest.Add(rest);
         }
     }
 
+    Session& session_;
     const Options& options_;
     std::string source_;
     fs::path base_;
+    std::u16string path_;
     OutputTree& tree_;
     NameRegistry& names_;
-    Manifest& manifest_;
-    Progress& progress_;
     tarn::ndb::db_ptr db_;
+    size_t reads_ = 0;
     std::map<node_id, Folder> folders_;
 
     int32_t running_ = 0;
@@ -805,8 +746,7 @@ class StoreExport {
 };
 
 // A message file or an Internet message: one document through the filter library, as `render` makes it.
-void ExportSingle(const Options& options, const std::string& source, const fs::path& base, OutputTree& tree,
-                  Manifest& manifest, Progress& progress) {
+void ExportSingle(Session& session, const std::string& source, const fs::path& base, bool message_file) {
     Row row;
     row.source = source;
     row.index = 1;
@@ -814,15 +754,15 @@ void ExportSingle(const Options& options, const std::string& source, const fs::p
     std::string error;
     if (!LoadFilter(FilterLibraryPath(), &entries, &error)) {
         row.error = "cannot load the filter: " + error;
-        manifest.Add(row);
+        session.Add(row);
         return;
     }
     std::vector<std::byte> document;
     int32_t format = 0;
     const auto load = [&](bool text) {
         tarn::host::Toolkit toolkit;
-        tarn::host::SourceSession session(tarn::host::WideFromUtf8(source));
-        tarn::LoadRequest& request = session.BuildLoadRequest(1, text, /*with_slot=*/false);
+        tarn::host::SourceSession source_session(tarn::host::WideFromUtf8(source));
+        tarn::LoadRequest& request = source_session.BuildLoadRequest(1, text, /*with_slot=*/false);
         const tarn::host::CallOutcome outcome = tarn::host::CallLoad(entries, &request);
         if (!outcome.returned()) {
             error = outcome.error;
@@ -837,39 +777,96 @@ void ExportSingle(const Options& options, const std::string& source, const fs::p
         }
         return outcome.status;
     };
-    row.status = load(options.text);
-    if (row.status == tarn::kStatusUnsupported && !options.text && error.empty() &&
+    row.status = load(session.options.text);
+    if (row.status == tarn::kStatusUnsupported && !session.options.text && error.empty() &&
         load(true) == tarn::kStatusOk) {
         row.text_fallback = true;
     } else if (row.status != tarn::kStatusOk) {
-        row.error = !error.empty() ? error : "the filter gives status " + std::to_string(*row.status);
-        manifest.Add(row);
-        progress.Step();
+        row.error = !error.empty() ? error
+                                   : "the filter gives status " + std::to_string(*row.status) + " (" +
+                                         tarn::StatusText(*row.status) + ")";
+        session.Add(row);
         return;
     }
     row.format = format;
-    const fs::path file =
-        base /
-        (IndexText(1) + "-" + PortableName(fs::path(source).stem().string(), kSubjectNameBytes, "message") +
-         DocumentExtension(format));
-    if (std::string written = tree.WriteFile(file, document.data(), document.size()); written.empty()) {
+    const std::string stem =
+        IndexText(1) + "-" + PortableName(fs::path(source).stem().string(), kSubjectNameBytes, "message");
+    const fs::path file = base / (stem + DocumentExtension(format));
+    if (const ListedRow* standing = session.Standing(source, 1, std::nullopt, file.string())) {
+        session.Keep(*standing);
+        return;
+    }
+    row.error = session.tree.WriteFile(file, document);
+    if (row.error.empty()) {
         row.exported = true;
         row.file = file.string();
         row.bytes = document.size();
-    } else {
-        row.error = written;
+        row.sha256 = Sha256Hex(document);
     }
-    manifest.Add(row);
-    progress.Step();
+    if (session.options.attachments && !session.Stopped()) {
+        const fs::path dir = base / (stem + kAttachmentsSuffix);
+        std::string unread;
+        for (const SourceAttachment& a : ReadSourceAttachments(source, message_file, &unread)) {
+            AttachmentRow out{"", 0, "", a.embedded, 1, std::nullopt, a.error};
+            const std::string fallback = "attachment-" + std::to_string(row.attachments.size() + 1);
+            if (out.error.empty()) {
+                const std::span<const std::byte> bytes(reinterpret_cast<const std::byte*>(a.bytes.data()),
+                                                       a.bytes.size());
+                const fs::path path =
+                    dir /
+                    session.names.Claim(dir.string(), PortableName(a.name, kAttachmentNameBytes, fallback));
+                out.error = session.tree.WriteFile(path, bytes);
+                if (out.error.empty())
+                    out.file = path.string(), out.bytes = bytes.size(), out.sha256 = Sha256Hex(bytes);
+            }
+            row.attachments.push_back(std::move(out));
+        }
+        if (!unread.empty()) row.attachments.push_back({"", 0, "", false, 1, std::nullopt, unread});
+    }
+    session.Add(row);
 }
 
 // Classified as the filter classifies its source.
-bool IsPst(const std::string& source) {
+tarn::InputKind KindOf(const std::string& source) {
     const tarn::KernelFileHandle handle(
         krnOpenFile(tarn::host::WideFromUtf8(source).c_str(), 0, tarn::kOpenShareMode));
     tarn::InputKind kind = tarn::kInputUnsupported;
-    return handle.valid() && tarn::ProbeSource(handle.get(), &kind) == tarn::kStatusOk &&
-           kind == tarn::kInputPstStore;
+    if (!handle.valid() || tarn::ProbeSource(handle.get(), &kind) != tarn::kStatusOk)
+        return tarn::kInputUnsupported;
+    return kind;
+}
+
+// The rows a store's walk will visit, for the progress line: its folders' contents tables, as far as
+// they can be read.
+int64_t RowsIn(const std::string& source) {
+    int64_t total = 0;
+    try {
+        const tarn::ndb::db_ptr db = tarn::ndb::open_database(tarn::host::WideFromUtf8(source));
+        for (const tarn::ndb::node_info& info : tarn::ndb::page_range(db->read_nbt_root())) {
+            if (!tarn::IsNormalFolder(info.id)) continue;
+            try {
+                total += tarn::ltp::table(db->lookup_node(tarn::ContentsTableOf(info.id))).size();
+            } catch (const std::exception&) {
+                // The walk meets this folder's damage itself; the estimate goes without it.
+            }
+        }
+    } catch (const std::exception&) {
+    }
+    return total;
+}
+
+// The temporary files an export that was killed left behind (see OutputTree).
+void RemoveTemporaries(const fs::path& out) {
+    std::error_code ec;
+    std::vector<fs::path> found;
+    for (auto it = fs::recursive_directory_iterator(out, ec); !ec && it != fs::recursive_directory_iterator();
+         it.increment(ec)) {
+        const std::string name = it->path().filename().string();
+        if (name.rfind(".tarnview-", 0) == 0 && name.size() > 5 && name.substr(name.size() - 5) == ".part" &&
+            it->symlink_status().type() == fs::file_type::regular)
+            found.push_back(it->path());
+    }
+    for (const fs::path& path : found) fs::remove(path, ec);
 }
 
 }  // namespace
@@ -887,38 +884,81 @@ int RunExport(const Args& args) {
                      ec.message().c_str());
         return 1;
     }
-    const fs::path manifest_path = options->out / kManifestName;
-    const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | (options->force ? O_TRUNC : O_EXCL);
-    const int fd = ::open(manifest_path.c_str(), flags, 0644);
+    const bool replace = options->force || options->resume;
+    // What an earlier export listed: with --resume the rows that may stand, with either flag the files
+    // to remove that this export does not write again.
+    std::vector<ListedRow> earlier;
+    if (replace) {
+        std::string unread;
+        if (std::optional<std::vector<ListedRow>> rows = ReadManifest(options->out / kManifestName, &unread))
+            earlier = std::move(*rows);
+        RemoveTemporaries(options->out);
+    }
+    OutputTree tree(options->out, replace);
+    std::set<std::string> listed;
+    for (const ListedRow& row : earlier)
+        for (const ListedFile& file : row.files) listed.insert(file.file);
+    tree.Watch(std::move(listed));
+    std::string error;
+    const int fd = tree.CreateForAppend(kManifestName, &error);
     if (fd < 0) {
-        std::fprintf(stderr, "tarnview export: %s: %s\n", manifest_path.c_str(),
-                     errno == EEXIST ? "exists (--force replaces it)" : std::strerror(errno));
+        std::fprintf(stderr, "tarnview export: %s\n", error.c_str());
         return 1;
     }
-    ::close(fd);
-    std::ofstream manifest_file(manifest_path, std::ios::binary | std::ios::trunc);
-    Manifest manifest(manifest_file);
-
-    OutputTree tree(options->out, options->force);
+    Manifest manifest(fd, (options->out / kManifestName).string());
     NameRegistry names;
     names.Claim("", kManifestName);
     Progress progress(isatty(STDERR_FILENO) != 0);
+    Session session{*options, tree, names, manifest, progress, {}, {}, {}};
+    if (options->resume) {
+        for (const ListedRow& row : earlier)
+            if (row.index) session.earlier.emplace(std::pair(row.source, *row.index), &row);
+    }
+    struct sigaction action {};
+    action.sa_handler = OnInterrupt;
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
+
+    if (progress.on()) {
+        for (const std::string& source : options->sources)
+            progress.AddToTotal(KindOf(source) == tarn::kInputPstStore ? RowsIn(source) : 1);
+    }
     for (const std::string& source : options->sources) {
+        if (session.Stopped()) break;
         // Several sources each get a folder of their own, named after the file.
         fs::path base;
         if (options->sources.size() > 1)
             base = names.Claim(
                 "", PortableName(fs::path(source).filename().string(), kFolderNameBytes, "source"));
-        if (IsPst(source)) {
-            StoreExport(*options, source, base, tree, names, manifest, progress).Run();
+        const tarn::InputKind kind = KindOf(source);
+        if (kind == tarn::kInputPstStore) {
+            StoreExport(session, source, base).Run();
         } else {
-            ExportSingle(*options, source, base, tree, manifest, progress);
+            ExportSingle(session, source, base, kind == tarn::kInputMessageFile);
         }
     }
-    manifest_file.close();
-    if (!manifest_file) {
-        std::fprintf(stderr, "tarnview export: %s: cannot write\n", manifest_path.c_str());
+    // What is whole gets its name and its row, also when the export stops.
+    session.Commit();
+    progress.Clear();
+    const std::string manifest_path = (options->out / kManifestName).string();
+    if (session.Stopped()) {
+        const std::string reason = !manifest.error().empty()       ? manifest.error()
+                                   : !session.commit_error.empty() ? session.commit_error
+                                   : g_interrupted != 0            ? std::string("interrupted")
+                                                                   : tree.space_error();
+        std::fprintf(stderr, "tarnview export: stopped (%s); %s lists what was done, and --resume goes on\n",
+                     reason.c_str(), manifest_path.c_str());
         return 1;
+    }
+    if (!manifest.Finish()) {
+        std::fprintf(stderr, "tarnview export: %s\n", manifest.error().c_str());
+        return 1;
+    }
+    // Files an earlier export listed that this one neither wrote nor kept are no longer the export's.
+    for (const ListedRow& row : earlier) {
+        for (const ListedFile& file : row.files) {
+            if (tree.rewritten().count(file.file) == 0 && session.kept.count(file.file) == 0)
+                tree.Remove(file.file);
+        }
     }
     if (manifest.failures() > 0) {
         std::fprintf(stderr, "tarnview export: %d of %d manifest lines record a failure; see %s\n",

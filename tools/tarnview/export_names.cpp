@@ -1,16 +1,24 @@
 #include "tools/tarnview/export_names.h"
 
+#include <unicode/normalizer2.h>
+#include <unicode/unistr.h>
+
 #include <array>
 #include <cctype>
 #include <cstdint>
+
+#include "tools/tarnview/json.h"
 
 namespace tarnview {
 namespace {
 
 constexpr std::string_view kForbidden = "/\\:*?\"<>|";
-constexpr std::array<std::string_view, 22> kDeviceNames = {
-    "con",  "prn",  "aux",  "nul",  "com1", "com2", "com3", "com4", "com5", "com6", "com7",
-    "com8", "com9", "lpt1", "lpt2", "lpt3", "lpt4", "lpt5", "lpt6", "lpt7", "lpt8", "lpt9"};
+// Windows takes these as devices whatever the extension; the superscript digits count as digits there.
+constexpr std::array<std::string_view, 32> kDeviceNames = {
+    "con",       "prn",       "aux",       "nul",  "conin$", "conout$",   "com0",      "com1",
+    "com2",      "com3",      "com4",      "com5", "com6",   "com7",      "com8",      "com9",
+    "com\u00b9", "com\u00b2", "com\u00b3", "lpt0", "lpt1",   "lpt2",      "lpt3",      "lpt4",
+    "lpt5",      "lpt6",      "lpt7",      "lpt8", "lpt9",   "lpt\u00b9", "lpt\u00b2", "lpt\u00b3"};
 
 std::string Lower(std::string_view text) {
     std::string out(text);
@@ -18,33 +26,27 @@ std::string Lower(std::string_view text) {
     return out;
 }
 
-// The length of the well-formed UTF-8 sequence at `text[at]` and its code point, or 0 when ill-formed.
-size_t Sequence(std::string_view text, size_t at, uint32_t* code_point) {
-    const auto byte = [&](size_t i) { return static_cast<uint8_t>(text[i]); };
-    const uint8_t lead = byte(at);
-    size_t length = 0;
-    uint32_t value = 0;
-    uint32_t least = 0;
-    if (lead < 0x80) {
-        *code_point = lead;
-        return 1;
-    } else if ((lead & 0xE0) == 0xC0) {
-        length = 2, value = lead & 0x1F, least = 0x80;
-    } else if ((lead & 0xF0) == 0xE0) {
-        length = 3, value = lead & 0x0F, least = 0x800;
-    } else if ((lead & 0xF8) == 0xF0) {
-        length = 4, value = lead & 0x07, least = 0x10000;
-    } else {
-        return 0;
+// Bidirectional formatting characters reorder what is shown around them ("inv\u202Efdp.exe" shows as
+// "invexe.pdf"); a name keeps none of them.
+bool BidiControl(uint32_t c) {
+    return c == 0x061C || c == 0x200E || c == 0x200F || (c >= 0x202A && c <= 0x202E) ||
+           (c >= 0x2066 && c <= 0x2069);
+}
+
+// Two names that case folding and canonical composition make equal are one file on a file system that
+// ignores case or normalizes (as macOS and Windows do).
+std::string ClashKey(const std::string& name) {
+    icu::UnicodeString text = icu::UnicodeString::fromUTF8(name);
+    text.foldCase();
+    UErrorCode status = U_ZERO_ERROR;
+    const icu::Normalizer2* nfc = icu::Normalizer2::getNFCInstance(status);
+    if (U_SUCCESS(status)) {
+        icu::UnicodeString composed = nfc->normalize(text, status);
+        if (U_SUCCESS(status)) text = composed;
     }
-    if (text.size() - at < length) return 0;
-    for (size_t i = 1; i < length; ++i) {
-        if ((byte(at + i) & 0xC0) != 0x80) return 0;
-        value = (value << 6) | (byte(at + i) & 0x3F);
-    }
-    if (value < least || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) return 0;
-    *code_point = value;
-    return length;
+    std::string out;
+    text.toUTF8String(out);
+    return out;
 }
 
 bool Trimmed(char c) { return c == ' ' || c == '.'; }
@@ -62,13 +64,14 @@ std::string TrimEnds(std::string text) {
 std::string PortableName(std::string_view text, size_t max_bytes, std::string_view fallback) {
     std::string out;
     for (size_t at = 0; at < text.size();) {
-        uint32_t code_point = 0;
-        const size_t length = Sequence(text, at, &code_point);
+        char32_t code_point = 0;
+        const size_t length = Utf8Sequence(text.substr(at), &code_point);
         std::string_view piece = length == 0 ? "_" : text.substr(at, length);
         const bool control = code_point < 0x20 || (code_point >= 0x7F && code_point < 0xA0);
         if (length == 0 || control || (length == 1 && kForbidden.find(piece[0]) != std::string_view::npos))
             piece = "_";
         at += length == 0 ? 1 : length;
+        if (length != 0 && BidiControl(code_point)) continue;
         // Trailing spaces and dots are dropped below, so the cut leaves room for nothing else.
         if (out.size() + piece.size() > max_bytes) break;
         out += piece;
@@ -84,7 +87,7 @@ std::string PortableName(std::string_view text, size_t max_bytes, std::string_vi
 
 std::string NameRegistry::Claim(const std::string& dir, const std::string& name) {
     std::set<std::string>& taken = taken_[dir];
-    if (taken.insert(Lower(name)).second) return name;
+    if (taken.insert(ClashKey(name)).second) return name;
     // The extension is the part after the last dot that is not the first character.
     const size_t dot = name.rfind('.');
     const bool has_extension = dot != std::string::npos && dot > 0;
@@ -92,8 +95,14 @@ std::string NameRegistry::Claim(const std::string& dir, const std::string& name)
     const std::string extension = has_extension ? name.substr(dot) : "";
     for (size_t n = 2;; ++n) {
         std::string candidate = stem + " (" + std::to_string(n) + ")" + extension;
-        if (taken.insert(Lower(candidate)).second) return candidate;
+        if (taken.insert(ClashKey(candidate)).second) return candidate;
     }
+}
+
+void NameRegistry::Forget(const std::string& dir) {
+    taken_.erase(dir);
+    // The folders below sort from dir + "/" up to dir + "0", '0' being the character after '/'.
+    taken_.erase(taken_.lower_bound(dir + "/"), taken_.lower_bound(dir + "0"));
 }
 
 }  // namespace tarnview

@@ -16,18 +16,22 @@ constexpr size_t kAttachmentNameBytes = 100;
 constexpr size_t kFolderNameBytes = 64;
 
 // One path component from UTF-8 text: controls (C0, DEL, C1), the characters that some file system
-// forbids or reads as a separator (/ \ : * ? " < > |) and ill-formed UTF-8 become "_"; leading and
-// trailing spaces and dots go (so neither "." nor ".." nor a hidden name can come out); at most
-// `max_bytes` bytes, cut between characters; a device name of DOS ("con", "lpt1", ...) is prefixed
-// with "_". `fallback` (itself portable) when nothing is left.
+// forbids or reads as a separator (/ \ : * ? " < > |) and ill-formed UTF-8 become "_"; bidirectional
+// formatting characters go, so that a name shows as it is; leading and trailing spaces and dots go (so
+// neither "." nor ".." nor a hidden name can come out); at most `max_bytes` bytes, cut between
+// characters; a device name of DOS ("con", "conin$", "com0", "lpt\u00b9", ...) is prefixed with "_".
+// `fallback` (itself portable) when nothing is left.
 std::string PortableName(std::string_view text, size_t max_bytes, std::string_view fallback);
 
-// The names given out in each folder, compared without regard to ASCII case (two names that differ
-// only so are one file on a case-insensitive file system).
+// The names given out in each folder, compared after Unicode case folding and canonical composition
+// (two names that differ only so are one file on a file system that ignores case or normalizes).
 class NameRegistry {
   public:
     // `name` (a PortableName) in folder `dir`, or "stem (2).ext", "stem (3).ext", ... when taken.
     std::string Claim(const std::string& dir, const std::string& name);
+    // Forgets the names of `dir` and the folders below it, where nothing more will be claimed (a
+    // message's attachments, once written), so that they take no memory for the rest of the export.
+    void Forget(const std::string& dir);
 
   private:
     std::map<std::string, std::set<std::string>> taken_;

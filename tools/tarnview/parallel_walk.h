@@ -7,9 +7,10 @@
 //
 // The calling thread reads the node B-tree and the contents tables and cuts their rows into chunks;
 // workers take the chunks in order and read their messages; the calling thread then consumes the chunks
-// in order. Only a bounded window of chunks is ahead of the one consumed, and a worker takes a chunk
-// beyond the next one needed only while the results waiting stay under a byte budget, so memory stays
-// flat however large the store.
+// in order, message by message. A worker reads a message more only while the results waiting stay
+// under a byte budget (or the calling thread waits for that very message), and every reader, the
+// calling thread's too, is reopened after so many messages, so memory stays flat however large the
+// store and whatever its messages weigh.
 #ifndef TARN_TOOLS_TARNVIEW_PARALLEL_WALK_H_
 #define TARN_TOOLS_TARNVIEW_PARALLEL_WALK_H_
 
@@ -45,7 +46,7 @@ struct RowFailure {
 struct WalkSettings {
     unsigned workers = 0;           // 0: everything on the calling thread
     size_t chunk_rows = 32;         // messages per chunk
-    size_t byte_budget = 4u << 20;  // results waiting beyond the next chunk needed
+    size_t byte_budget = 4u << 20;  // results read and not yet handed over, beyond one per worker
     // A reader keeps every b-tree page it has read. Reopened after this many messages, it keeps the
     // memory of the messages' reading to what they need, however large the store, at the cost of one
     // open (a few small reads) per so many messages.
@@ -81,9 +82,12 @@ class ParallelWalk {
         settings_.chunk_rows = std::max<size_t>(settings_.chunk_rows, 1);
     }
 
-    // Walks `db` (the calling thread's reader).
+    // From `finish`: the walk ends once `finish` returns, and nothing more is handed over.
+    void Stop() { stopped_ = true; }
+
+    // Walks the store; `db` (the calling thread's reader) serves where a fresh reader cannot be opened.
     void Run(const tarn::ndb::db_ptr& db, const Finish& finish, const Fail& fail) {
-        Planner planner(db, settings_.chunk_rows);
+        Planner planner(*this, db);
         std::vector<std::thread> threads;
         std::vector<tarn::ndb::db_ptr> readers;
         // A worker whose reader cannot be opened is simply not started; with none the walk runs here.
@@ -96,79 +100,86 @@ class ParallelWalk {
         }
         const bool inline_work = readers.empty();
         Reader inline_reader;
+        // Planned chunks hold message ids only; what they give is bounded by the byte budget.
         const size_t window = inline_work ? 1 : 2 * readers.size() + 2;
-        {
-            // Workers are joined before anything they share goes, also when the calling thread throws.
-            struct Joiner {
-                ParallelWalk* walk;
-                std::vector<std::thread>* threads;
-                ~Joiner() {
-                    {
-                        std::lock_guard lock(walk->mutex_);
-                        walk->stopping_ = true;
-                    }
-                    walk->work_ready_.notify_all();
-                    for (std::thread& t : *threads) t.join();
-                }
-            } joiner{this, &threads};
-            for (const tarn::ndb::db_ptr& reader : readers)
-                threads.emplace_back([this, reader] { WorkerLoop(reader); });
-
-            bool folder_ended = false;
-            tarn::ndb::node_id ended_folder = 0;
-            for (;;) {
-                // Keep the window ahead of the consumer planned.
-                while (!planner.done()) {
-                    {
-                        std::lock_guard lock(mutex_);
-                        if (chunks_.size() >= window) break;
-                    }
-                    std::unique_ptr<Chunk> chunk = planner.Next();
-                    if (chunk == nullptr) break;
-                    {
-                        std::lock_guard lock(mutex_);
-                        chunks_.push_back(std::move(chunk));
-                    }
-                    work_ready_.notify_all();
-                }
-                std::unique_ptr<Chunk> chunk;
+        // Workers are joined before anything they share goes, also when the calling thread throws.
+        struct Joiner {
+            ParallelWalk* walk;
+            std::vector<std::thread>* threads;
+            ~Joiner() {
                 {
-                    std::unique_lock lock(mutex_);
-                    if (chunks_.empty()) break;
-                    if (inline_work) {
-                        Chunk& front = *chunks_.front();
-                        lock.unlock();
-                        Process(ReaderFor(inline_reader, front, db), front);
-                        lock.lock();
-                    }
-                    done_.wait(lock, [&] { return chunks_.front()->done; });
-                    chunk = std::move(chunks_.front());
-                    chunks_.pop_front();
-                    waiting_bytes_ -= chunk->bytes;
+                    std::lock_guard lock(walk->mutex_);
+                    walk->stopping_ = true;
                 }
-                work_ready_.notify_all();
-                // The rest of a folder that a store error ended is not the walk's any more. A folder's
-                // chunks come one after another, so the mark holds only until another folder's.
-                if (folder_ended && chunk->folder && *chunk->folder == ended_folder) continue;
-                folder_ended = false;
-                std::optional<RowFailure> failure = std::move(chunk->failure);
-                for (size_t i = 0; i < chunk->results.size(); ++i) {
-                    const uint32_t row = chunk->first_row + static_cast<uint32_t>(i);
-                    try {
-                        finish(*chunk->folder, row, chunk->results[i]);
-                    } catch (const std::exception& e) {
-                        // What the calling thread reads for a message ends its folder as the worker's would.
-                        failure = RowFailure{chunk->folder, row, e.what()};
-                        break;
-                    }
+                walk->workers_.notify_all();
+                for (std::thread& t : *threads) t.join();
+            }
+        } joiner{this, &threads};
+        for (const tarn::ndb::db_ptr& reader : readers)
+            threads.emplace_back([this, reader] { WorkerLoop(reader); });
+
+        // The folder a store error ended, while its chunks come.
+        bool folder_ended = false;
+        tarn::ndb::node_id ended_folder = 0;
+        while (!stopped_) {
+            // Keep the window ahead of the consumer planned.
+            while (!planner.done()) {
+                {
+                    std::lock_guard lock(mutex_);
+                    if (chunks_.size() >= window) break;
                 }
+                std::unique_ptr<Chunk> chunk = planner.Next();
+                if (chunk == nullptr) break;
+                {
+                    std::lock_guard lock(mutex_);
+                    chunks_.push_back(std::move(chunk));
+                }
+                workers_.notify_all();
+            }
+            std::unique_lock lock(mutex_);
+            if (chunks_.empty()) break;
+            Chunk& front = *chunks_.front();
+            if (folder_ended && front.folder != ended_folder) folder_ended = false;
+            if (folder_ended) {
+                // The rest of a folder that a store error ended is not the walk's any more.
+                Drop(lock);
+                continue;
+            }
+            if (inline_work && front.results.empty() && !front.done) {
+                lock.unlock();
+                Step(ReaderFor(inline_reader, front, db), front);
+                continue;
+            }
+            consumer_.wait(lock, [&] { return !front.results.empty() || front.done; });
+            if (front.results.empty()) {
+                std::optional<RowFailure> failure = std::move(front.failure);
+                Drop(lock);
                 if (failure) {
-                    if (failure->folder) {
-                        folder_ended = true;
-                        ended_folder = *failure->folder;
-                    }
+                    if (failure->folder) folder_ended = true, ended_folder = *failure->folder;
                     fail(*failure);
                 }
+                continue;
+            }
+            // Results are handed over one by one, so that what waits is bounded by bytes, not chunks.
+            Result result = std::move(front.results.front().first);
+            const bool over = waiting_bytes_ >= settings_.byte_budget;
+            waiting_bytes_ -= front.results.front().second;
+            front.results.pop_front();
+            // Workers wait only for the budget or for the front chunk to be taken up: woken for those.
+            const bool wake = front.results.empty() || (over && waiting_bytes_ < settings_.byte_budget);
+            const uint32_t row = front.first_row + front.consumed++;
+            const tarn::ndb::node_id folder = *front.folder;
+            lock.unlock();
+            if (wake) workers_.notify_all();
+            try {
+                finish(folder, row, result);
+            } catch (const std::exception& e) {
+                // What the calling thread reads for a message ends its folder as the worker's would.
+                lock.lock();
+                Drop(lock);
+                folder_ended = true;
+                ended_folder = folder;
+                if (!stopped_) fail(RowFailure{folder, row, e.what()});
             }
         }
     }
@@ -177,62 +188,80 @@ class ParallelWalk {
     struct Chunk {
         std::optional<tarn::ndb::node_id> folder;
         uint32_t first_row = 0;
-        std::vector<tarn::ndb::node_id> messages;  // the rows' message node ids, in order
-        std::optional<RowFailure> failure;         // after the rows read (the planner's or the worker's)
-        std::vector<Result> results;               // one per row read before any failure
-        size_t bytes = 0;
+        std::vector<tarn::ndb::node_id> messages;       // the rows' message node ids, in order
+        std::optional<RowFailure> failure;              // after the rows read (the planner's or the worker's)
+        std::optional<RowFailure> planned;              // the planner's, until the rows before it are read
+        size_t next = 0;                                // the next message to read
+        uint32_t consumed = 0;                          // results handed over
+        std::deque<std::pair<Result, size_t>> results;  // read and not yet handed over, with their bytes
         bool taken = false;
         bool done = false;
+        bool abandoned = false;  // its folder ended: read no further
     };
 
-    // Reads the node B-tree and the contents tables in walk order and cuts them into chunks, each of
-    // one folder. An error reading a table or a row id ends that folder with a chunk that says so; one
-    // reading the node B-tree ends the walk.
+    struct Reader {
+        tarn::ndb::db_ptr db;
+        size_t messages = 0;  // read through `db` so far
+    };
+
+    // Requires: `lock` holds the mutex. Drops the front chunk once nothing reads it any more.
+    void Drop(std::unique_lock<std::mutex>& lock) {
+        Chunk& front = *chunks_.front();
+        front.abandoned = true;
+        workers_.notify_all();
+        consumer_.wait(lock, [&] { return front.done || !front.taken; });
+        for (const auto& result : front.results) waiting_bytes_ -= result.second;
+        chunks_.pop_front();
+        lock.unlock();
+        workers_.notify_all();
+    }
+
+    // Reads the node B-tree (on a reader that goes once it is read) for the normal folders, then their
+    // contents tables in walk order, and cuts them into chunks, each of one folder. An error reading a
+    // table or a row id ends that folder with a chunk that says so; one reading the node B-tree ends the
+    // walk after the folders read before it.
     class Planner {
       public:
-        Planner(const tarn::ndb::db_ptr& db, size_t chunk_rows) : db_(db), chunk_rows_(chunk_rows) {}
+        Planner(ParallelWalk& walk, const tarn::ndb::db_ptr& fallback) : walk_(walk), fallback_(fallback) {}
 
         bool done() const { return done_; }
 
         std::unique_ptr<Chunk> Next() {
             auto chunk = std::make_unique<Chunk>();
-            try {
-                if (!started_) {
-                    started_ = true;
-                    range_.emplace(db_->read_nbt_root());
-                    at_ = range_->begin();
-                    end_ = range_->end();
+            if (!started_) {
+                started_ = true;
+                try {
+                    const tarn::ndb::db_ptr db = walk_.ReaderFor(reader_, 0, fallback_);
+                    for (const tarn::ndb::node_info& info : tarn::ndb::page_range(db->read_nbt_root()))
+                        if (tarn::IsNormalFolder(info.id)) folders_.push_back(info.id);
+                } catch (const std::exception& e) {
+                    tree_error_ = e.what();
                 }
-                while (!contents_) {
-                    if (at_ == end_) {
-                        done_ = true;
-                        return nullptr;
-                    }
-                    const tarn::ndb::node_id id = at_->id;
-                    ++at_;
-                    if (!tarn::IsNormalFolder(id)) continue;
-                    folder_ = id;
-                    row_ = 0;
-                    chunk->folder = id;
-                    chunk->first_row = 0;
-                    try {
-                        contents_.emplace(db_->lookup_node(tarn::ContentsTableOf(id)));
-                    } catch (const std::exception& e) {
-                        chunk->failure = RowFailure{id, 0, e.what()};
-                        return chunk;
-                    }
+                reader_ = Reader{};
+            }
+            while (!contents_) {
+                if (next_folder_ == folders_.size()) {
+                    done_ = true;
+                    if (!tree_error_) return nullptr;
+                    chunk->failure = RowFailure{std::nullopt, 0, *tree_error_};
+                    return chunk;
                 }
-            } catch (const std::exception& e) {
-                done_ = true;
-                chunk->folder.reset();
-                chunk->failure = RowFailure{std::nullopt, 0, e.what()};
-                return chunk;
+                folder_ = folders_[next_folder_++];
+                row_ = 0;
+                chunk->folder = folder_;
+                try {
+                    const tarn::ndb::db_ptr& db = walk_.ReaderFor(reader_, 0, fallback_);
+                    contents_.emplace(db->lookup_node(tarn::ContentsTableOf(folder_)));
+                } catch (const std::exception& e) {
+                    chunk->failure = RowFailure{folder_, 0, e.what()};
+                    return chunk;
+                }
             }
             chunk->folder = folder_;
             chunk->first_row = row_;
             try {
                 const uint32_t rows = contents_->size();
-                while (row_ < rows && chunk->messages.size() < chunk_rows_) {
+                while (row_ < rows && chunk->messages.size() < walk_.settings_.chunk_rows) {
                     chunk->messages.push_back((*contents_)[row_].get_row_id());
                     ++row_;
                 }
@@ -241,34 +270,27 @@ class ParallelWalk {
                 chunk->failure = RowFailure{folder_, row_, e.what()};
                 contents_.reset();
             }
+            reader_.messages += chunk->messages.size();
             return chunk;
         }
 
       private:
-        using Range = decltype(tarn::ndb::page_range(std::declval<tarn::ndb::db_ptr&>()->read_nbt_root()));
-        using Iterator = decltype(std::declval<Range&>().begin());
-
-        tarn::ndb::db_ptr db_;
-        size_t chunk_rows_;
+        ParallelWalk& walk_;
+        tarn::ndb::db_ptr fallback_;
+        Reader reader_;
         bool started_ = false;
         bool done_ = false;
-        std::optional<Range> range_;
-        Iterator at_;
-        Iterator end_;
+        std::vector<tarn::ndb::node_id> folders_;  // the normal folders, in node B-tree order
+        size_t next_folder_ = 0;
+        std::optional<std::string> tree_error_;
         std::optional<tarn::ltp::table> contents_;
         tarn::ndb::node_id folder_ = 0;
         uint32_t row_ = 0;
     };
 
-    struct Reader {
-        tarn::ndb::db_ptr db;
-        size_t messages = 0;  // read through `db` so far
-    };
-
-    // The reader for `chunk`, fresh when the last one has served its share. Should a fresh one not
-    // open, the last one serves on, or else `fallback`.
-    const tarn::ndb::db_ptr& ReaderFor(Reader& reader, const Chunk& chunk,
-                                       const tarn::ndb::db_ptr& fallback) {
+    // The reader for `messages` more messages, fresh when the last one has served its share. Should a
+    // fresh one not open, the last one serves on, or else `fallback`.
+    const tarn::ndb::db_ptr& ReaderFor(Reader& reader, size_t messages, const tarn::ndb::db_ptr& fallback) {
         if (reader.db == nullptr || reader.messages >= settings_.messages_per_reader) {
             reader.messages = 0;
             try {
@@ -277,33 +299,44 @@ class ParallelWalk {
                 if (reader.db == nullptr) reader.db = fallback;
             }
         }
-        reader.messages += chunk.messages.size();
+        reader.messages += messages;
         return reader.db;
     }
+    const tarn::ndb::db_ptr& ReaderFor(Reader& reader, const Chunk& chunk,
+                                       const tarn::ndb::db_ptr& fallback) {
+        return ReaderFor(reader, chunk.messages.size(), fallback);
+    }
 
-    // Reads the chunk's messages until one throws; that row ends the folder.
-    void Process(const tarn::ndb::db_ptr& db, Chunk& chunk) {
-        size_t bytes = 0;
-        // A worker's failure comes before the planner's, which lies after the rows it read.
-        std::optional<RowFailure> planned = std::move(chunk.failure);
-        chunk.failure.reset();
-        for (size_t i = 0; i < chunk.messages.size(); ++i) {
+    // Reads the chunk's next message; a throw ends the chunk at that row, and so its folder. Marks the
+    // chunk done after its last message, with the worker's failure or else the planner's. Whether it is
+    // done: once it is, the calling thread may drop it, and its reader must not touch it again.
+    bool Step(const tarn::ndb::db_ptr& db, Chunk& chunk) {
+        std::optional<RowFailure> failure;
+        const size_t i = chunk.next;
+        if (i < chunk.messages.size()) {
             try {
                 tarn::PstMessage message(db->lookup_node(chunk.messages[i]));
-                chunk.results.push_back(work_(*chunk.folder, message));
-                bytes += weigh_(chunk.results.back());
+                Result result = work_(*chunk.folder, message);
+                const size_t bytes = weigh_(result);
+                std::lock_guard lock(mutex_);
+                chunk.results.emplace_back(std::move(result), bytes);
+                waiting_bytes_ += bytes;
             } catch (const std::exception& e) {
-                chunk.failure =
-                    RowFailure{chunk.folder, chunk.first_row + static_cast<uint32_t>(i), e.what()};
-                break;
+                failure = RowFailure{chunk.folder, chunk.first_row + static_cast<uint32_t>(i), e.what()};
             }
         }
-        if (!chunk.failure) chunk.failure = std::move(planned);
-        std::lock_guard lock(mutex_);
-        chunk.bytes = bytes;
-        chunk.done = true;
-        waiting_bytes_ += bytes;
-        done_.notify_all();
+        bool done = false;
+        {
+            std::lock_guard lock(mutex_);
+            if (i == 0) chunk.planned = std::move(chunk.failure), chunk.failure.reset();
+            chunk.next = i + 1;
+            if (failure || chunk.next >= chunk.messages.size()) {
+                chunk.failure = failure ? std::move(failure) : std::move(chunk.planned);
+                chunk.done = done = true;
+            }
+        }
+        consumer_.notify_one();
+        return done;
     }
 
     void WorkerLoop(tarn::ndb::db_ptr first) {
@@ -312,7 +345,7 @@ class ParallelWalk {
             Chunk* chunk = nullptr;
             {
                 std::unique_lock lock(mutex_);
-                work_ready_.wait(lock, [&] {
+                workers_.wait(lock, [&] {
                     if (stopping_) return true;
                     chunk = Available();
                     return chunk != nullptr;
@@ -320,7 +353,24 @@ class ParallelWalk {
                 if (stopping_) return;
                 chunk->taken = true;
             }
-            Process(ReaderFor(reader, *chunk, reader.db), *chunk);
+            const tarn::ndb::db_ptr& db = ReaderFor(reader, *chunk, reader.db);
+            for (;;) {
+                {
+                    std::unique_lock lock(mutex_);
+                    // A message more only while what waits is under the budget, or when the calling
+                    // thread waits for this very chunk and has taken all it gave.
+                    workers_.wait(lock, [&] {
+                        return stopping_ || chunk->abandoned || waiting_bytes_ < settings_.byte_budget ||
+                               (chunk == chunks_.front().get() && chunk->results.empty());
+                    });
+                    if (stopping_ || chunk->abandoned) {
+                        chunk->done = true;
+                        break;
+                    }
+                }
+                if (Step(db, *chunk)) break;
+            }
+            consumer_.notify_one();
         }
     }
 
@@ -342,11 +392,12 @@ class ParallelWalk {
     Weigh weigh_;
 
     std::mutex mutex_;
-    std::condition_variable work_ready_;
-    std::condition_variable done_;
+    std::condition_variable consumer_;           // the calling thread's: a result read, a chunk done
+    std::condition_variable workers_;            // the workers': a chunk planned or dropped, bytes freed
     std::deque<std::unique_ptr<Chunk>> chunks_;  // planned and not yet consumed, in order
-    size_t waiting_bytes_ = 0;
+    size_t waiting_bytes_ = 0;                   // of the results read and not yet handed over
     bool stopping_ = false;
+    bool stopped_ = false;  // the calling thread's own
 };
 
 }  // namespace tarnview
