@@ -32,8 +32,8 @@ std::vector<SourceAttachment> MessageFileAttachments(krn_handle handle, const st
         return {};
     }
     std::vector<SourceAttachment> out;
-    for (const uint32_t number : tarn::AttachmentStorageNumbers(storage)) {
-        const std::string base = tarn::AttachmentStorageName(number);
+    for (const tarn::AttachmentStorageEntry& found : tarn::FindAttachmentStorages(storage)) {
+        const std::string base = tarn::AttachmentStorageName(found.number);
         SourceAttachment attachment;
         tarn::CountedString value;
         for (const std::string_view name : {kLongNameStream, kShortNameStream}) {
