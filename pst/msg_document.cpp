@@ -47,6 +47,11 @@ int32_t AssembleMsgDocument(MessageDocument& entry, int32_t* body_format, bool p
         return kStatusOk;
     }
 
+    // Repaired, a message without a formatted body gives its text body, or its header block alone.
+    if (entry.document.data() == nullptr && entry.repairs.wanted()) {
+        if (entry.text_body.data() != nullptr) entry.repairs.Make(Repair::kTextBody);
+        return AssembleMsgDocument(entry, body_format, true, record);
+    }
     if (entry.document.data() == nullptr) return kStatusUnsupported;
     const bool rtf = entry.document.text().starts_with(kRtfStart);
     *body_format = rtf ? kBodyRtf : kBodyHtml;

@@ -11,6 +11,7 @@
 #include "common/little_endian.h"
 #include "common/status.h"
 #include "platform/codepage.h"
+#include "pst/render/charset.h"
 #include "pst/render/compressed_rtf.h"
 #include "pst/render/header_labels.h"
 #include "pst/render/text_search.h"
@@ -31,6 +32,7 @@ constexpr size_t kCompTypeOffset = 8;
 constexpr size_t kStreamTerminator = 2;
 // Streams are copied in pieces of this size; the buffer is reserved once beforehand.
 constexpr size_t kReadPiece = 64 * 1024;
+constexpr uint32_t kWesternCodePage = 1252;
 
 // The first entry of the property stream with this type and id: its 8 value bytes, or none.
 std::optional<uint64_t> FindFixedProperty(const CountedString& stream, uint16_t type, uint16_t id) {
@@ -49,6 +51,9 @@ std::optional<uint64_t> FindFixedProperty(const CountedString& stream, uint16_t 
 struct MessageReads {
     const cfb::CompoundStorage& storage;
     uint64_t left;
+    // Repaired: 8-bit strings are converted from this code page; 0 keeps their bytes as they are.
+    uint32_t eight_bit_code_page = 0;
+    Repairs* repairs = nullptr;
 
     explicit MessageReads(const cfb::CompoundStorage& s) : storage(s), left(s.file_size()) {}
 };
@@ -86,7 +91,61 @@ int32_t ReadEntry(MessageReads& reads, std::optional<size_t> index, CountedStrin
     return kStatusOk;
 }
 
+// 8-bit text in `code_page` (else Western European, should the page have no converter) as UTF-8 with a
+// terminating NUL. Bytes the page does not map become U+FFFD. 1, or -1 when memory runs out.
+int32_t EightBitToUtf8(std::string_view bytes, uint32_t code_page, CountedString& out) {
+    if (bytes.size() > static_cast<size_t>(INT32_MAX) / 4) return kStatusFailure;
+    const int size = static_cast<int>(bytes.size());
+    int units = platform::MultiByteToWideChar(code_page, 0, bytes.data(), size, nullptr, 0);
+    if (units <= 0) {
+        code_page = kWesternCodePage;
+        units = platform::MultiByteToWideChar(code_page, 0, bytes.data(), size, nullptr, 0);
+    }
+    std::u16string wide(static_cast<size_t>(std::max(units, 0)), u'\0');
+    if (units > 0 &&
+        platform::MultiByteToWideChar(code_page, 0, bytes.data(), size, wide.data(), units) != units)
+        wide.clear();
+    const int needed = wide.empty() ? 0
+                                    : platform::WideCharToMultiByte(platform::kCpUtf8, 0, wide.data(),
+                                                                    static_cast<int>(wide.size()), nullptr, 0,
+                                                                    nullptr, nullptr);
+    GrowBuffer utf8;
+    if (utf8.Init(static_cast<size_t>(std::max(needed, 0)) + 1, 0) != kStatusOk) return kStatusFailure;
+    const int written = needed <= 0 ? 0
+                                    : platform::WideCharToMultiByte(
+                                          platform::kCpUtf8, 0, wide.data(), static_cast<int>(wide.size()),
+                                          reinterpret_cast<char*>(utf8.data()), needed, nullptr, nullptr);
+    utf8.Extend(static_cast<size_t>(std::max(written, 0)));
+    if (utf8.Terminate() != kStatusOk) return kStatusFailure;
+    utf8.MoveInto(out);
+    return kStatusOk;
+}
+
+// The code page 8-bit strings are stored in, for a code page the message names. An Internet code page
+// may be a 7-bit transport form (ISO-2022), which no stored string is in: its Windows page is.
+uint32_t StoredCodePage(uint32_t named) {
+    switch (named) {
+        case 50220:
+        case 50221:
+        case 50222:
+            return 932;
+        case 50225:
+            return 949;
+        case 50227:
+        case 52936:
+            return 936;
+        default:
+            return named;
+    }
+}
+
+bool HasEightBitBytes(std::string_view text) {
+    return std::any_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) >= 0x80; });
+}
+
 // The string property `name` among the children of entry `parent`, as ReadStringProperty describes.
+// Repaired, an 8-bit value beyond ASCII is converted from the message's code page.
 int32_t ReadString(MessageReads& reads, size_t parent, std::string_view name, CountedString& out) {
     out.Release();
     const cfb::DirectoryTree& tree = reads.storage.directory();
@@ -94,9 +153,15 @@ int32_t ReadString(MessageReads& reads, size_t parent, std::string_view name, Co
     const int32_t read =
         ReadEntry(reads, tree.find_child(parent, std::string(name) + std::string(kUnicodeSuffix)), wide);
     if (read != kStatusOk && read != kStatusNotPresent) return read;
-    if (read == kStatusNotPresent)
-        return ReadEntry(reads, tree.find_child(parent, std::string(name) + std::string(kEightBitSuffix)),
-                         out);
+    if (read == kStatusNotPresent) {
+        const int32_t narrow =
+            ReadEntry(reads, tree.find_child(parent, std::string(name) + std::string(kEightBitSuffix)), out);
+        if (narrow != kStatusOk || reads.eight_bit_code_page == 0 || !HasEightBitBytes(out.text()) ||
+            !reads.repairs->Make(Repair::kMsgCodePage))
+            return narrow;
+        CountedString bytes = std::move(out);
+        return EightBitToUtf8(bytes.text(), reads.eight_bit_code_page, out);
+    }
     const size_t units = wide.size() / 2;
     if (units == 0) return kStatusOk;
     if (units > static_cast<size_t>(INT32_MAX) / 4) return kStatusFailure;
@@ -191,6 +256,37 @@ int32_t ReadFormattedBody(MessageReads& reads, MessageDocument& record, bool* pr
     return kStatusOk;
 }
 
+// Repaired, for a message without a compressed-RTF body: its HTML body (binary, else a string) into
+// record.document, with `*present` set when there is one. HTML that declares no character set is taken
+// to be in the message's code page and converted, so that it can be declared UTF-8.
+int32_t ReadHtmlBody(MessageReads& reads, MessageDocument& record, bool* present) {
+    const cfb::DirectoryTree& tree = reads.storage.directory();
+    int32_t read = ReadEntry(reads, tree.find_child(0, kMsgHtmlBinaryStream), record.document);
+    if (read == kStatusOk && record.document.TextLength() > 0) {
+        CharsetCode declared;
+        const std::string_view html = record.document.text();
+        if (FindCharsetDeclaration(html, &declared) != 1 && HasEightBitBytes(html) &&
+            reads.eight_bit_code_page != platform::kCpUtf8) {
+            CountedString bytes = std::move(record.document);
+            if (const int32_t status =
+                    EightBitToUtf8(bytes.text(), reads.eight_bit_code_page, record.document);
+                status != kStatusOk)
+                return status;
+        }
+    } else if (read == kStatusNotPresent || read == kStatusOk) {
+        read = ReadString(reads, 0, kMsgHtmlStringStream, record.document);
+    }
+    if (read < kStatusOk) return read;
+    if (record.document.TextLength() == 0) {
+        record.document.Release();
+        return kStatusOk;
+    }
+    *present = true;
+    reads.repairs->Make(Repair::kMsgHtmlBody);
+    StripHtmlNoise(&record.document);
+    return kStatusOk;
+}
+
 // Reads the string properties of the header. 1, or the first failure.
 int32_t ReadHeaderStrings(MessageReads& reads, MessageDocument& record) {
     struct Field {
@@ -230,12 +326,17 @@ int32_t ReadHeaderStrings(MessageReads& reads, MessageDocument& record) {
 }
 
 // Sent and Importance from the fixed-length property stream; a missing entry leaves the field empty.
-int32_t ReadFixedProperties(MessageReads& reads, MessageDocument& record) {
+// `properties` is the stream when it was read already (the repaired reading needs its code pages first).
+int32_t ReadFixedProperties(MessageReads& reads, MessageDocument& record, CountedString* read_already) {
     CountedString properties;
-    const int32_t read =
-        ReadEntry(reads, reads.storage.directory().find_child(0, kMsgPropertiesStream), properties);
-    if (read == kStatusNotPresent) return kStatusOk;
-    if (read != kStatusOk) return read;
+    if (read_already != nullptr) {
+        properties = std::move(*read_already);
+    } else {
+        const int32_t read =
+            ReadEntry(reads, reads.storage.directory().find_child(0, kMsgPropertiesStream), properties);
+        if (read == kStatusNotPresent) return kStatusOk;
+        if (read != kStatusOk) return read;
+    }
     if (const auto sent = FindFixedProperty(properties, kMsgTypeFileTime, kMsgPropSubmitTime)) {
         // A time that cannot be formatted leaves Sent empty; memory running out ends the read.
         if (FormatSentTime(*sent, record.header[kSlotSent]) == kStatusFailure) return kStatusFailure;
@@ -252,15 +353,40 @@ int32_t ReadFixedProperties(MessageReads& reads, MessageDocument& record) {
 int32_t ReadOpenMessage(const cfb::CompoundStorage& storage, MessageDocument& record,
                         const MsgReadOptions& options) {
     MessageReads reads(storage);
+    // Repaired, the code pages come first: 8-bit strings and HTML are converted from them.
+    CountedString properties;
+    const bool repaired = record.repairs.wanted();
+    if (repaired) {
+        const int32_t read =
+            ReadEntry(reads, reads.storage.directory().find_child(0, kMsgPropertiesStream), properties);
+        if (read != kStatusOk && read != kStatusNotPresent) return read;
+        reads.repairs = &record.repairs;
+        reads.eight_bit_code_page = kWesternCodePage;
+        for (const uint16_t id : {kMsgPropMessageCodePage, kMsgPropInternetCodePage}) {
+            const std::optional<uint64_t> page = FindFixedProperty(properties, kMsgTypeLong, id);
+            if (page && static_cast<uint32_t>(*page) != 0) {
+                reads.eight_bit_code_page = StoredCodePage(static_cast<uint32_t>(*page));
+                break;
+            }
+        }
+    }
     bool formatted = false;
     if (const int32_t status = ReadFormattedBody(reads, record, &formatted); status != kStatusOk)
         return status;
+    if (!formatted && repaired) {
+        if (const int32_t status = ReadHtmlBody(reads, record, &formatted); status != kStatusOk)
+            return status;
+    }
     const int32_t text = ReadString(reads, 0, kMsgBodyStream, record.text_body);
     if (text < kStatusOk) return text;
-    if (!formatted && text == kStatusNotPresent) return kStatusUnsupported;
+    // Repaired, a message without any body still shows its header block.
+    if (!formatted && text == kStatusNotPresent && !record.repairs.Make(Repair::kHeaderOnly))
+        return kStatusUnsupported;
 
     if (const int32_t status = ReadHeaderStrings(reads, record); status != kStatusOk) return status;
-    if (const int32_t status = ReadFixedProperties(reads, record); status != kStatusOk) return status;
+    if (const int32_t status = ReadFixedProperties(reads, record, repaired ? &properties : nullptr);
+        status != kStatusOk)
+        return status;
 
     // Images go only into a body that is HTML; an RTF body keeps its own pictures.
     if (options.walk_attachments && formatted && !record.document.text().starts_with(kRtfStart)) {

@@ -23,6 +23,8 @@ namespace tarn {
 inline constexpr std::string_view kRtfStart = "{\\rtf";
 inline constexpr std::string_view kMsgRtfCompressedStream = "__substg1.0_10090102";
 inline constexpr std::string_view kMsgBodyStream = "__substg1.0_1000";
+inline constexpr std::string_view kMsgHtmlBinaryStream = "__substg1.0_10130102";
+inline constexpr std::string_view kMsgHtmlStringStream = "__substg1.0_1013";
 inline constexpr std::string_view kMsgSubjectStream = "__substg1.0_0037";
 inline constexpr std::string_view kMsgSenderNameStream = "__substg1.0_0C1A";
 inline constexpr std::string_view kMsgSenderSmtpStream = "__substg1.0_5D01";
@@ -41,6 +43,8 @@ inline constexpr size_t kMsgPropertyEntrySize = 16;
 inline constexpr uint16_t kMsgTypeLong = 0x0003;
 inline constexpr uint16_t kMsgTypeFileTime = 0x0040;
 inline constexpr uint16_t kMsgPropImportance = 0x0017;
+inline constexpr uint16_t kMsgPropMessageCodePage = 0x3FFD;
+inline constexpr uint16_t kMsgPropInternetCodePage = 0x3FDE;
 inline constexpr uint16_t kMsgPropSubmitTime = 0x0039;
 
 // The name of attachment storage `number`: "__attach_version1.0_#" and eight upper-case hex digits.

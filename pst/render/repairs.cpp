@@ -7,9 +7,10 @@
 namespace tarn {
 namespace {
 
-constexpr std::string_view kNames[] = {
-    "text-whole-length", "text-utf8",         "text-body",        "header-only",    "html-header-escape",
-    "walked-counts",     "rtf-header-escape", "rtf-header-place", "rtf-font-table", "html-utf8-meta"};
+constexpr std::string_view kNames[] = {"text-whole-length", "text-utf8",          "text-body",
+                                       "header-only",       "html-header-escape", "walked-counts",
+                                       "rtf-header-escape", "rtf-header-place",   "rtf-font-table",
+                                       "html-utf8-meta",    "msg-html-body",      "msg-code-page"};
 
 }  // namespace
 

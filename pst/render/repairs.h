@@ -24,6 +24,8 @@ enum class Repair : uint32_t {
                         // destination, and a body without "\pard" still gets one
     kRtfFontTable,      // a body without a font table gets a well-formed one for the header's fonts
     kHtmlUtf8Meta,      // an HTML document declares UTF-8 first, where a browser honours it
+    kMsgHtmlBody,       // a message file without a compressed-RTF body shows its HTML body
+    kMsgCodePage,       // a message file's 8-bit strings are converted from its code page
 };
 
 class Repairs {

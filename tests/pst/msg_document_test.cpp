@@ -60,6 +60,15 @@ Produced Produce(const std::vector<CfbNode>& streams, bool plain_text) {
     return out;
 }
 
+// The document without the localised HTML header block, whose rows have tests of their own.
+std::string WithoutHtmlHeader(std::string document) {
+    const size_t start = document.find("<table style = ");
+    const std::string end = "<o:p>&nbsp;</o:p></p>\r\n";
+    if (start != std::string::npos && document.find(end, start) != std::string::npos)
+        document.erase(start, document.find(end, start) + end.size() - start);
+    return document;
+}
+
 TEST(MsgDocument, BodiesBecomeDocuments) {
     struct Case {
         const char* what;
@@ -128,6 +137,84 @@ TEST(MsgDocument, BodiesBecomeDocuments) {
         ASSERT_FALSE(p.behind.empty());
         EXPECT_EQ(p.behind[0], '\0');
         EXPECT_EQ(p.produced_kind, kInputMessageFile);
+    }
+}
+
+// Repaired, an HTML body serves where there is no compressed RTF, a text body or the header block alone
+// where there is neither, and 8-bit strings are read in the message's code page. The contract refuses
+// the first three (-9) and keeps 8-bit bytes as they are.
+TEST(MsgDocument, RepairedBodiesAndStrings) {
+    const std::string utf8_meta = "<meta charset=\"utf-8\">";
+    const std::string mark = "\xEF\xBB\xBF";
+    const CfbNode cyrillic = test::PropertyStream(test::PropertyStreamBytes({{0x0003, 0x3FFD, 1251}}));
+    struct Case {
+        const char* what;
+        std::vector<CfbNode> streams;
+        int32_t contract_status;
+        int32_t format;  // repaired
+        std::string document;
+        std::string repairs;
+        std::string shown = "";  // in the header block
+    };
+    const std::vector<Case> cases = {
+        {"binary HTML",
+         {CfbNode::Stream(u"__substg1.0_10130102", MsgBytes("<p>x</p>"))},
+         -9,
+         kBodyHtml,
+         "<html>" + utf8_meta + "<p>x</p></html>",
+         "html-utf8-meta,msg-html-body"},
+        {"HTML as a string",
+         {UnicodeProperty("1013", u"<p>\u00e9</p>")},
+         -9,
+         kBodyHtml,
+         "<html>" + utf8_meta + "<p>\xC3\xA9</p></html>",
+         "html-utf8-meta,msg-html-body"},
+        {"undeclared 8-bit HTML in the message's code page",
+         {cyrillic, CfbNode::Stream(u"__substg1.0_10130102", MsgBytes("<p>\xCF\xF0</p>"))},
+         -9,
+         kBodyHtml,
+         "<html>" + utf8_meta + "<p>\xD0\x9F\xD1\x80</p></html>",
+         "html-utf8-meta,msg-html-body"},
+        {"a text body alone",
+         {UnicodeProperty("1000", u"t")},
+         -9,
+         kBodyPlainText,
+         mark + "t",
+         "text-whole-length,text-body"},
+        {"no body at all",
+         {UnicodeProperty("0037", u"s")},
+         -9,
+         kBodyPlainText,
+         mark + "Subject:   \ts\r\n\r\n",
+         "text-whole-length,header-only"},
+        {"an 8-bit subject in the message's code page",
+         {cyrillic, EightBitProperty("0037", "\xCF\xF0"), test::StoredRtfBody("<p>x</p>")},
+         1,
+         kBodyHtml,
+         "<html>" + utf8_meta + "<p>x</p></html>",
+         "html-utf8-meta,msg-code-page",
+         "\xD0\x9F\xD1\x80</span>"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(Produce(c.streams, false).status, c.contract_status);
+        krnctlSetRepairs(1);
+        KernelTempFile file(BuildMsg(c.streams).bytes);
+        const std::u16string name = Wide(file.path());
+        FilterDataHolder record(NewFilterData());
+        InputKind kind = kInputMessageFile;
+        int32_t index = 0;
+        int32_t format = kBodyNone;
+        EXPECT_EQ(ProduceDocument(name.c_str(), record.get(), &kind, &index, &format, false, file.handle()),
+                  kStatusOk);
+        krnctlSetRepairs(0);
+        EXPECT_EQ(format, c.format);
+        const std::string document(reinterpret_cast<const char*>(record->document.data()),
+                                   record->document.length());
+        // The header rows of an HTML document are not this test's business.
+        EXPECT_EQ(c.format == kBodyHtml ? WithoutHtmlHeader(document) : document, c.document);
+        EXPECT_EQ(record->repairs.MadeNames(), c.repairs);
+        EXPECT_NE(document.find(c.shown), std::string::npos) << document;
     }
 }
 
