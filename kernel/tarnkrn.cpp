@@ -555,6 +555,12 @@ int32_t krnRepairsQuery(void) {
     return k.repairs;
 }
 
+namespace {
+thread_local std::string repairs_made;
+}  // namespace
+
+void krnNoteRepairs(const char* names) { repairs_made = names != nullptr ? names : ""; }
+
 int32_t krnUtf16ToUtf8(const char16_t* source, int32_t units, char* dest, int32_t capacity) {
     if (source == nullptr || dest == nullptr || units <= 0 || capacity <= 0) return 0;
     int32_t written = 0;
@@ -740,6 +746,15 @@ void krnctlSetRepairs(int32_t repairs) {
     Kernel& k = K();
     std::lock_guard lock(k.mutex);
     k.repairs = repairs != 0 ? 1 : 0;
+}
+
+size_t krnctlRepairsMade(char* out, size_t capacity) {
+    if (out != nullptr && capacity > 0) {
+        const size_t n = std::min(capacity - 1, repairs_made.size());
+        std::memcpy(out, repairs_made.data(), n);
+        out[n] = '\0';
+    }
+    return repairs_made.size();
 }
 
 void krnctlSetAccountCeiling(int64_t bytes) {

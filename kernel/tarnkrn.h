@@ -75,6 +75,9 @@ TARNKRN_API uint16_t krnUiLanguage(void);
 // Whether the host asks for repaired documents (1) rather than the toolkit's contract documents (0,
 // the default). The toolkit's own kernel has no such setting and so always gets the contract's bytes.
 TARNKRN_API int32_t krnRepairsQuery(void);
+// The filter names the repairs it made for the document it is handing over (comma-separated, "" for
+// none), so that a host can say what was changed. Kept per thread until the next call.
+TARNKRN_API void krnNoteRepairs(const char* names);
 // 1124: converts `units` UTF-16 units to UTF-8 in `dest` (capacity in bytes, no terminator added).
 // Returns the bytes written; 0 when the text is empty, does not fit or is not valid UTF-16.
 TARNKRN_API int32_t krnUtf16ToUtf8(const TARNKRN_CHAR16* source, int32_t units, char* dest, int32_t capacity);

@@ -21,6 +21,9 @@ TARNKRN_API void krnctlSetLanguage(uint16_t langid);
 // The answer of krnRepairsQuery: 1 asks for repaired documents, 0 for the contract's. The default is 1
 // when TARNKRN_REPAIRS is "1" as the library loads, else 0.
 TARNKRN_API void krnctlSetRepairs(int32_t repairs);
+// What the filter last noted with krnNoteRepairs on this thread (empty when nothing). Returns the full
+// length and copies at most `capacity`-1 bytes, zero-terminated, into `out` when it is not null.
+TARNKRN_API size_t krnctlRepairsMade(char* out, size_t capacity);
 // The ceiling of krnAccountMemory in bytes; 0 means no ceiling (the default).
 TARNKRN_API void krnctlSetAccountCeiling(int64_t bytes);
 // Bytes currently held by the account.

@@ -80,6 +80,7 @@ void FillCallerInfo(InfoRequest* request, PstFilterData* record, int32_t message
 
 int32_t Info(InfoRequest* request) {
     if (request == nullptr || request->file_info == nullptr) return kStatusBadArgument;
+    krnNoteRepairs("");  // until this call's document is made
 
     InputKind kind = kInputUnsupported;
     if (int32_t status = ProbeSource(request->handle, &kind); status != kStatusOk) return status;
@@ -110,6 +111,7 @@ int32_t Info(InfoRequest* request) {
         const int32_t status = ProduceDocument(request->file_name, record, &kind, &message_index,
                                                &body_format, plain_text, request->handle);
         if (status != kStatusOk) return status;
+        krnNoteRepairs(record->repairs.MadeNames().c_str());
         document_format = ChooseDocumentFormat(body_format, plain_text);
         record->document_format = document_format;
         record->reported_kind = kind;
@@ -162,6 +164,7 @@ int32_t Info(InfoRequest* request) {
 
 int32_t Load(LoadRequest* request) {
     if (request == nullptr) return kStatusBadArgument;
+    krnNoteRepairs("");  // until this call's document is made
 
     void* found = nullptr;
     if (FindSlotData(request->slot, &found) == kStatusOk) {
@@ -185,6 +188,7 @@ int32_t Load(LoadRequest* request) {
     const int32_t status = ProduceDocument(request->file_name, record, &kind, &message_index, &body_format,
                                            plain_text, source.get());
     if (status != kStatusOk) return status;
+    krnNoteRepairs(record->repairs.MadeNames().c_str());
     record->document_format = ChooseDocumentFormat(body_format, plain_text);
     if (record->document_format == kDocumentHtml && record->temp_file_mode != 0) {
         if (const int32_t written = WriteTempHtml(record); written != kStatusOk) {

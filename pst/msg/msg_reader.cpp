@@ -452,7 +452,19 @@ int32_t ReadWholeStream(const cfb::CompoundStorage& storage, std::string_view pa
 
 int32_t ReadStringProperty(const cfb::CompoundStorage& storage, std::string_view name, CountedString& out) {
     MessageReads reads(storage);
-    return ReadString(reads, 0, name, out);
+    // A path names a storage of the root and a stream in it.
+    size_t parent = 0;
+    if (const size_t slash = name.find('/'); slash != std::string_view::npos) {
+        const std::optional<size_t> found =
+            storage.directory().find_child(0, std::string(name.substr(0, slash)));
+        if (!found || !storage.directory().entry(*found).is_directory) {
+            out.Release();
+            return kStatusNotPresent;
+        }
+        parent = *found;
+        name = name.substr(slash + 1);
+    }
+    return ReadString(reads, parent, name, out);
 }
 
 int32_t ReadMsgMessage(MessageDocument& record, const char16_t* file_name, const MsgReadOptions& options) {

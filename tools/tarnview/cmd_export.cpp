@@ -82,7 +82,7 @@ struct Options {
 
 std::optional<Options> Parse(const Args& args) {
     ArgumentSpec spec{"export",
-                      {"--text", "--attachments", "--force", "--resume"},
+                      {"--text", "--attachments", "--force", "--resume", "--compat"},
                       {"-o", "--lang", "--jobs"},
                       {"SOURCE"},
                       {}};
@@ -95,6 +95,7 @@ std::optional<Options> Parse(const Args& args) {
         return std::nullopt;
     }
     if (!ApplyLanguage(*parsed, "export")) return std::nullopt;
+    ApplyProfile(*parsed);
     const std::optional<unsigned> jobs =
         JobCount(*parsed, "export", DefaultJobs(/*calling_thread_waits=*/false));
     if (!jobs) return std::nullopt;
@@ -531,6 +532,7 @@ class StoreExport {
         const tarn::PstFilterData& record = *message.record;
         row.status = composed.status;
         row.text_fallback = composed.text_fallback;
+        if (composed.has_document) row.repairs = record.repairs.MadeNames();
         if (composed.has_document) {
             row.format = composed.format;
             const std::string extension = DocumentExtension(composed.format);
@@ -789,6 +791,8 @@ void ExportSingle(Session& session, const std::string& source, const fs::path& b
         return;
     }
     row.format = format;
+    row.repairs.resize(krnctlRepairsMade(nullptr, 0));
+    krnctlRepairsMade(row.repairs.data(), row.repairs.size() + 1);
     const std::string stem =
         IndexText(1) + "-" + PortableName(fs::path(source).stem().string(), kSubjectNameBytes, "message");
     const fs::path file = base / (stem + DocumentExtension(format));

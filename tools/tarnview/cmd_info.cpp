@@ -43,10 +43,12 @@ struct Options {
 };
 
 std::optional<Options> Parse(const Args& args) {
-    const auto parsed = ParseArguments(args, {"info", {"--json"}, {"--message", "--lang"}, {"FILE"}, {}});
+    const auto parsed =
+        ParseArguments(args, {"info", {"--json", "--compat"}, {"--message", "--lang"}, {"FILE"}, {}});
     if (!parsed) return std::nullopt;
     const auto message = MessageNumber(*parsed, "info");
     if (!message || !ApplyLanguage(*parsed, "info")) return std::nullopt;
+    ApplyProfile(*parsed);
     return Options{parsed->positional[0], *message, parsed->Has("--json")};
 }
 

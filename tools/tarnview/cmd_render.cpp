@@ -31,10 +31,11 @@ struct Options {
 
 std::optional<Options> Parse(const Args& args) {
     const auto parsed =
-        ParseArguments(args, {"render", {"--text"}, {"--message", "-o", "--lang"}, {"FILE"}, {}});
+        ParseArguments(args, {"render", {"--text", "--compat"}, {"--message", "-o", "--lang"}, {"FILE"}, {}});
     if (!parsed) return std::nullopt;
     const auto message = MessageNumber(*parsed, "render");
     if (!message || !ApplyLanguage(*parsed, "render")) return std::nullopt;
+    ApplyProfile(*parsed);
     return Options{parsed->positional[0], *message, parsed->Has("--text"), parsed->Value("-o").value_or("")};
 }
 
@@ -99,6 +100,9 @@ int RunRender(const Args& args) {
     }
     std::printf("%s: format %d, %zu bytes, by %s\n", TerminalText(out).c_str(), format, call->document.size(),
                 tarn::host::LoaderKindName(call->kind));
+    std::string repairs(krnctlRepairsMade(nullptr, 0), '\0');
+    krnctlRepairsMade(repairs.data(), repairs.size() + 1);
+    if (!repairs.empty()) std::printf("repaired: %s\n", repairs.c_str());
     return 0;
 }
 

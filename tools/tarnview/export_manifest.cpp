@@ -233,6 +233,14 @@ std::string Serialize(const Row& row) {
     WriteOptional(json, "sha256", row.sha256);
     json.Field("status", row.status);
     json.Field("exported", row.exported).Field("text_fallback", row.text_fallback);
+    // Every row says which repairs its document needed, so that a reviewer can see what was changed.
+    json.Key("repairs").BeginArray();
+    for (size_t from = 0; from < row.repairs.size();) {
+        const size_t end = std::min(row.repairs.find(',', from), row.repairs.size());
+        json.Value(std::string_view(row.repairs).substr(from, end - from));
+        from = end + 1;
+    }
+    json.EndArray();
     WriteOptional(json, "error", row.error);
     json.Field("filter_reaches", row.filter_reaches);
     json.Field("filter_status", row.filter_status);

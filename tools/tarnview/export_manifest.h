@@ -46,6 +46,7 @@ struct Row {
     std::optional<int32_t> filter_status;  // what the entry points give for this number, when not `status`
     std::string filter_note;
     std::vector<AttachmentRow> attachments;
+    std::string repairs;  // what was mended for the document, comma-separated; empty when nothing
 };
 
 // A file a manifest lists, relative to the output folder.

@@ -27,6 +27,8 @@ bool ApplyLanguage(const ParsedArguments& parsed, const char* command) {
     return true;
 }
 
+void ApplyProfile(const ParsedArguments& parsed) { krnctlSetRepairs(parsed.Has("--compat") ? 0 : 1); }
+
 std::string LanguageHelp() {
     // English names for the rows of the label table; a row without one here shows its LANGID alone.
     struct Name {

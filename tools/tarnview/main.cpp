@@ -19,15 +19,18 @@ struct Command {
 
 const Command kCommands[] = {
     {"info", tarnview::RunInfo,
-     "info FILE [--message N] [--lang LANGID] [--json]   describe a source as the toolkit sees it"},
+     "info FILE [--message N] [--lang LANGID] [--compat] [--json]   describe a source as the toolkit sees "
+     "it"},
     {"dump", tarnview::RunDump, "dump FILE [--json]                 a PST's header and every node"},
     {"render", tarnview::RunRender,
-     "render FILE [--message N] [--text] [--lang LANGID] [-o OUT]   write the document the toolkit's loader "
+     "render FILE [--message N] [--text] [--lang LANGID] [--compat] [-o OUT]   write the document the "
+     "toolkit's loader "
      "receives"},
     {"list", tarnview::RunList,
      "list FILE [--json] [--jobs N]      a PST's messages in the filter's order, read on N threads"},
     {"export", tarnview::RunExport,
-     "export SOURCE... -o DIR [--text] [--lang LANGID] [--attachments] [--force] [--jobs N]   every "
+     "export SOURCE... -o DIR [--text] [--lang LANGID] [--compat] [--attachments] [--force] [--resume]\n"
+     "    [--jobs N]   every "
      "message as a document file, with manifest.jsonl"},
     {"parts", tarnview::RunParts,
      "parts FILE [--json]                an Internet message's MIME parts and what became of each"},
@@ -41,6 +44,10 @@ void PrintHelp(FILE* out) {
                  "\n--lang LANGID sets the kernel's user-interface language for the call (default: the\n"
                  "TARNKRN_LANGUAGE environment variable, else 0x0409); the header block has labels in:\n%s",
                  tarnview::LanguageHelp().c_str());
+    std::fprintf(
+        out,
+        "\ninfo, render and export repair documents for real files (see the README); --compat gives\n"
+        "the toolkit's contract documents byte for byte instead.\n");
     std::fprintf(out, "\n'tarnview COMMAND --help' for one command.\n");
 }
 
