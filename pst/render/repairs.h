@@ -20,6 +20,17 @@ enum class Repair : uint32_t {
     kHtmlHeaderEscape,  // header values are escaped as HTML text in an HTML document
     kWalkedCounts,      // a store's folders without a content count are counted by their rows
     kRtfHeaderEscape,   // RTF header text in a code page escapes the bytes RTF reads as structure
+    // Internet messages:
+    kLfLineEnds,          // delimiters, soft line breaks and empty lines are found after LF alone too
+    kEncodedWordSpace,    // white space between adjacent encoded words is dropped
+    kEncodedWordCase,     // an encoded word's "b" or "q" names its encoding in either case
+    kRawHeaderCharset,    // a text part's set reads only a header's raw 8-bit bytes, not decoded text
+    kCharsetNames,        // sets beyond the table are converted by their names and aliases
+    kAttachedText,        // a text part marked as an attachment is not the body
+    kSubjectOnlyHeader,   // a header block of Subject, Bcc or Importance alone is shown
+    kCidWithoutLocation,  // an image without a location is inlined where "cid:" refers to it
+    kEnclosedMessage,     // an enclosed message is shown after the body, with its own header block
+    kHtmlAsText,          // with the plain-text flag, an HTML body gives its text
 };
 
 class Repairs {
