@@ -10,10 +10,17 @@ namespace {
 
 // The body the document is made of, with the English header block in it.
 int32_t ComposeMimeBody(MessageDocument& message, int32_t* body_format, bool plain_text) {
-    if (*body_format == kBodyNone && message.repairs.Make(Repair::kHeaderOnly)) {
-        // A message of attachments alone still shows who sent it, and what about.
+    if (*body_format == kBodyNone && message.repairs.wanted()) {
+        // A message of attachments alone still shows who sent it, and what about; one without a header
+        // field either has nothing to show.
         *body_format = kBodyPlainText;
-    } else if (plain_text && *body_format == kBodyHtml && message.repairs.Make(Repair::kHtmlAsText)) {
+        const int32_t status = BuildEnglishHeader(message, *body_format);
+        if (status != kStatusOk) return status;
+        if (message.text_body.TextLength() == 0) return kStatusUnsupported;
+        message.repairs.Make(Repair::kHeaderOnly);
+        return kStatusOk;
+    }
+    if (plain_text && *body_format == kBodyHtml && message.repairs.Make(Repair::kHtmlAsText)) {
         // A text document is read as text: the page's words, not its markup.
         GrowBuffer text;
         int32_t status = text.Init(message.document.TextLength() / 2, message.document.TextLength() / 8 + 1);

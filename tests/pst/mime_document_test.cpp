@@ -84,6 +84,9 @@ TEST(MimeDocument, TheLoaderGetsTheBodyWithTheEnglishBlock) {
         {"multipart of LF line ends",
          WriteMessage(envelope, Multipart("alternative", "b", {Leaf("text/plain", "t")}), "\n"), 1,
          kStatusUnsupported, 0, ""},
+        // Neither a body nor a header field: nothing to show, in either profile.
+        {"nothing at all", WriteMessage({"X-Note: n"}, Leaf("application/pdf", "%PDF")), 1,
+         kStatusUnsupported, 0, "", true},
         {"multipart of LF line ends",
          WriteMessage(envelope, Multipart("alternative", "b", {Leaf("text/plain", "t")}), "\n"), 1, kStatusOk,
          316, repaired_block + "t", true},
