@@ -14,7 +14,10 @@ namespace tarn {
 // noise and moves the body into record->document (nothing is copied), setting *body_format. The
 // reader's failure status as it is; -9 for a message without a body; the header block's status when
 // it cannot be added. `files`, when not null, takes the images instead of data URIs.
-int32_t ProduceMimeDocument(krn_handle handle, PstFilterData* record, int32_t* body_format,
+//
+// With the record's repairs wanted, a message without a body gives its header block alone as text,
+// and with `plain_text` an HTML body gives its text (the header block then in text).
+int32_t ProduceMimeDocument(krn_handle handle, PstFilterData* record, int32_t* body_format, bool plain_text,
                             ImageFileWriter* files);
 
 }  // namespace tarn

@@ -33,7 +33,7 @@ int32_t ProduceDocument(const char16_t* file_name, PstFilterData* record, InputK
             {
                 // A document handed over as a file takes its images as files beside it.
                 RecordImageFiles files(record);
-                return ProduceMimeDocument(handle, record, body_format,
+                return ProduceMimeDocument(handle, record, body_format, plain_text,
                                            record->temp_file_mode != 0 ? &files : nullptr);
             }
         default:

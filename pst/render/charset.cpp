@@ -1,5 +1,7 @@
 #include "pst/render/charset.h"
 
+#include <unicode/ucnv.h>
+
 #include <algorithm>
 #include <climits>
 #include <cstdio>
@@ -15,6 +17,8 @@ namespace tarn {
 namespace {
 
 constexpr std::string_view kUtf8Name = "UTF-8";
+// Longer names are no set's: ICU's longest alias is far shorter.
+constexpr size_t kMaxSetName = 64;
 constexpr size_t kGrowthStep = 1024;
 // A UTF-16 unit becomes at most three UTF-8 bytes (a pair of surrogates, two units, becomes four).
 constexpr size_t kUtf8BytesPerUnit = 3;
@@ -166,6 +170,70 @@ int32_t ConvertToUtf8(CountedString* body, CharsetCode* charset, bool rewrite_de
         default:
             return kStatusOk;
     }
+}
+
+int32_t AppendNamedSetAsUtf8(std::string_view bytes, std::string_view name, GrowBuffer* out) {
+    if (out == nullptr) return kStatusBadArgument;
+    if (bytes.empty()) return kStatusOk;
+    if (name.empty() || name.size() > kMaxSetName || name.find('\0') != std::string_view::npos)
+        return kStatusConversionFailed;
+    if (bytes.size() > static_cast<size_t>(INT32_MAX)) return kStatusFailure;
+    const CharsetCode charset = CharsetFromName(name);
+    switch (charset.code) {
+        case kCharsetUtf8:
+        case kCharsetUsAscii:
+            return out->Append(bytes);
+        case kCharsetLatin1:
+        case kCharsetWindows:
+        case kCharsetGb2312:
+        case kCharsetBig5:
+            if (const int32_t status = AppendConverted(bytes, ConvertingCodePage(charset), *out);
+                status != kStatusConversionFailed)
+                return status;
+            break;
+        default:
+            break;
+    }
+    const std::string from(name);
+    const auto length = static_cast<int32_t>(bytes.size());
+    // The first call measures; the second converts into room of exactly that size.
+    UErrorCode error = U_ZERO_ERROR;
+    const int32_t needed = ucnv_convert("UTF-8", from.c_str(), nullptr, 0, bytes.data(), length, &error);
+    if (error != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(error)) return kStatusConversionFailed;
+    if (needed <= 0) return kStatusOk;
+    const size_t start = out->length();
+    if (!out->Reserve(start + static_cast<size_t>(needed) + 1)) return out->status();
+    error = U_ZERO_ERROR;
+    const int32_t written = ucnv_convert("UTF-8", from.c_str(), reinterpret_cast<char*>(out->data() + start),
+                                         needed + 1, bytes.data(), length, &error);
+    if (U_FAILURE(error) || written != needed) return kStatusConversionFailed;
+    out->Extend(static_cast<size_t>(written));
+    return kStatusOk;
+}
+
+int32_t ConvertNamedSetToUtf8(CountedString* body, std::string_view name, bool html) {
+    if (body == nullptr || body->data() == nullptr || body->size() == 0) return kStatusNullPointer;
+    const bool terminated = body->size() != body->TextLength();
+    GrowBuffer out;
+    int32_t status = out.Init(body->TextLength() + 1, kGrowthStep);
+    if (status == kStatusOk) status = AppendNamedSetAsUtf8(body->text(), name, &out);
+    if (status != kStatusOk) return status;
+    if (html) {
+        // The declaration comes first; the name is compared where a "charset=" names it.
+        const std::string_view text = out.view();
+        const size_t declared = FindIgnoringCase(text, "charset=");
+        size_t at = declared == std::string_view::npos ? declared : declared + 8;
+        if (at != std::string_view::npos && at < text.size() && (text[at] == '"' || text[at] == '\'')) ++at;
+        if (at != std::string_view::npos && StartsIgnoringCase(text.substr(at), name)) {
+            std::string rewritten(text.substr(0, at));
+            rewritten.append(kUtf8Name).append(text.substr(at + name.size()));
+            status = out.Assign(rewritten.data(), rewritten.size());
+        }
+    }
+    if (status == kStatusOk && terminated) status = out.AppendByte(0);
+    if (status != kStatusOk) return status;
+    out.MoveInto(*body);
+    return kStatusOk;
 }
 
 int32_t EnsureUtf8Meta(CountedString* html) {

@@ -59,6 +59,20 @@ int32_t FindCharsetDeclaration(std::string_view text, CharsetCode* out);
 // -1 ends their work. The body is unchanged unless the result is 1.
 int32_t ConvertToUtf8(CountedString* body, CharsetCode* charset, bool rewrite_declaration);
 
+// Appends `bytes`, read in the set that `name` names, to `*out` as UTF-8: UTF-8 and US-ASCII as they
+// are, the windows-N, ISO-8859-1, GB2312 and Big5 of the table through their code pages (ISO-8859-1 as
+// Windows-1252), and any other set, or a windows-N without a converter (windows-31j), through ICU's
+// converter of that name or one of its aliases (Shift_JIS, GB18030, UTF-7, KOI8-R, x-mac-cyrillic,
+// ks_c_5601-1987, ISO-2022-JP and the like). A byte sequence that begins no character becomes U+FFFD.
+// 1; -1851 for a name no converter knows; -13 for a null output; -1 when memory runs out.
+int32_t AppendNamedSetAsUtf8(std::string_view bytes, std::string_view name, GrowBuffer* out);
+
+// Converts `*body` from the set that `name` names to UTF-8 in place, as AppendNamedSetAsUtf8 does; for
+// sets that the table above does not convert. In an HTML body the first "charset=" that declares
+// `name` then declares "UTF-8". A terminating NUL stays. Statuses as AppendNamedSetAsUtf8, and -814
+// for a null or empty body; the body is unchanged unless the result is 1.
+int32_t ConvertNamedSetToUtf8(CountedString* body, std::string_view name, bool html);
+
 // The declaration EnsureUtf8Meta inserts (65 bytes).
 constexpr std::string_view kUtf8MetaTag =
     "<meta http-equiv=Content-Type content=\"text/html; charset=utf-8\">";

@@ -590,25 +590,35 @@ int32_t BuildLocalizedHeader(MessageDocument& record, int32_t body_format) {
     }
 }
 
-int32_t BuildEnglishHeader(MessageDocument& record, int32_t body_format) {
-    if (body_format < kBodyHtml || body_format > kBodyPlainText) return kStatusOk;
+int32_t AppendEnglishHeaderBlock(MessageDocument& record, int32_t body_format, GrowBuffer& out) {
+    if (body_format < kBodyHtml || body_format > kBodyPlainText) return kStatusFormatFailure;
     if (IsEmpty(record.header[kSlotFrom]) && IsEmpty(record.header[kSlotTo]) &&
-        IsEmpty(record.header[kSlotSent]) && IsEmpty(record.header[kSlotCc]))
-        return kStatusOk;
-    GrowBuffer header;
-    if (const int32_t status = header.Init(0, kHtmlHeaderGrowth); status != kStatusOk) return status;
+        IsEmpty(record.header[kSlotSent]) && IsEmpty(record.header[kSlotCc])) {
+        // The contract's pages show no block without one of these four; a repaired one shows the rest.
+        const bool rest = !IsEmpty(record.header[kSlotSubject]) || !IsEmpty(record.header[kSlotBcc]) ||
+                          !IsEmpty(record.header[kSlotImportance]);
+        if (!rest || !record.repairs.Make(Repair::kSubjectOnlyHeader)) return kStatusOk;
+    }
     if (body_format == kBodyHtml) {
-        if (const int32_t status = header.Append(kTableOpening); status != kStatusOk) return status;
+        if (const int32_t status = out.Append(kTableOpening); status != kStatusOk) return status;
     }
     // The English block has its own order, Sent before Cc; pages of Internet mail have always read so.
     for (const HeaderField field :
          {kFieldFrom, kFieldTo, kFieldSent, kFieldCc, kFieldBcc, kFieldSubject, kFieldImportance}) {
-        const int32_t status = WriteEnglishHeaderRow(header, record.header[kSlotOfField[field]], body_format,
+        const int32_t status = WriteEnglishHeaderRow(out, record.header[kSlotOfField[field]], body_format,
                                                      field, record.repairs);
         if (status != kStatusOk) return status;
     }
-    if (const int32_t status = header.Append(kEnglishBlockEnds[body_format]); status != kStatusOk)
+    return out.Append(kEnglishBlockEnds[body_format]);
+}
+
+int32_t BuildEnglishHeader(MessageDocument& record, int32_t body_format) {
+    if (body_format < kBodyHtml || body_format > kBodyPlainText) return kStatusOk;
+    GrowBuffer header;
+    if (const int32_t status = header.Init(0, kHtmlHeaderGrowth); status != kStatusOk) return status;
+    if (const int32_t status = AppendEnglishHeaderBlock(record, body_format, header); status != kStatusOk)
         return status;
+    if (header.length() == 0) return kStatusOk;
     switch (body_format) {
         case kBodyHtml:
             return MergeEnglishHtml(record.document, header.view());

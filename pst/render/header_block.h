@@ -24,8 +24,13 @@ int32_t BuildLocalizedHeader(MessageDocument& record, int32_t body_format);
 // The English block, for a record whose From, To, Sent or Cc is not empty (Subject, Bcc and Importance
 // alone make no block). An HTML body is wrapped in "<html>" and "</html>" unless it begins with its own
 // html element; a text body gets the block in front, or behind its first three bytes when those look
-// like a UTF-7 signature. Statuses as BuildLocalizedHeader.
+// like a UTF-7 signature. Statuses as BuildLocalizedHeader. With repairs wanted, Subject, Bcc or
+// Importance alone make a block too.
 int32_t BuildEnglishHeader(MessageDocument& record, int32_t body_format);
+
+// The English block of `record` alone, appended to `out` in the format (the HTML table and the block's
+// end included); nothing when the record has none. 1; -74 for format 3; -1 when memory runs out.
+int32_t AppendEnglishHeaderBlock(MessageDocument& record, int32_t body_format, GrowBuffer& out);
 
 }  // namespace tarn
 

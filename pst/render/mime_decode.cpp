@@ -23,30 +23,66 @@ constexpr std::array<int8_t, 256> kBase64Values = [] {
 // Fewer letters than this (after the bytes outside the alphabet are dropped) decode to nothing.
 constexpr size_t kBase64MinimumLetters = 5;
 
-// Converts a decoded word's bytes to UTF-8 where its set is converted; the others are kept as they are.
-int32_t AppendWordText(GrowBuffer& decoded, CharsetCode charset, GrowBuffer& out) {
-    if (decoded.length() == 0) return kStatusOk;
+bool HasEightBit(std::string_view text) {
+    return std::any_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) >= 0x80; });
+}
+
+// Whether the contract converts a word's or a field's bytes from this set.
+bool TableConverts(const CharsetCode& charset) {
     switch (charset.code) {
         case kCharsetIso2022Jp:
         case kCharsetLatin1:
         case kCharsetWindows:
         case kCharsetGb2312:
         case kCharsetBig5:
-            break;
+            return true;
         default:
-            return out.Append(decoded.data(), decoded.length());
+            return false;
+    }
+}
+
+// Appends `bytes` converted by the name of their set; false when no converter knows it (nothing appended).
+bool AppendByName(std::string_view bytes, std::string_view name, GrowBuffer& out, int32_t* status) {
+    const size_t before = out.length();
+    *status = AppendNamedSetAsUtf8(bytes, name, &out);
+    if (*status != kStatusConversionFailed) return true;
+    out.Truncate(before);
+    *status = kStatusOk;
+    return false;
+}
+
+// Converts a decoded word's bytes to UTF-8 where its set is converted; the others are kept as they are,
+// unless repairs are wanted, which convert a set beyond the table, or a code page without a converter
+// (windows-31j), by the set's name.
+int32_t AppendWordText(GrowBuffer& decoded, std::string_view name, GrowBuffer& out, Repairs* repairs) {
+    if (decoded.length() == 0) return kStatusOk;
+    CharsetCode charset = CharsetFromName(name);
+    const bool repaired = repairs != nullptr && repairs->wanted();
+    int32_t status = kStatusOk;
+    if (!TableConverts(charset)) {
+        if (repaired && charset.code == kCharsetOther && AppendByName(decoded.view(), name, out, &status)) {
+            if (status == kStatusOk) repairs->Make(Repair::kCharsetNames);
+            return status;
+        }
+        return out.Append(decoded.data(), decoded.length());
     }
     CountedString text;
     decoded.MoveInto(text);
-    const int32_t status = ConvertToUtf8(&text, &charset, true);
+    status = ConvertToUtf8(&text, &charset, true);
     // Memory running out ends the read; a set that cannot be converted leaves the text as it decoded.
     if (status == kStatusFailure) return status;
+    if (status == kStatusConversionFailed && repaired && AppendByName(text.text(), name, out, &status)) {
+        if (status == kStatusOk) repairs->Make(Repair::kCharsetNames);
+        return status;
+    }
     return out.Append(text.data(), text.TextLength());
 }
 
 }  // namespace
 
-int32_t DecodeQuotedPrintable(std::string_view in, GrowBuffer* out, bool underscore_is_space) {
+int32_t DecodeQuotedPrintable(std::string_view in, GrowBuffer* out, bool underscore_is_space,
+                              Repairs* repairs) {
     if (out == nullptr) return kStatusNullPointer;
     // Never longer than its input.
     if (!out->Reserve(out->length() + in.size())) return out->status();
@@ -60,7 +96,20 @@ int32_t DecodeQuotedPrintable(std::string_view in, GrowBuffer* out, bool undersc
             run = i + 1;
             continue;
         }
-        if (c != '=' || in.size() - i < 3) continue;
+        if (c != '=') continue;
+        if (repairs != nullptr && repairs->wanted()) {
+            // Mail saved on Unix systems ends its lines in LF alone.
+            size_t end = i + 1;
+            if (end < in.size() && in[end] == '\r') ++end;
+            if (end < in.size() && in[end] == '\n' && in.substr(i + 1, end - i) != "\r\n") {
+                if (const int32_t status = flush(i); status != kStatusOk) return status;
+                repairs->Make(Repair::kLfLineEnds);
+                i = end;
+                run = i + 1;
+                continue;
+            }
+        }
+        if (in.size() - i < 3) continue;
         if (in[i + 1] == '\r' && in[i + 2] == '\n') {
             if (const int32_t status = flush(i); status != kStatusOk) return status;
             i += 2;
@@ -133,9 +182,22 @@ bool FindHeaderField(std::string_view block, std::string_view name, std::string*
     return false;
 }
 
-int32_t DecodeEncodedWords(std::string_view value, GrowBuffer* out) {
+int32_t DecodeEncodedWords(std::string_view value, GrowBuffer* out, Repairs* repairs,
+                           std::string_view raw_set) {
     if (out == nullptr) return kStatusNullPointer;
+    const bool repaired = repairs != nullptr && repairs->wanted();
+    const bool raw_converted = repaired && !raw_set.empty();
+    // Text between words, and the rest behind the last one; raw 8-bit bytes in it are read in `raw_set`.
+    auto append_text = [&](std::string_view text) {
+        if (!raw_converted || !HasEightBit(text)) return out->Append(text);
+        int32_t status = kStatusOk;
+        if (!AppendByName(text, raw_set, *out, &status)) return out->Append(text);
+        if (status == kStatusOk && CharsetFromName(raw_set).code == kCharsetOther)
+            repairs->Make(Repair::kCharsetNames);
+        return status;
+    };
     size_t at = 0;
+    bool after_word = false;  // `at` is right behind a decoded word
     while (at < value.size()) {
         const size_t open = value.find("=?", at);
         if (open == std::string_view::npos) break;
@@ -143,33 +205,50 @@ int32_t DecodeEncodedWords(std::string_view value, GrowBuffer* out) {
         const size_t charset_end = value.find('?', open + 2);
         const bool shaped = charset_end != std::string_view::npos && charset_end + 2 < value.size() &&
                             value[charset_end + 2] == '?';
-        const char letter = shaped ? value[charset_end + 1] : '\0';
+        char letter = shaped ? value[charset_end + 1] : '\0';
+        const bool lower = repaired && (letter == 'b' || letter == 'q');
+        if (lower) letter = static_cast<char>(letter - 'a' + 'A');
         if (letter != 'B' && letter != 'Q') {
             // Not a word this reader decodes: the "=?" is text, and the search goes on behind it.
-            if (const int32_t status = out->Append(value.substr(at, open + 2 - at)); status != kStatusOk)
+            if (const int32_t status = append_text(value.substr(at, open + 2 - at)); status != kStatusOk)
                 return status;
             at = open + 2;
+            after_word = false;
             continue;
         }
         const size_t close = value.find("?=", charset_end + 3);
         // No "?=" behind this word means none behind any later one either: the rest is text. Searching
         // again from every later "=?" would make a long unclosed value cost its length squared.
         if (close == std::string_view::npos) break;
-        if (const int32_t status = out->Append(value.substr(at, open - at)); status != kStatusOk)
+        const std::string_view between = value.substr(at, open - at);
+        if (repaired && after_word && !between.empty() &&
+            between.find_first_not_of(" \t\r\n") == std::string_view::npos) {
+            // Adjacent words are one text: the white space between them only folds the line.
+            repairs->Make(Repair::kEncodedWordSpace);
+        } else if (const int32_t status = append_text(between); status != kStatusOk) {
             return status;
+        }
+        if (lower) repairs->Make(Repair::kEncodedWordCase);
         const std::string_view text = value.substr(charset_end + 3, close - charset_end - 3);
+        std::string_view name = value.substr(open + 2, charset_end - open - 2);
+        // A language behind "*" (charset*language) is no part of the set's name.
+        if (repaired) name = name.substr(0, name.find('*'));
         GrowBuffer decoded;
         int32_t status = decoded.Init(0, 0);
         if (status == kStatusOk)
             status =
                 letter == 'B' ? DecodeBase64(text, &decoded) : DecodeQuotedPrintable(text, &decoded, true);
-        if (status == kStatusOk)
-            status = AppendWordText(decoded, CharsetFromName(value.substr(open + 2, charset_end - open - 2)),
-                                    *out);
+        const size_t before = out->length();
+        if (status == kStatusOk) status = AppendWordText(decoded, name, *out, repairs);
         if (status != kStatusOk) return status;
+        // The contract reads a decoded field once more in a text part's set; the repaired reading does not.
+        if (raw_converted && TableConverts(CharsetFromName(raw_set)) &&
+            HasEightBit(out->view().substr(before)))
+            repairs->Make(Repair::kRawHeaderCharset);
         at = close + 2;
+        after_word = true;
     }
-    return out->Append(value.substr(std::min(at, value.size())));
+    return append_text(value.substr(std::min(at, value.size())));
 }
 
 }  // namespace tarn

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "pst/render/repairs.h"
 #include "pst/render/text_buffer.h"
 
 namespace tarn {
@@ -17,8 +18,10 @@ inline constexpr std::string_view kBase64Alphabet =
 // Appends the quoted-printable text `in`, decoded, to `*out`: "=" and CR LF is a soft line break and
 // is dropped; "=" and two hex digits (either case) is that byte; any other "=" is copied as it is, and
 // so is every other byte, except that with `underscore_is_space` "_" becomes a space. A soft break of a
-// bare LF is not one: the "=" stays. 1; -814 for a null output; the buffer's status when it cannot grow.
-int32_t DecodeQuotedPrintable(std::string_view in, GrowBuffer* out, bool underscore_is_space);
+// bare LF is not one: the "=" stays. With `repairs` wanted, "=", any spaces and tabs, and LF or CR LF
+// are a soft break too. 1; -814 for a null output; the buffer's status when it cannot grow.
+int32_t DecodeQuotedPrintable(std::string_view in, GrowBuffer* out, bool underscore_is_space,
+                              Repairs* repairs = nullptr);
 
 // Appends the base64 text `in`, decoded, to `*out`. Bytes outside the alphabet and "=" are dropped
 // first; fewer than 5 remaining bytes decode to nothing (so a lone group such as "QQ==" gives nothing:
@@ -40,8 +43,16 @@ bool FindHeaderField(std::string_view block, std::string_view name, std::string*
 // decode. The encoding letter must be an upper-case "B" or "Q": a word with a lower-case letter, or one
 // that never closes, is copied as it stands. Text between encoded words, white space included, is
 // copied. A word whose text the code page cannot convert keeps its decoded bytes: one bad word does
-// not cost the message its header. 1; -814 for a null output; -1 when memory runs out.
-int32_t DecodeEncodedWords(std::string_view value, GrowBuffer* out);
+// not cost the message its header.
+//
+// With `repairs` wanted, as the encoded-word standard reads them: the letter may be either case, white
+// space between two adjacent words is dropped, a word in a set beyond those above (or without a code
+// page converter) is converted by the set's name (AppendNamedSetAsUtf8), and raw 8-bit bytes outside
+// words are read in the set `raw_set` names, when not empty; the decoded words never are.
+//
+// 1; -814 for a null output; -1 when memory runs out.
+int32_t DecodeEncodedWords(std::string_view value, GrowBuffer* out, Repairs* repairs = nullptr,
+                           std::string_view raw_set = {});
 
 }  // namespace tarn
 

@@ -26,6 +26,17 @@ enum class Repair : uint32_t {
     kHtmlUtf8Meta,      // an HTML document declares UTF-8 first, where a browser honours it
     kMsgHtmlBody,       // a message file without a compressed-RTF body shows its HTML body
     kMsgCodePage,       // a message file's 8-bit strings are converted from its code page
+    // Internet messages:
+    kLfLineEnds,          // delimiters, soft line breaks and empty lines are found after LF alone too
+    kEncodedWordSpace,    // white space between adjacent encoded words is dropped
+    kEncodedWordCase,     // an encoded word's "b" or "q" names its encoding in either case
+    kRawHeaderCharset,    // a text part's set reads only a header's raw 8-bit bytes, not decoded text
+    kCharsetNames,        // sets beyond the table are converted by their names and aliases
+    kAttachedText,        // a text part marked as an attachment is not the body
+    kSubjectOnlyHeader,   // a header block of Subject, Bcc or Importance alone is shown
+    kCidWithoutLocation,  // an image without a location is inlined where "cid:" refers to it
+    kEnclosedMessage,     // an enclosed message is shown after the body, with its own header block
+    kHtmlAsText,          // with the plain-text flag, an HTML body gives its text
 };
 
 class Repairs {

@@ -1,6 +1,7 @@
 // An Internet message from arbitrary bytes through the document step of kind 387: the MIME reader, the
-// English header block and the record's document, then the reader once more with the part listing
-// that tarnview parts prints. Whatever the bytes, every path ends in a status and leaves nothing in the
+// English header block and the record's document, in the contract's profile and, with the plain-text
+// flag, in the repaired one; then the repaired reader once more with the part listing that tarnview
+// parts prints. Whatever the bytes, every path ends in a status and leaves nothing in the
 // kernel.
 #include <cstddef>
 #include <cstdint>
@@ -20,7 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const tarn::fuzz::ScratchInput input("eml");
     if (!input.Write(data, size)) return 0;
     const std::u16string path = input.wide_path();
-    {
+    for (const bool repaired : {false, true}) {
+        krnctlSetRepairs(repaired ? 1 : 0);
         tarn::KernelFileHandle handle(krnOpenFile(path.c_str(), 0, tarn::kOpenShareMode));
         tarn::FilterDataHolder record(tarn::NewFilterData());
         if (handle.valid() && record != nullptr) {
@@ -28,12 +30,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             tarn::InputKind kind = tarn::kInputMimeText;
             int32_t message_index = 5;
             int32_t body_format = tarn::kBodyNone;
-            tarn::ProduceDocument(path.c_str(), record.get(), &kind, &message_index, &body_format, false,
+            tarn::ProduceDocument(path.c_str(), record.get(), &kind, &message_index, &body_format, repaired,
                                   handle.get());
         }
     }
+    krnctlSetRepairs(0);
     {
         tarn::MessageDocument record;
+        record.repairs = tarn::Repairs(true);
         std::vector<tarn::MimePartReport> parts;
         tarn::MimeReadOptions options;
         options.parts = &parts;

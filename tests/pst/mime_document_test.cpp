@@ -35,6 +35,7 @@ std::string Row(const std::string& label, const std::string& value) {
     return kRowStart + label + kJoint + value + "</span></td></tr>\r\n";
 }
 
+// Each case in the contract's profile and, where `repaired` is set, in the repaired one.
 TEST(MimeDocument, TheLoaderGetsTheBodyWithTheEnglishBlock) {
     ScratchDir dir;
     const std::vector<std::string> envelope = {
@@ -49,6 +50,11 @@ TEST(MimeDocument, TheLoaderGetsTheBodyWithTheEnglishBlock) {
         "From:   \tJörg <j@example.org>\r\nTo:     \tAnn <a@example.org>\r\n"
         "Sent:   \tMon, 23 Nov 2026 09:00:00 +0000\r\nSubject:\tGrüße Grüße\r\nImportance: high\r\n\r\n";
 
+    // Repaired, the space between the subject's two encoded words goes.
+    std::string repaired_block = text_block;
+    repaired_block.erase(repaired_block.find("e Gr") + 1, 1);
+    const std::string html_only =
+        WriteMessage(envelope, Leaf("text/html", "<html><body><h1>T&eacute;l</h1>a<br>b</body></html>"));
     struct Case {
         const char* name;
         std::string message;
@@ -56,6 +62,8 @@ TEST(MimeDocument, TheLoaderGetsTheBodyWithTheEnglishBlock) {
         int32_t status;
         int32_t format;
         std::string document;
+        bool repaired = false;
+        bool plain_text = false;
     } cases[] = {
         {"HTML with body tag",
          WriteMessage(envelope,
@@ -68,17 +76,34 @@ TEST(MimeDocument, TheLoaderGetsTheBodyWithTheEnglishBlock) {
         // Subject alone makes no block, and then nothing wraps the fragment either.
         {"subject only", WriteMessage({"Subject: s"}, Leaf("text/html", "<p>hi</p>")), 1, kStatusOk, 369,
          "<p>hi</p>"},
+        {"subject only", WriteMessage({"Subject: s"}, Leaf("text/html", "<p>hi</p>")), 1, kStatusOk, 369,
+         "<html>" + kTable + Row("Subject:", "s") + kBlockEnd + "<p>hi</p></html>", true},
         {"no body", WriteMessage(envelope, Leaf("application/pdf", "%PDF")), 1, kStatusUnsupported, 0, ""},
+        {"no body", WriteMessage(envelope, Leaf("application/pdf", "%PDF")), 1, kStatusOk, 316,
+         repaired_block, true},
         {"multipart of LF line ends",
          WriteMessage(envelope, Multipart("alternative", "b", {Leaf("text/plain", "t")}), "\n"), 1,
          kStatusUnsupported, 0, ""},
+        // Neither a body nor a header field: nothing to show, in either profile.
+        {"nothing at all", WriteMessage({"X-Note: n"}, Leaf("application/pdf", "%PDF")), 1,
+         kStatusUnsupported, 0, "", true},
+        {"multipart of LF line ends",
+         WriteMessage(envelope, Multipart("alternative", "b", {Leaf("text/plain", "t")}), "\n"), 1, kStatusOk,
+         316, repaired_block + "t", true},
+        // The contract hands the HTML source to the text loader; repaired, the text goes.
+        {"HTML as text", html_only, 1, kStatusOk, 316,
+         "<html><body>" + html_block + "<h1>T&eacute;l</h1>a<br>b</body></html>", false, true},
+        {"HTML as text", html_only, 1, kStatusOk, 316, repaired_block + "T\xC3\xA9l\r\n\r\na\r\nb", true,
+         true},
         {"body tag never closes", WriteMessage(envelope, Leaf("text/html", "<body class=x")), 1,
          kStatusUnsupported, 0, ""},
     };
     int n = 0;
     for (const Case& c : cases) {
         const auto path = Wide(dir.Write("m" + std::to_string(n++) + ".eml", c.message));
-        const Loaded loaded = LoadMessage(path, c.message_number);
+        krnctlSetRepairs(c.repaired ? 1 : 0);
+        const Loaded loaded = LoadMessage(path, c.message_number, c.plain_text);
+        krnctlReset();
         EXPECT_EQ(loaded.status, c.status) << c.name << loaded.error;
         EXPECT_EQ(loaded.format, c.format) << c.name;
         EXPECT_EQ(loaded.document, c.document) << c.name;

@@ -104,6 +104,7 @@ int RunParts(const Args& args) {
         return 1;
     }
     tarn::MessageDocument record;
+    record.repairs = tarn::Repairs::Requested();  // the parts as the documents read them
     std::vector<tarn::MimePartReport> parts;
     tarn::MimeReadOptions read_options;
     read_options.parts = &parts;

@@ -20,13 +20,15 @@ TEST(DecodeQuotedPrintable, Table) {
         std::string in;
         bool underscore;
         std::string out;
+        const char* repaired = nullptr;  // when repairs are wanted, if not `out`
     } cases[] = {
         {"plain", "hello", false, "hello"},
         {"escape upper", "a=3Db", false, "a=b"},
         {"escape lower", "caf=c3=a9", false, "caf\xC3\xA9"},
         {"soft break", "soft=\r\nbreak", false, "softbreak"},
-        // A bare LF after "=" is no soft break: the "=" stays and the line break with it.
-        {"bare LF is no soft break", "soft=\nbreak", false, "soft=\nbreak"},
+        // A bare LF after "=" is no soft break: the "=" stays and the line break with it. Repaired, it is.
+        {"bare LF is no soft break", "soft=\nbreak", false, "soft=\nbreak", "softbreak"},
+        {"CR alone", "a=\rb", false, "a=\rb"},
         {"both digits invalid", "=zz", false, "=zz"},
         {"one digit invalid", "=4G", false, "=4G"},
         {"equals at end", "end=", false, "end="},
@@ -37,10 +39,13 @@ TEST(DecodeQuotedPrintable, Table) {
         {"empty", "", false, ""},
     };
     for (const Case& c : cases) {
-        GrowBuffer out;
-        ASSERT_EQ(out.Init(0, 0), kStatusOk);
-        EXPECT_EQ(DecodeQuotedPrintable(c.in, &out, c.underscore), kStatusOk) << c.name;
-        EXPECT_EQ(Bytes(out), c.out) << c.name;
+        for (const bool wanted : {false, true}) {
+            GrowBuffer out;
+            ASSERT_EQ(out.Init(0, 0), kStatusOk);
+            Repairs repairs(wanted);
+            EXPECT_EQ(DecodeQuotedPrintable(c.in, &out, c.underscore, &repairs), kStatusOk) << c.name;
+            EXPECT_EQ(Bytes(out), wanted && c.repaired ? c.repaired : c.out) << c.name << wanted;
+        }
     }
     EXPECT_EQ(DecodeQuotedPrintable("x", nullptr, false), kStatusNullPointer);
 }
@@ -119,12 +124,13 @@ TEST(DecodeEncodedWords, Table) {
         const char* name;
         std::string in;
         std::string out;
+        const char* repaired = nullptr;  // when repairs are wanted, if not `out`
     } cases[] = {
         {"no words", "plain text", "plain text"},
         {"Q word", "=?ISO-8859-1?Q?a?=", "a"},
         {"Q word then text", "=?ISO-8859-1?Q?a?= b", "a b"},
-        // The standard drops white space between adjacent words; this reader keeps it.
-        {"space between words kept", "=?ISO-8859-1?Q?a?= =?ISO-8859-1?Q?b?=", "a b"},
+        // The standard drops white space between adjacent words; the contract keeps it.
+        {"space between words kept", "=?ISO-8859-1?Q?a?= \r\n\t=?ISO-8859-1?Q?b?=", "a \r\n\tb", "ab"},
         {"adjacent words", "=?ISO-8859-1?Q?a?==?ISO-8859-1?Q?b?=", "ab"},
         {"underscore", "=?US-ASCII?Q?Keith_Moore?= <moore@cs.utk.edu>", "Keith Moore <moore@cs.utk.edu>"},
         {"Latin-1 to UTF-8", "=?ISO-8859-1?Q?Andr=E9?= Pirard", "Andr\xC3\xA9 Pirard"},
@@ -135,25 +141,30 @@ TEST(DecodeEncodedWords, Table) {
         {"windows-1251 B", "=?windows-1251?B?z/Do4uXy?=", "\xD0\x9F\xD1\x80\xD0\xB8\xD0\xB2\xD0\xB5\xD1\x82"},
         {"ISO-2022-JP B", "=?ISO-2022-JP?B?GyRCJEYkOSRIGyhC?=", "\xE3\x81\xA6\xE3\x81\x99\xE3\x81\xA8"},
         // A set that is not converted keeps the bytes it decodes to.
-        {"iso-8859-2 kept raw", "=?iso-8859-2?Q?=B1?=", "\xB1"},
+        {"iso-8859-2 kept raw", "=?iso-8859-2?Q?=B1?=", "\xB1", "\xC4\x85"},
+        {"language behind the set", "=?iso-8859-2*pl?Q?=B1?=", "\xB1", "\xC4\x85"},
         // Code page 31 has no converter: the word keeps its bytes and the value goes on.
-        {"no converter", "=?windows-31j?Q?=82=A0?= x", "\x82\xA0 x"},
+        {"no converter", "=?windows-31j?Q?=82=A0?= x", "\x82\xA0 x", "\xE3\x81\x82 x"},
+        {"no set of that name", "=?x-none?Q?=82?=", "\x82"},
         // Deliberate: only an upper-case letter names the encoding.
-        {"lower-case q undecoded", "=?utf-8?q?caf=C3=A9?=", "=?utf-8?q?caf=C3=A9?="},
-        {"lower-case b undecoded", "=?utf-8?b?Y2Fmw6k=?=", "=?utf-8?b?Y2Fmw6k=?="},
+        {"lower-case q undecoded", "=?utf-8?q?caf=C3=A9?=", "=?utf-8?q?caf=C3=A9?=", "caf\xC3\xA9"},
+        {"lower-case b undecoded", "=?utf-8?b?Y2Fmw6k=?=", "=?utf-8?b?Y2Fmw6k=?=", "caf\xC3\xA9"},
         {"unknown letter", "=?utf-8?X?abc?=", "=?utf-8?X?abc?="},
         {"never closes", "=?utf-8?Q?abc", "=?utf-8?Q?abc"},
         {"no letter", "=?utf-8?", "=?utf-8?"},
         {"lone opener", "a =? b", "a =? b"},
-        {"bad word then good", "=?x?q?a?= =?utf-8?Q?b?=", "=?x?q?a?= b"},
+        {"bad word then good", "=?x?q?a?= =?utf-8?Q?b?=", "=?x?q?a?= b", "ab"},
         // Four base64 letters decode to nothing, so the word vanishes.
         {"short B word", "[=?utf-8?B?QUJD?=]", "[]"},
     };
     for (const Case& c : cases) {
-        GrowBuffer out;
-        ASSERT_EQ(out.Init(0, 0), kStatusOk);
-        EXPECT_EQ(DecodeEncodedWords(c.in, &out), kStatusOk) << c.name;
-        EXPECT_EQ(Bytes(out), c.out) << c.name;
+        for (const bool wanted : {false, true}) {
+            GrowBuffer out;
+            ASSERT_EQ(out.Init(0, 0), kStatusOk);
+            Repairs repairs(wanted);
+            EXPECT_EQ(DecodeEncodedWords(c.in, &out, &repairs), kStatusOk) << c.name;
+            EXPECT_EQ(Bytes(out), wanted && c.repaired ? c.repaired : c.out) << c.name << wanted;
+        }
     }
     EXPECT_EQ(DecodeEncodedWords("x", nullptr), kStatusNullPointer);
 }

@@ -95,10 +95,6 @@ TEST(ReadEmlBytes, ChoosesTheBody) {
          "runs to the end\r\n"},
         {"preamble", WriteMessage(kEnvelope, preamble), kBodyPlainText, "after the preamble"},
         {"part without headers", WriteMessage(kEnvelope, headerless), kBodyPlainText, "kept"},
-        // The delimiter begins with CR LF: in a message of LF line ends no part is found.
-        {"multipart with LF line ends",
-         WriteMessage(kEnvelope, Multipart("alternative", "b1", {Text("t"), Html("h")}), "\n"), kBodyNone,
-         ""},
         {"no content type", WriteMessage(kEnvelope, Leaf("", "untyped")), kBodyNone, ""},
         {"empty HTML part skipped",
          WriteMessage(kEnvelope, Multipart("alternative", "b1", {Text("t"), Html("")})), kBodyPlainText, "t"},
@@ -157,15 +153,6 @@ TEST(ReadEmlBytes, HeaderFields) {
          Text("x"),
          kSlotFrom,
          "Ada L\xC3\xB6velace <a@x>"},
-        {"lower-case q kept", {"Subject: =?utf-8?q?a_b?="}, Text("x"), kSlotSubject, "=?utf-8?q?a_b?="},
-        // Deliberate: the first text part's set converts the fields again, even those that encoded words
-        // made UTF-8 already.
-        {"reconverted with the part's set",
-         {"Subject: =?windows-1251?B?z/Do4uXy?="},
-         Leaf("text/plain; charset=windows-1251", "x"),
-         kSlotSubject,
-         "\xD0\xA0\xD1\x9F\xD0\xA1\xD0\x82\xD0\xA0\xD1\x91\xD0\xA0\xD0\x86\xD0\xA0\xC2\xB5\xD0\xA1\xE2\x80"
-         "\x9A"},
         {"raw Latin-1 converted by the part's set",
          {"Subject: caf\xE9"},
          Multipart("alternative", "b", {Leaf("text/plain; charset=iso-8859-1", "x"), Html("h")}),
@@ -246,6 +233,82 @@ TEST(ReadEmlBytes, ReportsEveryPart) {
     EXPECT_EQ(tiny.record.reader_status, 0);
     ASSERT_EQ(tiny.parts.size(), 3u);
     EXPECT_EQ(tiny.parts[2].fate, "ignored: inlining failed with status 0; the walk ended here");
+}
+
+// Each repair against the contract: the same message read in both profiles, and the repair named.
+TEST(ReadEmlBytes, RepairsAgainstTheContract) {
+    const std::string pixel_uri = "<img src=\"data:image;base64," + std::string(kPixelPng) + "\">";
+    const std::vector<std::string> lf_headers = {"Content-Type: text/plain", "Subject: a"};
+    struct Case {
+        const char* repair;
+        std::string message;
+        int slot;  // -1 for the body
+        std::string contract;
+        std::string repaired;
+    } cases[] = {
+        {"lf-line-ends", WriteMessage(kEnvelope, Multipart("alternative", "b", {Text("t"), Html("h")}), "\n"),
+         -1, "", "h"},
+        {"lf-line-ends",
+         WriteMessage(kEnvelope,
+                      Leaf("text/plain", "soft=\nbreak", {"Content-Transfer-Encoding: quoted-printable"}),
+                      "\n"),
+         -1, "soft=\nbreak", "softbreak"},
+        // An empty line of LF alone ends the header block before a later CR LF CR LF.
+        {"lf-line-ends", "Content-Type: text/plain\nSubject: a\n\nbody\r\n\r\nmore", -1, "more",
+         "body\r\n\r\nmore"},
+        {"encoded-word-space", WriteMessage({"Subject: =?utf-8?Q?a?= \r\n =?utf-8?Q?b?= c"}, Text("x")),
+         kSlotSubject, "a  b c", "ab c"},
+        {"encoded-word-case", WriteMessage({"Subject: =?utf-8?q?caf=C3=A9?="}, Text("x")), kSlotSubject,
+         "=?utf-8?q?caf=C3=A9?=", "caf\xC3\xA9"},
+        {"raw-header-charset",
+         WriteMessage({"Subject: =?windows-1251?B?z/Do4uXy?= \xCF"},
+                      Leaf("text/plain; charset=windows-1251", "x")),
+         kSlotSubject,
+         "\xD0\xA0\xD1\x9F\xD0\xA1\xD0\x82\xD0\xA0\xD1\x91\xD0\xA0\xD0\x86\xD0\xA0\xC2\xB5\xD0\xA1\xE2\x80"
+         "\x9A "
+         "\xD0\x9F",
+         "\xD0\x9F\xD1\x80\xD0\xB8\xD0\xB2\xD0\xB5\xD1\x82 \xD0\x9F"},
+        {"charset-names", WriteMessage({"Subject: =?shift_jis?B?gqCCoA==?="}, Text("x")), kSlotSubject,
+         "\x82\xA0\x82\xA0", "\xE3\x81\x82\xE3\x81\x82"},
+        {"charset-names", WriteMessage({"Subject: =?windows-31j?Q?=82=A0?="}, Text("x")), kSlotSubject,
+         "\x82\xA0", "\xE3\x81\x82"},
+        {"charset-names", WriteMessage(kEnvelope, Leaf("text/plain; charset=koi8-r", "\xF0\xD2\xC9")), -1,
+         "\xF0\xD2\xC9", "\xD0\x9F\xD1\x80\xD0\xB8"},
+        {"charset-names",
+         WriteMessage(kEnvelope,
+                      Leaf("text/html; charset=\"GB18030\"", "<meta charset=gb18030>\x81\x30\x81\x30")),
+         -1, "<meta charset=gb18030>\x81\x30\x81\x30", "<meta charset=UTF-8>\xC2\x80"},
+        {"attached-text",
+         WriteMessage(kEnvelope, Multipart("mixed", "b",
+                                           {Text("body"), Leaf("text/plain", "file",
+                                                               {"Content-Disposition: attachment"})})),
+         -1, "file", "body"},
+        {"cid-without-location",
+         WriteMessage(kEnvelope,
+                      Multipart("related", "r",
+                                {Html("<img src=\"cid:dot\">"),
+                                 Leaf("image/png", kPixelPng,
+                                      {"Content-ID: <dot>", "Content-Transfer-Encoding: base64"})})),
+         -1, "<img src=\"cid:dot\">", pixel_uri},
+        {"enclosed-message",
+         WriteMessage(kEnvelope,
+                      Multipart("mixed", "b",
+                                {Text("outer"),
+                                 Leaf("message/rfc822", WriteMessage({"From: e@x", "Subject: in"},
+                                                                     Html("<body><p>inner</p></body>")))})),
+         -1, "outer", "outer\r\n\r\nFrom:   \te@x\r\nSubject:\tin\r\n\r\ninner"},
+    };
+    for (const Case& c : cases) {
+        for (const bool repaired : {false, true}) {
+            Read read;
+            read.record.repairs = Repairs(repaired);
+            ReadInto(c.message, read);
+            EXPECT_EQ(read.status, kStatusOk) << c.repair;
+            const std::string value = c.slot < 0 ? read.body : std::string(read.record.header[c.slot].text());
+            EXPECT_EQ(value, repaired ? c.repaired : c.contract) << c.repair << (repaired ? " repaired" : "");
+            EXPECT_EQ(read.record.repairs.MadeNames(), repaired ? c.repair : "") << c.repair;
+        }
+    }
 }
 
 // A chain of multiparts `levels` deep around one HTML part.
