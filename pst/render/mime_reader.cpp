@@ -100,9 +100,19 @@ class EmlReader {
   public:
     EmlReader(std::string_view text, MessageDocument& record, int32_t* body_format,
               const MimeReadOptions& options)
-        : text_(text), record_(record), body_format_(body_format), options_(options) {}
+        : text_(text),
+          record_(record),
+          body_format_(body_format),
+          options_(options),
+          images_(&record.document, options.files) {}
 
     int32_t Read();
+    // The images go into the body only now; a failure is reported as an image's would be.
+    void FinishImages() {
+        if (const int32_t status = images_.Finish();
+            status != kStatusOk && record_.reader_status == kStatusOk)
+            record_.reader_status = status;
+    }
 
   private:
     int32_t ReadHeaderFields(std::string_view block);
@@ -119,6 +129,7 @@ class EmlReader {
     bool headers_converted_ = false;
     bool walk_ended_ = false;     // an image's failure ends the walk, keeping the body
     ptrdiff_t body_report_ = -1;  // the report of the part that is the body now
+    ImageInliner images_;
 };
 
 MimePartReport* EmlReader::Report(MimePartReport report) {
@@ -183,6 +194,7 @@ int32_t EmlReader::TakeText(MimeType type, CharsetCode charset, GrowBuffer& cont
         return converted;
     }
     report.fate = converted == kStatusOk ? "body" : "body, its character set not converted";
+    images_.Discard();  // the images inlined so far went into the body being replaced
     if (type == kMimeTextHtml) {
         record_.document = std::move(body);
         record_.text_body.Release();
@@ -205,15 +217,15 @@ void EmlReader::TakeImage(const GrowBuffer& content, MimePartReport& report) {
         report.fate = "ignored: an image without a location (Content-Location or name=)";
         return;
     }
-    const std::string_view html = *body_format_ == kBodyHtml ? record_.document.text() : std::string_view{};
     std::string reference;
-    if (FindImageReference(html, report.location, report.content_id, &reference) != kStatusOk) {
+    int32_t status = *body_format_ == kBodyHtml ? images_.Find(report.location, report.content_id, &reference)
+                                                : kStatusNotPresent;
+    if (status == kStatusNotPresent) {
         report.fate = "ignored: the HTML body before it does not refer to it";
         return;
     }
     int32_t count = 0;
-    const int32_t status =
-        InlineImage(&record_.document, reference, content.data(), content.length(), options_.files, &count);
+    if (status == kStatusOk) status = images_.Inline(reference, content.data(), content.length(), &count);
     if (status < kStatusOk) {
         // The body keeps what was done; the rest of the message is not read.
         report.fate =
@@ -388,7 +400,9 @@ int32_t ReadEmlBytes(std::string_view bytes, MessageDocument& record, int32_t* b
                      const MimeReadOptions& options) {
     if (body_format == nullptr) return kStatusBadArgument;
     EmlReader reader(bytes, record, body_format, options);
-    if (const int32_t status = reader.Read(); status != kStatusOk) return status;
+    const int32_t status = reader.Read();
+    reader.FinishImages();
+    if (status != kStatusOk) return status;
     if (*body_format == kBodyHtml) return EnsureUtf8Meta(&record.document);
     return kStatusOk;
 }
