@@ -171,7 +171,7 @@ bool MayOccurInDataUri(std::string_view text) {
 // - a reference without a quote, found in the current document, lies wholly in the original bytes of one
 //   value or wholly in an inserted text (at an edge it would take in the quote that stays there), and
 //   the inserted texts are kept apart from references that could be found in them;
-// - the quotes and "<" of the current document are the original ones, less none, so counting them and
+// - the quotes and "<" of the current document are exactly the original ones, so counting them and
 //   finding the last "<" before a use can be done on the original positions;
 // - the 12 bytes behind a "<" are the original ones, or break off at a kept quote in both versions.
 // A call that would break one of these rules is not made through the index.
