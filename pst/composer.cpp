@@ -138,7 +138,7 @@ int32_t InlineAttachedImages(PstMessage& message, CountedString& html, PstFilter
     GrowBuffer names;
     if (names.Init(kNameScratchBytes, kNameGrowthStep) != kStatusOk) return kStatusFailure;
     RecordImageFiles files(record);
-    ImageFileWriter* writer = record != nullptr && record->temp_file_mode != 0 ? &files : nullptr;
+    ImageInliner images(&html, record != nullptr && record->temp_file_mode != 0 ? &files : nullptr);
     try {
         for (uint32_t row = 0; row < attachments; ++row) {
             // The row names the attachment's own node, which holds its names and its data.
@@ -149,20 +149,22 @@ int32_t InlineAttachedImages(PstMessage& message, CountedString& html, PstFilter
                                                   ? long_name
                                                   : ReadNameIfPresent(attachment, kPropAttachShortName);
             std::string reference;
-            if (FindImageReference(html.text(), ConvertName(names, file_name, 4, 4),
-                                   ConvertName(names, long_name, 2, 1), &reference) != kStatusOk ||
-                !attachment.prop_exists(kPropAttachData))
-                continue;
+            const int32_t found = images.Find(ConvertName(names, file_name, 4, 4),
+                                              ConvertName(names, long_name, 2, 1), &reference);
+            if (found < kStatusOk) break;
+            if (found != kStatusOk || !attachment.prop_exists(kPropAttachData)) continue;
             CountedString data;
             if (ReadWholeStream(attachment, kPropAttachData, data) != kStatusOk) break;
             int32_t count = 0;
-            const int32_t status = InlineImage(&html, reference, data.data(), data.size(), writer, &count);
+            const int32_t status = images.Inline(reference, data.data(), data.size(), &count);
             // An image too small to encode, or empty, is passed over; any other failure ends the inlining.
             if (status != kStatusOk && status != 0 && status != kStatusBadArgument) break;
         }
     } catch (const std::exception&) {
         // Inlining ends here; the body keeps the images put in before.
     }
+    // Memory running out as the images go in loses them all, never the body.
+    images.Finish();
     return kStatusOk;
 }
 

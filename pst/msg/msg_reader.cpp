@@ -197,8 +197,7 @@ std::optional<uint32_t> AttachmentNumber(std::string_view name) {
 // One attachment storage: when the HTML refers to its image (by "cid:" and the content id, else by the
 // file name), the references are replaced by the image. An attachment the body does not mention, or
 // whose data stream is missing, is passed over. 1, or a failure that ends the walk.
-int32_t InlineAttachment(MessageReads& reads, size_t attachment, MessageDocument& record,
-                         ImageFileWriter* image_files) {
+int32_t InlineAttachment(MessageReads& reads, size_t attachment, ImageInliner& images) {
     CountedString file_name;
     CountedString content_id;
     if (const int32_t status = ReadString(reads, attachment, kMsgAttachNameStream, file_name);
@@ -208,9 +207,9 @@ int32_t InlineAttachment(MessageReads& reads, size_t attachment, MessageDocument
         status < kStatusOk)
         return status;
     std::string reference;
-    if (FindImageReference(record.document.text(), file_name.text(), content_id.text(), &reference) !=
-        kStatusOk)
-        return kStatusOk;
+    if (const int32_t found = images.Find(file_name.text(), content_id.text(), &reference);
+        found != kStatusOk)
+        return found == kStatusNotPresent ? kStatusOk : found;
 
     CountedString data;
     const int32_t read =
@@ -218,8 +217,7 @@ int32_t InlineAttachment(MessageReads& reads, size_t attachment, MessageDocument
     if (read == kStatusNotPresent) return kStatusOk;
     if (read != kStatusOk) return read;
     int32_t count = 0;
-    const int32_t status =
-        InlineImage(&record.document, reference, data.data(), data.size(), image_files, &count);
+    const int32_t status = images.Inline(reference, data.data(), data.size(), &count);
     // An image too small to encode (0) or empty (-13) stays a reference; the other images are still
     // inlined.
     return status == 0 || status == kStatusBadArgument ? kStatusOk : status;
@@ -227,11 +225,15 @@ int32_t InlineAttachment(MessageReads& reads, size_t attachment, MessageDocument
 
 // Inlines the images of every attachment storage. 1, or the first failure, which ends the walk.
 int32_t WalkAttachments(MessageReads& reads, MessageDocument& record, ImageFileWriter* image_files) {
+    ImageInliner images(&record.document, image_files);
+    int32_t status = kStatusOk;
     for (const AttachmentStorageEntry& attachment : FindAttachmentStorages(reads.storage)) {
-        const int32_t status = InlineAttachment(reads, attachment.entry, record, image_files);
-        if (status != kStatusOk) return status;
+        status = InlineAttachment(reads, attachment.entry, images);
+        if (status != kStatusOk) break;
     }
-    return kStatusOk;
+    // The images put in before a failure stay in the body.
+    const int32_t finished = images.Finish();
+    return status != kStatusOk ? status : finished;
 }
 
 // Reads the compressed-RTF body into record.document. 1 with `*present` set when there is one; 1 and

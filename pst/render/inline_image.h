@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -36,6 +37,54 @@ int32_t FindImageReference(std::string_view html, std::string_view file_name, st
 // ceiling. On any failure `html` keeps what it held.
 int32_t InlineImage(CountedString* html, std::string_view reference, const std::byte* data, size_t size,
                     ImageFileWriter* files, int32_t* count);
+
+// Inlines a document's images one after another. Each Find and Inline gives exactly what
+// FindImageReference and InlineImage would give on the document as the calls before it left it (the
+// same statuses, references, counts and files written), and Finish leaves the document with the same
+// bytes. The uses are found through an index of the document, so that a document of many images costs
+// about its size and its images, not their product. A call whose outcome the index cannot vouch for
+// (say, a use outside quotes, or a reference that could be found inside an inserted image) is answered
+// by the image-by-image path on the document as it stands.
+//
+// The work is bounded by a multiple of the documents' sizes: beyond it Find and Inline give -1, as an
+// image that would outgrow the document's ceiling does, and the callers end their inlining there.
+//
+// Requires: `html` outlives the inliner, and between the first call and Finish nothing but the inliner
+// edits it; readers see the document as it was until Finish. Discard before `html` is replaced by
+// another document.
+class ImageInliner {
+  public:
+    ImageInliner(CountedString* html, ImageFileWriter* files);
+    ~ImageInliner();
+    ImageInliner(const ImageInliner&) = delete;
+    ImageInliner& operator=(const ImageInliner&) = delete;
+
+    // As FindImageReference on the current document; -1 when the work bound is reached.
+    int32_t Find(std::string_view file_name, std::string_view content_id, std::string* reference);
+    // As InlineImage on the current document, with the writer given at construction.
+    int32_t Inline(std::string_view reference, const std::byte* data, size_t size, int32_t* count);
+    // Writes what the calls so far have done into the document. 1; -1 when memory runs out, and the
+    // document then keeps what it held before the first call since the last Finish.
+    int32_t Finish();
+    // Forgets what the calls since the last Finish have done, for a document about to be replaced.
+    void Discard();
+
+  private:
+    class Index;
+
+    int32_t Prepare(std::string_view reference);
+    int32_t Contains(std::string_view reference);
+    int32_t LeaveIndex();
+    void Charge(uint64_t units);
+
+    CountedString* html_;
+    ImageFileWriter* files_;
+    std::unique_ptr<Index> index_;
+    uint64_t work_ = 0;
+    uint64_t allowance_;
+    bool document_counted_ = false;  // the current document's share is in the allowance
+    uint64_t unindexed_work_;        // since the index was last left
+};
 
 // "data:image;base64," and the image's bytes in base64 with a final NUL, into `out`. 1; 0 when the
 // encoding would not fit the capacity of 18 + size * 1.4 bytes; -13 for a null or empty image; -1 when

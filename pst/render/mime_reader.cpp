@@ -154,9 +154,16 @@ class EmlReader {
           record_(record),
           body_format_(body_format),
           options_(options),
-          enclosed_depth_(enclosed_depth) {}
+          enclosed_depth_(enclosed_depth),
+          images_(&record.document, options.files) {}
 
     int32_t Read();
+    // The images go into the body only now; a failure is reported as an image's would be.
+    void FinishImages() {
+        if (const int32_t status = images_.Finish();
+            status != kStatusOk && record_.reader_status == kStatusOk)
+            record_.reader_status = status;
+    }
 
   private:
     // A message enclosed in this one, read whole, to be shown after the body.
@@ -188,6 +195,7 @@ class EmlReader {
     std::vector<std::unique_ptr<EnclosedMessage>> enclosed_;
     bool walk_ended_ = false;     // an image's failure ends the walk, keeping the body
     ptrdiff_t body_report_ = -1;  // the report of the part that is the body now
+    ImageInliner images_;
 };
 
 MimePartReport* EmlReader::Report(MimePartReport report) {
@@ -289,6 +297,7 @@ int32_t EmlReader::TakeText(MimeType type, CharsetCode charset, GrowBuffer& cont
         return converted;
     }
     report.fate = converted == kStatusOk ? "body" : "body, its character set not converted";
+    images_.Discard();  // the images inlined so far went into the body being replaced
     if (type == kMimeTextHtml) {
         record_.document = std::move(body);
         record_.text_body.Release();
@@ -312,16 +321,16 @@ void EmlReader::TakeImage(const GrowBuffer& content, MimePartReport& report) {
         report.fate = "ignored: an image without a location (Content-Location or name=)";
         return;
     }
-    const std::string_view html = *body_format_ == kBodyHtml ? record_.document.text() : std::string_view{};
     std::string reference;
-    if (FindImageReference(html, report.location, report.content_id, &reference) != kStatusOk) {
+    int32_t status = *body_format_ == kBodyHtml ? images_.Find(report.location, report.content_id, &reference)
+                                                : kStatusNotPresent;
+    if (status == kStatusNotPresent) {
         report.fate = "ignored: the HTML body before it does not refer to it";
         return;
     }
     if (report.location.empty()) record_.repairs.Make(Repair::kCidWithoutLocation);
     int32_t count = 0;
-    const int32_t status =
-        InlineImage(&record_.document, reference, content.data(), content.length(), options_.files, &count);
+    if (status == kStatusOk) status = images_.Inline(reference, content.data(), content.length(), &count);
     if (status < kStatusOk) {
         // The body keeps what was done; the rest of the message is not read.
         report.fate =
@@ -411,6 +420,7 @@ int32_t EmlReader::ReadEnclosed(const GrowBuffer& content, MimePartReport& repor
     // Nested once per level, at most kMaxEnclosedDepth deep.
     EmlReader reader(content.view(), enclosed->record, &enclosed->format, options, enclosed_depth_ + 1);
     const int32_t status = reader.Read();
+    reader.FinishImages();
     record_.repairs.Merge(enclosed->record.repairs);
     if (status != kStatusOk) {
         report.fate = kOutOfMemoryFate;
@@ -460,6 +470,8 @@ int32_t EmlReader::Read() {
     if (!repaired()) return Walk(header_end, block);
     int32_t status = Walk(header_end, block);
     if (status == kStatusOk) status = ReadHeaderFields(block);
+    // The body's images go in before anything is appended to it.
+    FinishImages();
     if (status == kStatusOk) status = AppendEnclosed();
     return status;
 }
@@ -579,7 +591,9 @@ int32_t ReadEmlBytes(std::string_view bytes, MessageDocument& record, int32_t* b
                      const MimeReadOptions& options) {
     if (body_format == nullptr) return kStatusBadArgument;
     EmlReader reader(bytes, record, body_format, options);
-    if (const int32_t status = reader.Read(); status != kStatusOk) return status;
+    const int32_t status = reader.Read();
+    reader.FinishImages();
+    if (status != kStatusOk) return status;
     if (*body_format == kBodyHtml) return EnsureUtf8Meta(&record.document);
     return kStatusOk;
 }

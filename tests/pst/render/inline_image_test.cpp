@@ -229,6 +229,134 @@ TEST(InlineImage, FailuresLeaveTheBodyAsItWas) {
     EXPECT_EQ(InlineImage(nullptr, "cid:a", image.data(), image.size(), nullptr, &count), kStatusNullPointer);
 }
 
+// One image as a caller hands it over: the names its reference is looked for by, and its size.
+struct Attached {
+    std::string file_name;
+    std::string content_id;
+    size_t size;
+};
+
+// Puts the images into `body` one by one with FindImageReference and InlineImage, and through one
+// ImageInliner; every status, reference, count and file written, and the final bytes, must agree.
+// `raw` hands each file name to Inline as it is, without looking it up first.
+void ExpectInlinerMatchesImageByImage(const std::string& body, const std::vector<Attached>& images,
+                                      bool to_files, bool raw = false) {
+    CountedString expected = Counted(body);
+    CountedString actual = Counted(body);
+    RecordingWriter expected_files;
+    RecordingWriter actual_files;
+    ImageInliner inliner(&actual, to_files ? &actual_files : nullptr);
+    for (size_t i = 0; i < images.size(); ++i) {
+        const Attached& image = images[i];
+        SCOPED_TRACE(::testing::Message() << "image " << i << " \"" << image.file_name << "\" <"
+                                          << image.content_id << "> of " << image.size);
+        std::string reference = image.file_name;
+        if (!raw) {
+            std::string found;
+            const int32_t status =
+                FindImageReference(expected.text(), image.file_name, image.content_id, &reference);
+            ASSERT_EQ(inliner.Find(image.file_name, image.content_id, &found), status);
+            if (status != kStatusOk) continue;
+            ASSERT_EQ(found, reference);
+        }
+        const std::vector<std::byte> bytes = Image(image.size, static_cast<uint32_t>(i));
+        int32_t expected_count = -1;
+        int32_t actual_count = -1;
+        ASSERT_EQ(inliner.Inline(reference, bytes.data(), bytes.size(), &actual_count),
+                  InlineImage(&expected, reference, bytes.data(), bytes.size(),
+                              to_files ? &expected_files : nullptr, &expected_count));
+        ASSERT_EQ(actual_count, expected_count);
+    }
+    ASSERT_EQ(inliner.Finish(), kStatusOk);
+    EXPECT_EQ(Bytes(actual), Bytes(expected));
+    EXPECT_EQ(actual_files.written, expected_files.written);
+}
+
+TEST(ImageInliner, GivesWhatInliningImageByImageGives) {
+    std::string many;
+    std::vector<Attached> many_images;
+    for (int i = 0; i < 300; ++i) {
+        many += "<img src=\"cid:i" + std::to_string(i) + "\">";
+        many_images.push_back({"i" + std::to_string(i) + ".png", "i" + std::to_string(i), 9});
+    }
+    struct Case {
+        const char* name;
+        std::string body;
+        std::vector<Attached> images;
+    };
+    const Case cases[] = {
+        {"a name inside a longer one, the shorter first",
+         "<img src=\"12.jpg\"><img src=\"2.jpg\">",
+         {{"2.jpg", "", 30}, {"12.jpg", "", 30}}},
+        {"the longer first",
+         "<img src=\"cid:1.jpg\"><img src=\"cid:12.jpg\">",
+         {{"", "12.jpg", 30}, {"", "1.jpg", 30}}},
+        {"vml kept",
+         "<v:imagedata src=\"cid:a.png\"/><img src=\"cid:a.png\"><V:IMAGEDATA src=\"cid:a.png\">",
+         {{"a.png", "a.png", 30}, {"a.png", "a.png", 30}}},
+        {"uses outside quotes",
+         "<img src=cid:a.png><img src=\"cid:b.png\"><p>b.png</p>",
+         {{"", "b.png", 30}, {"a.png", "a.png", 30}, {"b.png", "", 30}}},
+        {"found inside an inserted data URI",
+         "<img src=\"cid:x\"><img src=\"image\"><p>base64</p>",
+         {{"", "x", 30}, {"image", "", 30}, {"base64", "", 30}, {"A", "", 30}}},
+        {"a value that never closes", "<img src=\"cid:b\"><img src=\"cid:a", {{"", "b", 30}, {"", "a", 30}}},
+        {"a value holding a tag", "<img alt=\"<b>cid:a\" src=\"cid:b\">", {{"", "a", 30}, {"", "b", 30}}},
+        {"a tag's start replaced",
+         "<img alt=\"cid:a <v:imagedata x\" src=\"cid:b\">",
+         {{"", "a", 30}, {"", "b", 30}}},
+        {"a quote in the id", "<img src=\"cid:a\"><img src=\"cid:a\"b\">", {{"", "a", 30}, {"", "a\"b", 30}}},
+        {"empty names, too small, empty",
+         "<img src=\"cid:a\"><img src=\"b\">",
+         {{"", "", 30}, {"", "a", 2}, {"b", "", 0}, {"b", "a", 30}}},
+        {"a terminated body", std::string("<img src=\"cid:a\">\0", 18), {{"", "a", 30}}},
+        {"many", many, many_images},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ExpectInlinerMatchesImageByImage(c.body, c.images, false);
+        ExpectInlinerMatchesImageByImage(c.body, c.images, true);
+    }
+
+    // Random bodies of the pieces that matter and images named from overlapping names.
+    const char* const pieces[] = {"<img src=\"",
+                                  "\"",
+                                  "<v:imagedata ",
+                                  "<",
+                                  ">",
+                                  " ",
+                                  "cid:",
+                                  "a",
+                                  "b",
+                                  "1",
+                                  "2",
+                                  ".png",
+                                  "image",
+                                  "=",
+                                  "AAAA",
+                                  "data:image;base64,",
+                                  "img1",
+                                  "\0"};
+    const char* const names[] = {"",     "a",   "b",  "1.png", "2.png", "12.png", "a.png", "image",
+                                 "AAAA", "b\"", "<a", "1",     ".png",  "img",    "cid:a"};
+    const size_t sizes[] = {0, 2, 3, 9, 30};
+    std::mt19937 random(20261124);
+    for (int round = 0; round < 3000; ++round) {
+        SCOPED_TRACE(round);
+        std::string body;
+        for (size_t n = random() % 40; n > 0; --n) {
+            const char* piece = pieces[random() % std::size(pieces)];
+            body += *piece == '\0' ? std::string(1, '\0') : std::string(piece);
+        }
+        std::vector<Attached> images(1 + random() % 8);
+        for (Attached& image : images)
+            image = {names[random() % std::size(names)], names[random() % std::size(names)],
+                     sizes[random() % std::size(sizes)]};
+        ExpectInlinerMatchesImageByImage(body, images, random() % 2 == 0, random() % 5 == 0);
+        if (::testing::Test::HasFatalFailure()) return;
+    }
+}
+
 // CTest also runs this case under an allocation limit of 64 MiB: the 100,000 uses would take some
 // 140 GB, so the refusal must come before anything of that size is asked for.
 TEST(InlineImageCeiling, ManyUsesOfALargeImageEndInAStatusAndKeepTheBody) {

@@ -49,6 +49,10 @@ constexpr char kPixelPng[] =
 
 MimeNode Html(std::string_view body) { return Leaf("text/html; charset=utf-8", body); }
 MimeNode Text(std::string_view body) { return Leaf("text/plain; charset=utf-8", body); }
+MimeNode Pixel(const std::string& id) {
+    return Leaf("image/png; name=\"" + id + ".png\"", kPixelPng,
+                {"Content-Transfer-Encoding: base64", "Content-ID: <" + id + ">"});
+}
 
 TEST(ReadEmlBytes, ChoosesTheBody) {
     MimeNode unclosed = Multipart("mixed", "b1", {Text("first"), Text("runs to the end")});
@@ -75,6 +79,12 @@ TEST(ReadEmlBytes, ChoosesTheBody) {
          "<p>h</p>"},
         {"later HTML replaces", WriteMessage(kEnvelope, Multipart("mixed", "b1", {Html("one"), Html("two")})),
          kBodyHtml, "two"},
+        // The images of a body that is replaced go with it; the new body's images go into it.
+        {"later HTML replaces, images after each",
+         WriteMessage(kEnvelope, Multipart("related", "b1",
+                                           {Html("<img src=\"cid:a\">"), Pixel("a"),
+                                            Html("<img src=\"cid:b\">"), Pixel("b"), Pixel("a")})),
+         kBodyHtml, "<img src=\"data:image;base64," + std::string(kPixelPng) + "\">"},
         {"later text replaces text",
          WriteMessage(kEnvelope, Multipart("mixed", "b1", {Text("one"), Text("two")})), kBodyPlainText,
          "two"},
