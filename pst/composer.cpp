@@ -14,6 +14,7 @@
 #include "pst/message_walk.h"
 #include "pst/render/compressed_rtf.h"
 #include "pst/render/header_block.h"
+#include "pst/render/html_text.h"
 #include "pst/render/inline_image.h"
 #include "store/ltp/prop_stream.h"
 
@@ -27,6 +28,7 @@ constexpr ltp::prop_id kPropMessageCodePage = 0x3FFD;
 constexpr ltp::prop_id kPropInternetCodePage = 0x3FDE;
 constexpr uint32_t kCodePageUtf16 = 1200;
 constexpr uint32_t kCodePageWestern = 1252;
+constexpr uint32_t kCodePageUtf8 = 65001;
 
 // Room for an attachment name of a usual length in UTF-8; longer names grow the buffer.
 constexpr size_t kNameScratchBytes = 1024;
@@ -225,8 +227,17 @@ int32_t AssembleDocument(MessageDocument& entry, int32_t* body_format, bool plai
     if (!plain_text && entry.document.data() == nullptr &&
         entry.repairs.Make(entry.text_body.data() != nullptr ? Repair::kTextBody : Repair::kHeaderOnly))
         plain_text = true;
-    // A text document of a message that has a body but no text body stays refused: the header block
-    // alone would pass for the whole message.
+    // A text document of a message with an HTML body and no text body gives the HTML's text. One with an
+    // RTF body alone stays refused: the header block alone would pass for the whole message.
+    if (plain_text && entry.text_body.data() == nullptr && *body_format == kBodyHtml &&
+        entry.repairs.Make(Repair::kHtmlAsText)) {
+        GrowBuffer text;
+        if (text.Init(0, kDocumentGrowthStep) != kStatusOk ||
+            HtmlToText(entry.document.text(), &text) != kStatusOk)
+            return kStatusFailure;
+        text.MoveInto(entry.text_body);
+        entry.text_code_page = kCodePageUtf8;
+    }
     if (plain_text && entry.repairs.wanted() &&
         (entry.text_body.data() != nullptr || entry.document.data() == nullptr)) {
         *body_format = kBodyPlainText;

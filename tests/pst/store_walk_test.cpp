@@ -541,7 +541,15 @@ TEST(Composer, TheLastPresentBodyWins) {
         {"no body at all", {}, {}, {}, false, kStatusUnsupported, 0, "", std::pair(316, header_utf8)},
         {"plain text: FF FE and the text, the length not counting the mark", text, AsBytes("<p>x</p>"), lzfu,
          true, kStatusOk, 316, marked, std::pair(316, header_utf8 + "hi")},
-        {"plain text without a text body", {}, AsBytes("<p>x</p>"), {}, true, kStatusUnsupported, 0, ""},
+        {"plain text without a text body",
+         {},
+         AsBytes("<p>x</p>"),
+         {},
+         true,
+         kStatusUnsupported,
+         0,
+         "",
+         std::pair(316, header_utf8 + "x")},
     };
     int n = 0;
     for (const Case& c : cases) {

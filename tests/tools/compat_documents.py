@@ -4,10 +4,14 @@ repair: messages 1 to 3 of each store and the one message of each message file a
 each as rendered and with the plain-text flag, in English and in UTC.
 
   compat_documents.py TARNVIEW CORPUS RECORD [--record] [-- FLAG...]
+  compat_documents.py TARNVIEW CORPUS --repaired
 
 Without --record it renders every document again and prints each that differs from RECORD (status,
 format, size or SHA-256); it exits 1 if any does. With --record it writes RECORD instead. FLAGs are
-passed to every `tarnview render` (the flag that asks for the contract's bytes, once there is one)."""
+passed to every `tarnview render` (the flag that asks for the contract's bytes).
+
+With --repaired it checks the default, repaired documents instead: every one of them is made (status 1),
+and every RTF document has balanced groups in each of the nine languages of the header labels."""
 import hashlib
 import os
 import re
@@ -46,8 +50,52 @@ def render(tarnview, corpus, flags, path, number, text, out):
     return [status.group(1) or 'exception: ' + status.group(2).strip(), '-', '-', '-']
 
 
+LANGUAGES = ('0x0409', '0x0407', '0x0418', '0x040C', '0x0411', '0x0804', '0x0404', '0x0412', '0x2C01')
+
+
+def balanced(rtf):
+    depth = 0
+    i = 0
+    while i < len(rtf):
+        c = rtf[i]
+        if c == 0x5C:  # a backslash escapes the next byte ("\\'hh" needs no more: hex digits are no braces)
+            i += 2
+            continue
+        depth += (c == 0x7B) - (c == 0x7D)
+        if depth < 0:
+            return False
+        i += 1
+    return depth == 0
+
+
+def check_repaired(tarnview, corpus):
+    faults = 0
+    made = 0
+    with tempfile.TemporaryDirectory() as scratch:
+        out = os.path.join(scratch, 'document')
+        for path, number, text in documents(corpus):
+            row = render(tarnview, corpus, [], path, number, text, out)
+            if row[0] != '1':
+                faults += 1
+                print(f'{path} {number or "-"} {"text" if text else "document"}: status {row[0]}')
+                continue
+            made += 1
+            if row[1] != '226':
+                continue
+            for language in LANGUAGES:
+                render(tarnview, corpus, ['--lang', language], path, number, text, out)
+                if not balanced(open(out, 'rb').read()):
+                    faults += 1
+                    print(f'{path} {number or "-"} in {language}: RTF groups do not balance')
+    print(f'{made} repaired documents made, {faults} faults')
+    sys.exit(1 if faults else 0)
+
+
 def main():
     argv = sys.argv[1:]
+    if '--repaired' in argv:
+        check_repaired(argv[0], argv[1])
+        return
     flags = argv[argv.index('--') + 1:] if '--' in argv else []
     argv = argv[:argv.index('--')] if '--' in argv else argv
     recording = '--record' in argv
