@@ -60,7 +60,7 @@ def has_rtf_body(ole):
 
 
 def render(tarnview, path, out, text):
-    args = [tarnview, "render", path, "-o", out] + (["--text"] if text else [])
+    args = [tarnview, "render", path, "-o", out, "--compat"] + (["--text"] if text else [])
     run = subprocess.run(args, capture_output=True, text=True, timeout=300,
                          env=dict(os.environ, TARNKRN_LANGUAGE="0x0409"))
     if run.returncode != 0:

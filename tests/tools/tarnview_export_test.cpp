@@ -262,7 +262,7 @@ TEST(TarnviewExport, ADamagedStoreExportsWhatItCanAndTheManifestNamesEachFailure
     for (const std::string jobs : {"1", "3"}) {
         SCOPED_TRACE("--jobs " + jobs);
         const fs::path out = dir.path() / ("out-" + jobs);
-        const Exported exported = RunExport(out, {path.string(), "--jobs", jobs});
+        const Exported exported = RunExport(out, {path.string(), "--jobs", jobs, "--compat"});
         EXPECT_EQ(exported.exit_status, 1);
         ASSERT_EQ(exported.rows.size(), 7u) << exported.errors;
 

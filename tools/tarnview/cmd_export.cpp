@@ -411,7 +411,9 @@ class StoreExport {
     void CountAsTheFilterDoes() {
         try {
             tarn::MessageListPtr list;
-            const int32_t status = tarn::CountMessages(tarn::ndb::open_database(path_), &list);
+            // In the profile the export was asked for, as the entry points would count.
+            tarn::Repairs repairs = tarn::Repairs::Requested();
+            const int32_t status = tarn::CountMessages(tarn::ndb::open_database(path_), &list, &repairs);
             if (status == tarn::kStatusOk) {
                 filter_count_ = list->count;
             } else {
