@@ -125,7 +125,9 @@ void ReportFailures(const std::string& file, const tarn::ndb::db_ptr& db,
             continue;
         }
         const std::optional<std::string> name = FolderName(db, *f.folder);
-        const std::string named = name ? "\"" + TerminalText(*name) + "\" " : "";
+        // Appended piece by piece: GCC 12 at -O3 mistakes a chain of + for overlapping copies.
+        std::string named;
+        if (name) named.append("\"").append(TerminalText(*name)).append("\" ");
         std::fprintf(stderr, "tarnview list: %s: folder %s(nid 0x%x): %s\n", TerminalText(file).c_str(),
                      named.c_str(), static_cast<unsigned>(*f.folder), TerminalText(f.error).c_str());
     }

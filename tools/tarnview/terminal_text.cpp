@@ -6,7 +6,7 @@ namespace tarnview {
 namespace {
 
 void AppendHex(std::string& out, const char* format, unsigned value) {
-    char escape[8];
+    char escape[16];
     std::snprintf(escape, sizeof escape, format, value);
     out += escape;
 }
