@@ -12,6 +12,7 @@
 #include "platform/codepage.h"
 #include "pst/image_files.h"
 #include "pst/message_walk.h"
+#include "pst/render/charset.h"
 #include "pst/render/compressed_rtf.h"
 #include "pst/render/header_block.h"
 #include "pst/render/html_text.h"
@@ -54,7 +55,8 @@ std::string ConvertName(GrowBuffer& scratch, const std::u16string& name, size_t 
 uint32_t TextCodePage(const ltp::const_property_object& message) {
     if (message.get_prop_type(kPropBody) == ltp::kPropTypeUnicode) return kCodePageUtf16;
     for (const ltp::prop_id id : {kPropMessageCodePage, kPropInternetCodePage}) {
-        if (message.prop_exists(id) && message.get_value_4(id) != 0) return message.get_value_4(id);
+        if (message.prop_exists(id) && message.get_value_4(id) != 0)
+            return StoredStringCodePage(message.get_value_4(id));
     }
     return kCodePageWestern;
 }

@@ -121,24 +121,6 @@ int32_t EightBitToUtf8(std::string_view bytes, uint32_t code_page, CountedString
     return kStatusOk;
 }
 
-// The code page 8-bit strings are stored in, for a code page the message names. An Internet code page
-// may be a 7-bit transport form (ISO-2022), which no stored string is in: its Windows page is.
-uint32_t StoredCodePage(uint32_t named) {
-    switch (named) {
-        case 50220:
-        case 50221:
-        case 50222:
-            return 932;
-        case 50225:
-            return 949;
-        case 50227:
-        case 52936:
-            return 936;
-        default:
-            return named;
-    }
-}
-
 bool HasEightBitBytes(std::string_view text) {
     return std::any_of(text.begin(), text.end(),
                        [](char c) { return static_cast<unsigned char>(c) >= 0x80; });
@@ -367,7 +349,7 @@ int32_t ReadOpenMessage(const cfb::CompoundStorage& storage, MessageDocument& re
         for (const uint16_t id : {kMsgPropMessageCodePage, kMsgPropInternetCodePage}) {
             const std::optional<uint64_t> page = FindFixedProperty(properties, kMsgTypeLong, id);
             if (page && static_cast<uint32_t>(*page) != 0) {
-                reads.eight_bit_code_page = StoredCodePage(static_cast<uint32_t>(*page));
+                reads.eight_bit_code_page = StoredStringCodePage(static_cast<uint32_t>(*page));
                 break;
             }
         }

@@ -256,4 +256,22 @@ int32_t EnsureUtf8Meta(CountedString* html) {
     return kStatusOk;
 }
 
+uint32_t StoredStringCodePage(uint32_t named) {
+    switch (named) {
+        case 50220:
+        case 50221:
+        case 50222:
+            return 932;
+        case 50225:
+            return 949;
+        case 50227:
+        case 52936:
+            return 936;
+        case 20127:
+            return 1252;
+        default:
+            return named;
+    }
+}
+
 }  // namespace tarn

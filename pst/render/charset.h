@@ -83,6 +83,11 @@ constexpr std::string_view kUtf8MetaTag =
 // document; -1 when memory runs out (the document then unchanged).
 int32_t EnsureUtf8Meta(CountedString* html);
 
+// The code page a message's 8-bit strings are stored in, for a code page the message names. A 7-bit
+// transfer form of a script (ISO-2022, HZ, US-ASCII) can be a message's Internet code page but never the
+// page its 8-bit strings are in: those are in the Windows page of the same script.
+uint32_t StoredStringCodePage(uint32_t named);
+
 }  // namespace tarn
 
 #endif  // TARN_PST_RENDER_CHARSET_H_

@@ -9,6 +9,7 @@
 #include "platform/codepage.h"
 #include "platform/unicode.h"
 #include "pst/message_model.h"
+#include "pst/render/charset.h"
 
 namespace tarnview {
 namespace {
@@ -41,25 +42,6 @@ std::string_view View(const std::vector<std::byte>& bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-// A 7-bit transfer form of a script (ISO-2022, HZ, US-ASCII) can be a message's internet code page but
-// never the page its 8-bit strings are stored in: those are in the Windows page of the same script.
-uint32_t StoragePage(uint32_t code_page) {
-    switch (code_page) {
-        case 50220:
-        case 50221:
-        case 50222:
-            return 932;
-        case 50225:
-            return 949;
-        case 52936:
-            return 936;
-        case 20127:
-            return kDefaultCodePage;
-        default:
-            return code_page;
-    }
-}
-
 }  // namespace
 
 std::string Utf8Text(std::u16string_view text) {
@@ -70,7 +52,7 @@ std::string Utf8Text(std::u16string_view text) {
 
 uint32_t StringCodePage(const tarn::ltp::const_property_object& object) {
     for (const tarn::ltp::prop_id id : {kPropMessageCodePage, kPropInternetCodePage}) {
-        if (object.prop_exists(id)) return StoragePage(object.get_value_4(id));
+        if (object.prop_exists(id)) return tarn::StoredStringCodePage(object.get_value_4(id));
     }
     return kDefaultCodePage;
 }
