@@ -65,32 +65,21 @@ uint32_t TextCodePage(const ltp::const_property_object& message) {
 // page does not map become U+FFFD, so that damaged text costs a character, not the document.
 int32_t TextBodyAsUtf8(const MessageDocument& entry, CountedString& out) {
     const CountedString& body = entry.text_body;
-    std::u16string units;
-    if (entry.text_code_page == kCodePageUtf16) {
-        units.resize(body.size() / 2);
-        std::memcpy(units.data(), body.data(), units.size() * 2);
-        for (size_t i = 0; i < units.size(); ++i) {
-            const bool high = units[i] >= 0xD800 && units[i] < 0xDC00;
-            const bool low = units[i] >= 0xDC00 && units[i] < 0xE000;
-            if (high && i + 1 < units.size() && units[i + 1] >= 0xDC00 && units[i + 1] < 0xE000) {
-                ++i;
-            } else if (high || low) {
-                units[i] = 0xFFFD;
-            }
+    if (entry.text_code_page != kCodePageUtf16) {
+        // Stored terminators are not text.
+        const std::string_view bytes(reinterpret_cast<const char*>(body.data()), body.size());
+        return EightBitToUtf8(bytes.substr(0, bytes.find_last_not_of('\0') + 1), entry.text_code_page, out);
+    }
+    std::u16string units(body.size() / 2, u'\0');
+    std::memcpy(units.data(), body.data(), units.size() * 2);
+    for (size_t i = 0; i < units.size(); ++i) {
+        const bool high = units[i] >= 0xD800 && units[i] < 0xDC00;
+        const bool low = units[i] >= 0xDC00 && units[i] < 0xE000;
+        if (high && i + 1 < units.size() && units[i + 1] >= 0xDC00 && units[i + 1] < 0xE000) {
+            ++i;
+        } else if (high || low) {
+            units[i] = 0xFFFD;
         }
-    } else {
-        const char* bytes = reinterpret_cast<const char*>(body.data());
-        const int size = static_cast<int>(std::min<size_t>(body.size(), kMaxBufferBytes / 2));
-        uint32_t code_page = entry.text_code_page;
-        int needed = platform::MultiByteToWideChar(code_page, 0, bytes, size, nullptr, 0);
-        if (needed <= 0) {
-            code_page = kCodePageWestern;
-            needed = platform::MultiByteToWideChar(code_page, 0, bytes, size, nullptr, 0);
-        }
-        units.resize(static_cast<size_t>(std::max(needed, 0)));
-        if (!units.empty() && platform::MultiByteToWideChar(code_page, 0, bytes, size, units.data(),
-                                                            static_cast<int>(units.size())) <= 0)
-            units.clear();
     }
     while (!units.empty() && units.back() == 0) units.pop_back();  // a stored terminator
     return AssignUtf8(out, units.data(), units.size());

@@ -91,36 +91,6 @@ int32_t ReadEntry(MessageReads& reads, std::optional<size_t> index, CountedStrin
     return kStatusOk;
 }
 
-// 8-bit text in `code_page` (else Western European, should the page have no converter) as UTF-8 with a
-// terminating NUL. Bytes the page does not map become U+FFFD. 1, or -1 when memory runs out.
-int32_t EightBitToUtf8(std::string_view bytes, uint32_t code_page, CountedString& out) {
-    if (bytes.size() > static_cast<size_t>(INT32_MAX) / 4) return kStatusFailure;
-    const int size = static_cast<int>(bytes.size());
-    int units = platform::MultiByteToWideChar(code_page, 0, bytes.data(), size, nullptr, 0);
-    if (units <= 0) {
-        code_page = kWesternCodePage;
-        units = platform::MultiByteToWideChar(code_page, 0, bytes.data(), size, nullptr, 0);
-    }
-    std::u16string wide(static_cast<size_t>(std::max(units, 0)), u'\0');
-    if (units > 0 &&
-        platform::MultiByteToWideChar(code_page, 0, bytes.data(), size, wide.data(), units) != units)
-        wide.clear();
-    const int needed = wide.empty() ? 0
-                                    : platform::WideCharToMultiByte(platform::kCpUtf8, 0, wide.data(),
-                                                                    static_cast<int>(wide.size()), nullptr, 0,
-                                                                    nullptr, nullptr);
-    GrowBuffer utf8;
-    if (utf8.Init(static_cast<size_t>(std::max(needed, 0)) + 1, 0) != kStatusOk) return kStatusFailure;
-    const int written = needed <= 0 ? 0
-                                    : platform::WideCharToMultiByte(
-                                          platform::kCpUtf8, 0, wide.data(), static_cast<int>(wide.size()),
-                                          reinterpret_cast<char*>(utf8.data()), needed, nullptr, nullptr);
-    utf8.Extend(static_cast<size_t>(std::max(written, 0)));
-    if (utf8.Terminate() != kStatusOk) return kStatusFailure;
-    utf8.MoveInto(out);
-    return kStatusOk;
-}
-
 bool HasEightBitBytes(std::string_view text) {
     return std::any_of(text.begin(), text.end(),
                        [](char c) { return static_cast<unsigned char>(c) >= 0x80; });

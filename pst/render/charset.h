@@ -88,6 +88,10 @@ int32_t EnsureUtf8Meta(CountedString* html);
 // page its 8-bit strings are in: those are in the Windows page of the same script.
 uint32_t StoredStringCodePage(uint32_t named);
 
+// 8-bit text in `code_page` (else Western European, should the page have no converter) into `out` as
+// UTF-8 with a terminating NUL. Bytes the page does not map become U+FFFD. 1, or -1 when memory runs out.
+int32_t EightBitToUtf8(std::string_view bytes, uint32_t code_page, CountedString& out);
+
 }  // namespace tarn
 
 #endif  // TARN_PST_RENDER_CHARSET_H_

@@ -13,9 +13,7 @@
 namespace tarnview {
 namespace {
 
-constexpr std::string_view kLongNameStream = "/__substg1.0_3707";
-constexpr std::string_view kShortNameStream = "/__substg1.0_3704";
-constexpr std::string_view kDataStream = "/__substg1.0_37010102";
+constexpr std::string_view kLongNameStream = "__substg1.0_3707";
 constexpr std::string_view kEmbeddedStorage = "/__substg1.0_3701000D";
 
 std::string Text(const tarn::CountedString& value) {
@@ -36,12 +34,13 @@ std::vector<SourceAttachment> MessageFileAttachments(krn_handle handle, const st
         const std::string base = tarn::AttachmentStorageName(found.number);
         SourceAttachment attachment;
         tarn::CountedString value;
-        for (const std::string_view name : {kLongNameStream, kShortNameStream}) {
+        for (const std::string_view name : {kLongNameStream, tarn::kMsgAttachNameStream}) {
             if (attachment.name.empty() &&
-                tarn::ReadStringProperty(storage, base + std::string(name), value) == tarn::kStatusOk)
+                tarn::ReadStringProperty(storage, base + "/" + std::string(name), value) == tarn::kStatusOk)
                 attachment.name = Text(value);
         }
-        const int32_t status = tarn::ReadWholeStream(storage, base + std::string(kDataStream), value);
+        const int32_t status =
+            tarn::ReadWholeStream(storage, base + "/" + std::string(tarn::kMsgAttachDataStream), value);
         if (status == tarn::kStatusOk) {
             attachment.bytes.assign(reinterpret_cast<const char*>(value.data()), value.size());
         } else if (storage.find_entry(base + std::string(kEmbeddedStorage)) != nullptr) {
