@@ -146,10 +146,33 @@ std::optional<uint32_t> AttachmentNumber(std::string_view name) {
     return number;
 }
 
+// Replaces every use of `reference` with the image in the attachment's data stream. An attachment whose
+// data stream is missing, or whose image is too small to encode (0) or empty (-13), is passed over and
+// stays a reference. 1, or a failure that ends the walk.
+int32_t InlineAttachmentData(MessageReads& reads, size_t attachment, const std::string& reference,
+                             ImageInliner& images) {
+    CountedString data;
+    const int32_t read =
+        ReadEntry(reads, reads.storage.directory().find_child(attachment, kMsgAttachDataStream), data);
+    if (read == kStatusNotPresent) return kStatusOk;
+    if (read != kStatusOk) return read;
+    int32_t count = 0;
+    const int32_t status = images.Inline(reference, data.data(), data.size(), &count);
+    return status == 0 || status == kStatusBadArgument ? kStatusOk : status;
+}
+
+// An attachment that the body may name by its long file name: found only after all others.
+struct LongNamed {
+    size_t attachment;
+    std::string name;
+};
+
 // One attachment storage: when the HTML refers to its image (by "cid:" and the content id, else by the
-// file name), the references are replaced by the image. An attachment the body does not mention, or
-// whose data stream is missing, is passed over. 1, or a failure that ends the walk.
-int32_t InlineAttachment(MessageReads& reads, size_t attachment, ImageInliner& images) {
+// file name), the references are replaced by the image. An attachment the body does not mention is
+// passed over; repaired, it goes to `long_named` when its long file name differs. 1, or a failure that
+// ends the walk.
+int32_t InlineAttachment(MessageReads& reads, size_t attachment, ImageInliner& images,
+                         std::vector<LongNamed>* long_named) {
     CountedString file_name;
     CountedString content_id;
     if (const int32_t status = ReadString(reads, attachment, kMsgAttachNameStream, file_name);
@@ -159,29 +182,43 @@ int32_t InlineAttachment(MessageReads& reads, size_t attachment, ImageInliner& i
         status < kStatusOk)
         return status;
     std::string reference;
-    if (const int32_t found = images.Find(file_name.text(), content_id.text(), &reference);
-        found != kStatusOk)
+    const int32_t found = images.Find(file_name.text(), content_id.text(), &reference);
+    if (found == kStatusOk) return InlineAttachmentData(reads, attachment, reference, images);
+    if (found != kStatusNotPresent || long_named == nullptr)
         return found == kStatusNotPresent ? kStatusOk : found;
-
-    CountedString data;
-    const int32_t read =
-        ReadEntry(reads, reads.storage.directory().find_child(attachment, kMsgAttachDataStream), data);
-    if (read == kStatusNotPresent) return kStatusOk;
-    if (read != kStatusOk) return read;
-    int32_t count = 0;
-    const int32_t status = images.Inline(reference, data.data(), data.size(), &count);
-    // An image too small to encode (0) or empty (-13) stays a reference; the other images are still
-    // inlined.
-    return status == 0 || status == kStatusBadArgument ? kStatusOk : status;
+    CountedString long_name;
+    if (const int32_t status = ReadString(reads, attachment, kMsgAttachLongNameStream, long_name);
+        status < kStatusOk)
+        return status;
+    if (long_name.TextLength() > 0 && long_name.text() != file_name.text())
+        long_named->push_back({attachment, std::string(long_name.text())});
+    return kStatusOk;
 }
 
 // Inlines the images of every attachment storage. 1, or the first failure, which ends the walk.
 int32_t WalkAttachments(MessageReads& reads, MessageDocument& record, ImageFileWriter* image_files) {
     ImageInliner images(&record.document, image_files);
+    // Writers that give an image no "cid:" refer to it by its long name (the short one is 8.3). A name
+    // is found inside a longer one ("2.jpg" in "12.jpg"), so the longest go first: once inlined, a
+    // longer name is gone from the body.
+    std::vector<LongNamed> long_named;
+    std::vector<LongNamed>* deferred = reads.repairs != nullptr ? &long_named : nullptr;
     int32_t status = kStatusOk;
     for (const AttachmentStorageEntry& attachment : FindAttachmentStorages(reads.storage)) {
-        status = InlineAttachment(reads, attachment.entry, images);
+        status = InlineAttachment(reads, attachment.entry, images, deferred);
         if (status != kStatusOk) break;
+    }
+    std::stable_sort(long_named.begin(), long_named.end(),
+                     [](const LongNamed& a, const LongNamed& b) { return a.name.size() > b.name.size(); });
+    for (size_t i = 0; status == kStatusOk && i < long_named.size(); ++i) {
+        std::string reference;
+        const int32_t found = images.Find(long_named[i].name, {}, &reference);
+        if (found == kStatusOk) {
+            reads.repairs->Make(Repair::kMsgAttachLongName);
+            status = InlineAttachmentData(reads, long_named[i].attachment, reference, images);
+        } else if (found != kStatusNotPresent) {
+            status = found;
+        }
     }
     // The images put in before a failure stay in the body.
     const int32_t finished = images.Finish();

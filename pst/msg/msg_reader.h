@@ -35,6 +35,7 @@ inline constexpr std::string_view kMsgDisplayCcStream = "__substg1.0_0E03";
 inline constexpr std::string_view kMsgDisplayBccStream = "__substg1.0_0E02";
 inline constexpr std::string_view kMsgPropertiesStream = "__properties_version1.0";
 inline constexpr std::string_view kMsgAttachNameStream = "__substg1.0_3704";
+inline constexpr std::string_view kMsgAttachLongNameStream = "__substg1.0_3707";
 inline constexpr std::string_view kMsgAttachContentIdStream = "__substg1.0_3712";
 inline constexpr std::string_view kMsgAttachDataStream = "__substg1.0_37010102";
 

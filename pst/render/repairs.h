@@ -13,19 +13,20 @@ namespace tarn {
 
 // Each repair has a name of its own, given to hosts (an export's manifest lists them per document).
 enum class Repair : uint32_t {
-    kTextWholeLength,   // a text document declares its whole length, not two bytes short
-    kTextUtf8,          // a text document is UTF-8 throughout, behind a UTF-8 mark
-    kTextBody,          // a message without an HTML or RTF body gives its text body as a text document
-    kHeaderOnly,        // a message without any body gives its header block alone
-    kHtmlHeaderEscape,  // header values are escaped as HTML text in an HTML document
-    kWalkedCounts,      // a store's folders without a content count are counted by their rows
-    kRtfHeaderEscape,   // RTF header text in a code page escapes the bytes RTF reads as structure
-    kRtfHeaderPlace,    // the RTF header goes in front of a paragraph of the body, never into a
-                        // destination, and a body without "\pard" still gets one
-    kRtfFontTable,      // a body without a font table gets a well-formed one for the header's fonts
-    kHtmlUtf8Meta,      // an HTML document declares UTF-8 first, where a browser honours it
-    kMsgHtmlBody,       // a message file without a compressed-RTF body shows its HTML body
-    kMsgCodePage,       // a message file's 8-bit strings are converted from its code page
+    kTextWholeLength,    // a text document declares its whole length, not two bytes short
+    kTextUtf8,           // a text document is UTF-8 throughout, behind a UTF-8 mark
+    kTextBody,           // a message without an HTML or RTF body gives its text body as a text document
+    kHeaderOnly,         // a message without any body gives its header block alone
+    kHtmlHeaderEscape,   // header values are escaped as HTML text in an HTML document
+    kWalkedCounts,       // a store's folders without a content count are counted by their rows
+    kRtfHeaderEscape,    // RTF header text in a code page escapes the bytes RTF reads as structure
+    kRtfHeaderPlace,     // the RTF header goes in front of a paragraph of the body, never into a
+                         // destination, and a body without "\pard" still gets one
+    kRtfFontTable,       // a body without a font table gets a well-formed one for the header's fonts
+    kHtmlUtf8Meta,       // an HTML document declares UTF-8 first, where a browser honours it
+    kMsgHtmlBody,        // a message file without a compressed-RTF body shows its HTML body
+    kMsgCodePage,        // a message file's 8-bit strings are converted from its code page
+    kMsgAttachLongName,  // a message file's image is also found by its attachment's long file name
     // Internet messages:
     kLfLineEnds,          // delimiters, soft line breaks and empty lines are found after LF alone too
     kEncodedWordSpace,    // white space between adjacent encoded words is dropped

@@ -1,11 +1,15 @@
 #!/usr/bin/python3
 """Every corpus message file renders, and its header block shows what independent readers find.
 
-  msg_corpus_check.py TARNVIEW NODE ORACLES_DIR CORPUS_DIR WORKDIR
+  msg_corpus_check.py TARNVIEW NODE ORACLES_DIR CORPUS_DIR WORKDIR [--repaired]
 
-Each .msg is rendered twice with `tarnview render`: as the toolkit asks by default, and with --text. The
-first must give a document (format 226 or 369) when the file holds a compressed-RTF body, and status -9
-otherwise (a message file's HTML property is not one of the bodies the reader takes). The --text document
+Each .msg is rendered twice with `tarnview render`: as the toolkit asks by default, and with --text.
+With --compat (the toolkit's contract), the first must give a document (format 226 or 369) when the file
+holds a compressed-RTF body, and status -9 otherwise (a message file's HTML property is not one of the
+bodies the reader takes). With --repaired, tarnview's default, every file gives a document, 8-bit values
+are shown converted from the message's code page and so must equal msgreader's decoding, and an HTML
+document has inlined exactly the images that msgreader finds among the attachments and the body refers
+to: no image the body still names by "cid:" or file name, and no image that is not an attachment. The --text document
 opens with the header block as lines "Label:<tab>value"; Subject, From and its address, To and Cc there
 must equal what npm @kenjiuno/msgreader reports, and, where our reading differs from that reader's by
 design, what python3-olefile finds in the streams themselves:
@@ -25,10 +29,12 @@ RTF documents are also read by unrtf, whose text must show each ASCII value.
 
 Exit status 0 when every file passed, 1 with one line per fault.
 """
+import base64
 import json
 import os
 import re
 import shutil
+import struct
 import subprocess
 import sys
 
@@ -52,6 +58,20 @@ def string_property(ole, prop):
     return None, b""
 
 
+def message_codec(ole):
+    """Python's codec for the code page of a message's 8-bit strings: the message's own (0x3FFD), else
+    its Internet code page (0x3FDE), else Windows-1252."""
+    stream = ole.openstream("__properties_version1.0").read() if ole.exists("__properties_version1.0") else b""
+    found = {}
+    for at in range(32, len(stream) - 15, 16):
+        kind, prop = struct.unpack_from("<HH", stream, at)
+        if kind == 0x0003:
+            found[prop] = struct.unpack_from("<I", stream, at + 8)[0]
+    page = found.get(0x3FFD) or found.get(0x3FDE) or 1252
+    # A 7-bit Internet code page is not how strings are stored: ISO-2022-JP mail keeps them in Shift_JIS.
+    return {65001: "utf-8", 50220: "cp932", 20127: "cp1252", 28591: "latin-1"}.get(page, "cp%d" % page)
+
+
 def has_rtf_body(ole):
     name = "__substg1.0_10090102"
     if not ole.exists(name):
@@ -59,14 +79,31 @@ def has_rtf_body(ole):
     return ole.openstream(name).read()[8:12] in (b"LZFu", b"MELA")
 
 
-def render(tarnview, path, out, text):
-    args = [tarnview, "render", path, "-o", out, "--compat"] + (["--text"] if text else [])
+def render(tarnview, path, out, text, repaired):
+    args = [tarnview, "render", path, "-o", out] + ([] if repaired else ["--compat"]) + (["--text"] if text else [])
     run = subprocess.run(args, capture_output=True, text=True, timeout=300,
                          env=dict(os.environ, TARNKRN_LANGUAGE="0x0409"))
     if run.returncode != 0:
         status = re.search(r"returned (-?\d+)", run.stderr)
         return None, int(status.group(1)) if status else run.stderr.strip()
     return int(re.search(r"format (\d+)", run.stdout).group(1)), None
+
+
+def image_faults(document, images, body):
+    """What an HTML document got wrong about the images that msgreader finds among the attachments: every
+    image that the message's body (`body`, as written) refers to by "cid:" and its id or by its file name
+    in quotes must be inlined, and nothing else may be."""
+    faults = []
+    attached = {image["base64"] for image in images}
+    for inlined in set(re.findall(rb"data:image;base64,([A-Za-z0-9+/=]*)", document)):
+        if inlined.decode() not in attached:
+            faults.append("an inlined image that is no attachment's")
+    for image in images:
+        references = ["cid:" + image["cid"]] * bool(image["cid"]) + ['"' + image["name"] + '"'] * bool(image["name"])
+        if any(reference.encode() in body for reference in references) and \
+                ("data:image;base64," + image["base64"]).encode() not in document:
+            faults.append("%s is referred to but not inlined" % image["name"])
+    return faults
 
 
 def header_lines(document):
@@ -84,6 +121,7 @@ def header_lines(document):
 
 def main():
     tarnview, node, oracles, corpus, workdir = sys.argv[1:6]
+    repaired = sys.argv[6:] == ["--repaired"]
     shutil.rmtree(workdir, ignore_errors=True)
     os.makedirs(workdir)
     files = sorted(os.path.join(corpus, f) for f in os.listdir(corpus) if f.endswith(".msg"))
@@ -102,13 +140,28 @@ def main():
             continue
         ole = olefile.OleFileIO(path)
         props = {p: string_property(ole, p) for p in (SUBJECT, SENDER, SMTP, REPRESENTING_ADDRESS, TO, CC)}
+        codec = message_codec(ole)
         has_text = ole.exists("__substg1.0_1000001F") or ole.exists("__substg1.0_1000001E")
         has_rtf = has_rtf_body(ole)
         ole.close()
 
         base = os.path.join(workdir, os.path.splitext(name)[0])
-        fmt, status = render(tarnview, path, base, False)
-        if has_rtf:
+        fmt, status = render(tarnview, path, base, False, repaired)
+        if repaired:
+            if fmt not in (226, 369, 316):
+                faults.append("%s: no document (%s)" % (name, status))
+                continue
+            documents += 1
+            if fmt == 369:
+                # The body as written: msgreader's HTML property, else the HTML recovered from the RTF
+                # body, as the contract gives it with its references untouched.
+                body = base64.b64decode(seen["html"])
+                if not body and render(tarnview, path, base + ".compat", False, False)[0] == 369:
+                    with open(base + ".compat", "rb") as f:
+                        body = f.read()
+                with open(base, "rb") as f:
+                    faults.extend("%s: %s" % (name, fault) for fault in image_faults(f.read(), seen["images"], body))
+        elif has_rtf:
             if fmt not in (226, 369):
                 faults.append("%s: a compressed-RTF body, yet no document (%s)" % (name, status))
                 continue
@@ -121,7 +174,7 @@ def main():
         if not has_text:
             continue
 
-        fmt_text, status = render(tarnview, path, base + ".txt", True)
+        fmt_text, status = render(tarnview, path, base + ".txt", True, repaired)
         if fmt_text != 316:
             faults.append("%s: --text gave no text document (%s)" % (name, status))
             continue
@@ -134,6 +187,13 @@ def main():
         def expect(label, ours_kind, raw, reader_value):
             """The value the line must show: the stream's bytes for 8-bit text, else the reader's."""
             nonlocal compared
+            if ours_kind == "8bit" and repaired:
+                ours = raw.decode(codec, errors="replace")
+                theirs = (reader_value or "").split("\0")[0]
+                # msgreader reads every 8-bit string as Latin-1, whatever the message's code page.
+                if theirs != ours and theirs != raw.decode("latin-1"):
+                    faults.append("%s: %s: %s decodes %r, msgreader %r" % (name, label, codec, ours, theirs))
+                return ours.encode("utf-8")
             if ours_kind == "8bit":
                 if reader_value is not None and raw.isascii() and raw.decode() != reader_value.split("\0")[0]:
                     faults.append("%s: %s: the stream holds %r, msgreader says %r" % (name, label, raw, reader_value))
