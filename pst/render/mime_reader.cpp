@@ -353,7 +353,11 @@ int32_t EmlReader::ReadLeaf(size_t begin, size_t end, int depth) {
     report.depth = depth;
     std::string content_type;
     std::string value;
-    FindHeaderField(headers, "Content-Type:", &content_type);
+    // A part that gives no type is plain text in US-ASCII (RFC 2045): a message of header fields and text.
+    if (!FindHeaderField(headers, "Content-Type:", &content_type) && repaired()) {
+        content_type = "text/plain; charset=us-ascii";
+        record_.repairs.Make(Repair::kUntypedText);
+    }
     report.type = MimeTypeOf(content_type);
     report.content_type = TrimSpace(std::string_view(content_type).substr(0, content_type.find(';')));
     CharsetCode charset;

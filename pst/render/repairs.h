@@ -23,6 +23,7 @@ enum class Repair : uint32_t {
     kRtfHeaderPlace,     // the RTF header goes in front of a paragraph of the body, never into a
                          // destination, and a body without "\pard" still gets one
     kRtfFontTable,       // a body without a font table gets a well-formed one for the header's fonts
+    kRtfUnicodeHeader,   // a body in UTF-8 (code page 65001) takes its header text as Unicode
     kHtmlUtf8Meta,       // an HTML document declares UTF-8 first, where a browser honours it
     kMsgHtmlBody,        // a message file without a compressed-RTF body shows its HTML body
     kMsgCodePage,        // a message file's 8-bit strings are converted from its code page
@@ -38,6 +39,7 @@ enum class Repair : uint32_t {
     kCidWithoutLocation,  // an image without a location is inlined where "cid:" refers to it
     kEnclosedMessage,     // an enclosed message is shown after the body, with its own header block
     kHtmlAsText,          // with the plain-text flag, an HTML body gives its text
+    kUntypedText,         // a part without a Content-Type is plain text, as RFC 2045 says
 };
 
 class Repairs {

@@ -18,6 +18,7 @@ namespace {
 constexpr std::string_view kFallbackFaces[] = {"Arial", "Symbol", "MS Gothic", "Batang", "Gulim", "Symbol"};
 
 constexpr int kMaxUnits = std::numeric_limits<int>::max();
+constexpr uint32_t kWesternCodePage = 1252;
 
 bool IsAscii(char16_t unit) { return unit < 0x80; }
 
@@ -304,6 +305,25 @@ int32_t WriteByRuns(RtfWriter& writer, RtfFontTable& table, int32_t& current, in
     return writer.status();
 }
 
+// Text for a body whose code page is UTF-8: ASCII as it is in the base font, and each stretch of other
+// units as Unicode, in a font that covers it when there is one.
+int32_t WriteUnicode(RtfWriter& writer, RtfFontTable& table, int32_t& current, int32_t base, Text text) {
+    size_t at = 0;
+    while (writer.status() == kStatusOk) {
+        at = WriteAsciiRun(writer, current, base, text, at);
+        if (at >= text.count) break;
+        size_t end = at;
+        while (end < text.count && !IsAscii(text.units[end])) ++end;
+        int32_t font = kNoFont;
+        if (const int32_t status = FindCoveringFont(table, text.units + at, end - at, &font); status < 0)
+            return status;
+        writer.SwitchFont(current, font != kNoFont ? font : base);
+        for (size_t i = at; i < end; ++i) writer.PutUnicode(text.units[i]);
+        at = end;
+    }
+    return writer.status();
+}
+
 }  // namespace
 
 int32_t EncodeRtfUnicode(GrowBuffer* out, RtfFontTable& table, int32_t& current_font, const char16_t* units,
@@ -314,8 +334,13 @@ int32_t EncodeRtfUnicode(GrowBuffer* out, RtfFontTable& table, int32_t& current_
     while (length < count && units[length] != 0) ++length;
     const Text text{units, length};
 
+    // A body in UTF-8 has no font a reader would read code-page bytes in. Repaired, its header text is
+    // Unicode, in a Western font where it is ASCII; the contract looks for a font of code page 65001,
+    // finds none, and gives no header.
+    const bool unicode = table.document_code_page == platform::kCpUtf8 && repairs != nullptr &&
+                         repairs->Make(Repair::kRtfUnicodeHeader);
     if (current_font == kNoFont) {
-        const int32_t font = FontForCodePage(table, table.document_code_page);
+        const int32_t font = FontForCodePage(table, unicode ? kWesternCodePage : table.document_code_page);
         if (font < 0) return font;
         current_font = font;
     }
@@ -327,13 +352,14 @@ int32_t EncodeRtfUnicode(GrowBuffer* out, RtfFontTable& table, int32_t& current_
     bool ascii = true;
     for (size_t i = 0; ascii && i < text.count; ++i) ascii = IsAscii(text.units[i]);
     uint32_t code_page = 0;
-    if (!ascii) {
+    if (!ascii && !unicode) {
         if (const int32_t status = FindUsableCodePage(text.units, text.count, &code_page); status < 0) {
             return status;
         }
     }
     const int32_t status =
         code_page != 0 ? WriteCodePageRun(writer, table, current_font, base, code_page, text, 0, text.count)
+        : unicode      ? WriteUnicode(writer, table, current_font, base, text)
                        : WriteByRuns(writer, table, current_font, base, text);
     if (status != kStatusOk) return status;
     writer.SwitchFont(current_font, base);

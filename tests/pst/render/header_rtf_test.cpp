@@ -176,6 +176,30 @@ TEST_F(RtfHeader, FontsAddedToABodyWithoutATableOrWithOneBehindPard) {
                   std::string(1, '\0'));
 }
 
+TEST_F(RtfHeader, ABodyInUtf8TakesItsHeaderAsUnicodeWhenRepaired) {
+    krnctlSetLanguage(0x0409);
+    const std::string body = "{\\rtf1\\ansi\\ansicpg65001\\deff0{\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}}\\pard a}";
+    for (const bool repaired : {false, true}) {
+        MessageDocument record;
+        record.repairs = Repairs(repaired);
+        Put(record.header[kSlotSubject], "M\u00fcller \u65e5\u672c");
+        Put(record.document, body);
+        const int32_t status = BuildLocalizedHeader(record, kBodyRtf);
+        const std::string document = Bytes(record.document);
+        if (!repaired) {
+            // No font of code page 65001 to write in: no header, and the body as it was.
+            EXPECT_LT(status, kStatusOk);
+            EXPECT_EQ(document, body);
+            continue;
+        }
+        ASSERT_EQ(status, kStatusOk);
+        const std::string text = std::regex_replace(document, std::regex(R"(\\f\d+ )"), "");
+        EXPECT_NE(text.find("M\\u252 ?ller \\u26085 ?\\u26412 ?"), std::string::npos) << document;
+        EXPECT_EQ(document.find("\\'"), std::string::npos) << document;
+        EXPECT_EQ(record.repairs.MadeNames(), "rtf-unicode-header");
+    }
+}
+
 TEST_F(RtfHeader, EnglishBlockHasTwoSeparatorsAndWritesValuesAsTheyAre) {
     MessageDocument record;
     Put(record.header[kSlotFrom], "Zoë {Z}");

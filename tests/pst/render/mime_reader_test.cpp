@@ -307,6 +307,7 @@ TEST(ReadEmlBytes, RepairsAgainstTheContract) {
                                  Leaf("message/rfc822", WriteMessage({"From: e@x", "Subject: in"},
                                                                      Html("<body><p>inner</p></body>")))})),
          -1, "outer", "outer\r\n\r\nFrom:   \te@x\r\nSubject:\tin\r\n\r\ninner"},
+        {"untyped-text", "Subject: a\r\n\r\nno type", -1, "", "no type"},
     };
     for (const Case& c : cases) {
         for (const bool repaired : {false, true}) {
