@@ -25,35 +25,9 @@ size_t external_block::read_raw(std::byte* destination, size_t size, size_t offs
     return size;
 }
 
-size_t external_block::write_raw(const std::byte* source, size_t size, size_t offset,
-                                 std::shared_ptr<data_block>& result) {
-    auto target = writable(*this);
-    result = target;
-    if (offset >= target->total_size_) return 0;
-    size = std::min<size_t>(size, target->total_size_ - offset);
-    if (target->buffer_.size() < target->total_size_) target->buffer_.resize(target->total_size_);
-    std::memcpy(target->buffer_.data() + offset, source, size);
-    return size;
-}
-
 const external_block& external_block::get_page(size_t index) const {
     if (index > 0) throw std::out_of_range("index > 0");
     return *this;
-}
-
-size_t external_block::resize(size_t size, std::shared_ptr<data_block>& result) {
-    auto target = writable(*this);
-    const size_t kept = std::min(size, target->max_size_);
-    target->buffer_.resize(kept);
-    target->total_size_ = static_cast<uint32_t>(kept);
-    if (size <= target->max_size_) {
-        result = target;
-        return size;
-    }
-    // Too large for one block: it becomes the first leaf of a new level-1 tree.
-    auto db = get_db_ptr();
-    auto parent = db->create_extended_block(db, target);
-    return parent->resize(size, result);
 }
 
 // ---- extended_block ------------------------------------------------------------------------------
@@ -91,12 +65,6 @@ const std::shared_ptr<data_block>& extended_block::get_child_block(size_t index)
     return slot;
 }
 
-void extended_block::adopt_child(size_t index, std::shared_ptr<data_block> child) {
-    if (index >= m_child_blocks.size()) throw std::out_of_range("index >= m_child_blocks.size()");
-    if (auto* nested = dynamic_cast<extended_block*>(child.get())) nested->depth_ = depth_ + 1;
-    m_child_blocks[index] = std::move(child);
-}
-
 size_t extended_block::read_raw(std::byte* destination, size_t size, size_t offset) const {
     if (offset >= total_size_) return 0;
     size = std::min<size_t>(size, total_size_ - offset);
@@ -114,27 +82,6 @@ size_t extended_block::read_raw(std::byte* destination, size_t size, size_t offs
     return done;
 }
 
-size_t extended_block::write_raw(const std::byte* source, size_t size, size_t offset,
-                                 std::shared_ptr<data_block>& result) {
-    auto target = writable(*this);
-    result = target;
-    if (offset >= target->total_size_) return 0;
-    size = std::min<size_t>(size, target->total_size_ - offset);
-    size_t done = 0;
-    while (done < size) {
-        const size_t index = offset / child_max_total_;
-        const size_t inner = offset % child_max_total_;
-        std::shared_ptr<data_block> updated;
-        const size_t put =
-            target->get_child_block(index)->write_raw(source + done, size - done, inner, updated);
-        target->m_child_blocks[index] = std::move(updated);
-        if (put == 0) throw database_corrupt("extended block child holds less data than its share");
-        done += put;
-        offset += put;
-    }
-    return done;
-}
-
 size_t extended_block::get_page_count() const {
     const size_t page_size = child_max_total_ / child_max_pages_;
     return (static_cast<size_t>(total_size_) + page_size - 1) / page_size;
@@ -142,39 +89,6 @@ size_t extended_block::get_page_count() const {
 
 const external_block& extended_block::get_page(size_t index) const {
     return get_child_block(index / child_max_pages_)->get_page(index % child_max_pages_);
-}
-
-size_t extended_block::resize(size_t size, std::shared_ptr<data_block>& result) {
-    auto target = writable(*this);
-    const size_t needed = std::min((size + child_max_total_ - 1) / child_max_total_, max_children_);
-    if (needed >= 2) {
-        const size_t old_count = target->block_ids_.size();
-        target->block_ids_.resize(needed, 0);
-        target->m_child_blocks.resize(needed);
-        std::shared_ptr<data_block> updated;
-        if (old_count >= 1 && old_count < needed) {
-            // The old last child now sits in the middle: it must hold a full share.
-            target->get_child_block(old_count - 1)->resize(child_max_total_, updated);
-            target->m_child_blocks[old_count - 1] = std::move(updated);
-        }
-        // Capped at one share: past the most children, the growth goes to a new level instead.
-        const size_t remainder = std::min(size - child_max_total_ * (needed - 1), child_max_total_);
-        target->get_child_block(needed - 1)->resize(remainder, updated);
-        target->m_child_blocks[needed - 1] = std::move(updated);
-    }
-    const size_t max_size = max_children_ * child_max_total_;
-    if (size <= max_size && size <= std::numeric_limits<uint32_t>::max()) {
-        target->total_size_ = static_cast<uint32_t>(size);
-        result = target;
-        return size;
-    }
-    target->total_size_ =
-        static_cast<uint32_t>(std::min<size_t>(max_size, std::numeric_limits<uint32_t>::max()));
-    // The total is 32 bits wide, so a level-2 tree also stops at 4 GiB.
-    if (level_ != 1) throw can_not_resize("size > max_size");
-    auto db = get_db_ptr();
-    auto parent = db->create_extended_block(db, target);
-    return parent->resize(size, result);
 }
 
 // ---- subnode_nonleaf_block -----------------------------------------------------------------------
@@ -342,7 +256,8 @@ std::shared_ptr<subnode_nonleaf_block> database_impl<T>::read_subnode_nonleaf_bl
     return std::dynamic_pointer_cast<subnode_nonleaf_block>(build_subnode_block(db, bi, bytes));
 }
 
-// ---- In-memory blocks ----------------------------------------------------------------------------
+// ---- Holes: in-memory blocks that read as zeros
+// ------------------------------------------------------------------------
 
 template <typename T>
 std::shared_ptr<external_block> database_impl<T>::create_external_block(const db_ptr& db, size_t size) {
@@ -364,28 +279,6 @@ std::shared_ptr<extended_block> database_impl<T>::create_extended_block(const db
                                             std::vector<block_id>(children, 0));
 }
 
-template <typename T>
-std::shared_ptr<extended_block> database_impl<T>::create_extended_block(
-    const db_ptr& db, const std::shared_ptr<extended_block>& child) {
-    constexpr const auto& block = layout<T>::block;
-    auto parent = std::make_shared<extended_block>(
-        db, block_info{}, 2, static_cast<uint32_t>(child->get_total_size()), block.max_level2_child,
-        block.max_children, block.max_children, std::vector<block_id>{child->get_id()});
-    parent->adopt_child(0, child);
-    return parent;
-}
-
-template <typename T>
-std::shared_ptr<extended_block> database_impl<T>::create_extended_block(
-    const db_ptr& db, const std::shared_ptr<external_block>& child) {
-    constexpr const auto& block = layout<T>::block;
-    auto parent = std::make_shared<extended_block>(
-        db, block_info{}, 1, static_cast<uint32_t>(child->get_total_size()), block.max_data, 1,
-        block.max_children, std::vector<block_id>{child->get_id()});
-    parent->adopt_child(0, child);
-    return parent;
-}
-
 // The block readers and makers of both layouts (the rest of the class is instantiated in
 // database.cpp and page.cpp; the helpers above are instantiated by their callers here).
 template std::shared_ptr<block> database_impl<uint32_t>::read_block(const db_ptr&, const block_info&);
@@ -405,10 +298,6 @@ template std::shared_ptr<external_block> database_impl<uint32_t>::create_externa
                                                                                         size_t);
 template std::shared_ptr<extended_block> database_impl<uint32_t>::create_extended_block(const db_ptr&,
                                                                                         size_t);
-template std::shared_ptr<extended_block> database_impl<uint32_t>::create_extended_block(
-    const db_ptr&, const std::shared_ptr<extended_block>&);
-template std::shared_ptr<extended_block> database_impl<uint32_t>::create_extended_block(
-    const db_ptr&, const std::shared_ptr<external_block>&);
 template std::shared_ptr<block> database_impl<uint64_t>::read_block(const db_ptr&, const block_info&);
 template std::shared_ptr<data_block> database_impl<uint64_t>::read_data_block(const db_ptr&,
                                                                               const block_info&);
@@ -426,9 +315,5 @@ template std::shared_ptr<external_block> database_impl<uint64_t>::create_externa
                                                                                         size_t);
 template std::shared_ptr<extended_block> database_impl<uint64_t>::create_extended_block(const db_ptr&,
                                                                                         size_t);
-template std::shared_ptr<extended_block> database_impl<uint64_t>::create_extended_block(
-    const db_ptr&, const std::shared_ptr<extended_block>&);
-template std::shared_ptr<extended_block> database_impl<uint64_t>::create_extended_block(
-    const db_ptr&, const std::shared_ptr<external_block>&);
 
 }  // namespace tarn::ndb

@@ -39,10 +39,7 @@ class block {
     virtual ~block() = default;
 
     virtual bool is_internal() const = 0;
-    // Maintenance hook for writers of the store; reading never needs it.
-    virtual void touch() {}
 
-    bool is_modified() const { return modified_; }
     uint16_t get_disk_size() const { return size_; }
     block_id get_id() const { return id_; }
     uint64_t get_address() const { return address_; }
@@ -51,7 +48,6 @@ class block {
     // The database for the length of one operation. Throws std::bad_weak_ptr when it is gone.
     std::shared_ptr<db_context> get_db_ptr() const { return std::shared_ptr<db_context>(db_); }
 
-    bool modified_ = false;
     uint16_t size_;
     block_id id_;
     uint64_t address_;
@@ -65,15 +61,11 @@ class data_block : public block {
 
     // Copies up to `size` bytes from `offset` of the stream; fewer near the end, none at or past it.
     virtual size_t read_raw(std::byte* destination, size_t size, size_t offset) const = 0;
-    // In memory only (copy-on-write): `result` receives the block that now holds the data.
-    virtual size_t write_raw(const std::byte* source, size_t size, size_t offset,
-                             std::shared_ptr<data_block>& result) = 0;
     virtual size_t get_page_count() const = 0;
     // The leaf data block of that index (the unit a heap-on-node works in). Borrowed: valid as long as
     // this block, which keeps its children. Heap reads ask for it several times per value, so it is
     // handed out without touching a reference count.
     virtual const external_block& get_page(size_t index) const = 0;
-    virtual size_t resize(size_t size, std::shared_ptr<data_block>& result) = 0;
 
     size_t get_total_size() const { return total_size_; }
 
@@ -98,21 +90,11 @@ class data_block : public block {
     }
 
   protected:
-    // Copy-on-write: the block to change, this one or a copy when someone else also holds it.
-    template <typename B>
-    static std::shared_ptr<B> writable(B& self) {
-        auto held = self.shared_from_this();
-        // `held` and the caller's own pointer: anything above two is another holder.
-        if (held.use_count() > 2) held = std::make_shared<B>(self);
-        held->modified_ = true;
-        return held;
-    }
-
     uint32_t total_size_;
 };
 
 // A leaf data block: decoded bytes of one block.
-class external_block : public data_block, public std::enable_shared_from_this<external_block> {
+class external_block : public data_block {
   public:
     external_block(const std::shared_ptr<db_context>& db, const block_info& info, size_t max_size,
                    uint32_t total_size, std::vector<std::byte> data)
@@ -120,11 +102,8 @@ class external_block : public data_block, public std::enable_shared_from_this<ex
 
     bool is_internal() const override { return false; }
     size_t read_raw(std::byte* destination, size_t size, size_t offset) const override;
-    size_t write_raw(const std::byte* source, size_t size, size_t offset,
-                     std::shared_ptr<data_block>& result) override;
     size_t get_page_count() const override { return 1; }
     const external_block& get_page(size_t index) const override;
-    size_t resize(size_t size, std::shared_ptr<data_block>& result) override;
 
     size_t get_max_size() const { return max_size_; }
     // The stored bytes. A block made in memory may hold fewer than its total size: the rest reads as
@@ -147,7 +126,7 @@ struct block_registry {
 };
 
 // An XBLOCK (level 1) or XXBLOCK (level 2): the ids of its children and the children loaded so far.
-class extended_block : public data_block, public std::enable_shared_from_this<extended_block> {
+class extended_block : public data_block {
   public:
     // `child_max_total`: most bytes under one child; `child_max_pages`: leaf blocks under one child;
     // `depth`: extended blocks from the top of the tree down to this one (1 for the top).
@@ -165,28 +144,13 @@ class extended_block : public data_block, public std::enable_shared_from_this<ex
           registry_(std::make_shared<block_registry>()) {
         if (info.id != 0) registry_->ids.insert(info.id & ~block_id{1});
     }
-    // A copy (copy-on-write) keeps the id, which is never written anywhere, and the children loaded so
-    // far, and starts its own record of the blocks it loads.
-    extended_block(const extended_block& other)
-        : data_block(other),
-          std::enable_shared_from_this<extended_block>(),
-          child_max_total_(other.child_max_total_),
-          child_max_pages_(other.child_max_pages_),
-          max_children_(other.max_children_),
-          level_(other.level_),
-          depth_(other.depth_),
-          block_ids_(other.block_ids_),
-          m_child_blocks(other.m_child_blocks),
-          registry_(std::make_shared<block_registry>(*other.registry_)) {}
+    extended_block(const extended_block&) = delete;
     extended_block& operator=(const extended_block&) = delete;
 
     bool is_internal() const override { return true; }
     size_t read_raw(std::byte* destination, size_t size, size_t offset) const override;
-    size_t write_raw(const std::byte* source, size_t size, size_t offset,
-                     std::shared_ptr<data_block>& result) override;
     size_t get_page_count() const override;
     const external_block& get_page(size_t index) const override;
-    size_t resize(size_t size, std::shared_ptr<data_block>& result) override;
 
     uint8_t get_level() const { return level_; }
     size_t num_children() const { return block_ids_.size(); }
@@ -195,8 +159,6 @@ class extended_block : public data_block, public std::enable_shared_from_this<ex
     // The child at `index`, read on first use and kept. Throws std::out_of_range
     // ("index >= m_child_blocks.size()") past the last child id.
     const std::shared_ptr<data_block>& get_child_block(size_t index) const;
-    // Puts an in-memory block in place of child `index` (the database's create operations use it).
-    void adopt_child(size_t index, std::shared_ptr<data_block> child);
 
   private:
     friend class data_block;

@@ -124,16 +124,6 @@ std::shared_ptr<nbt_page> database_impl<T>::read_nbt_root() {
     return nbt_root_;
 }
 
-// Deliberately masks instead of setting the internal bit: `internal` gives 0 or 2, never a fresh id.
-// Nothing on the reading paths calls this; ids handed out here are never written to the file.
-template <typename T>
-block_id database_impl<T>::alloc_bid(bool internal) {
-    constexpr size_t at = layout<T>::header.bid_next_b;
-    const T current = LoadLe<T>(header_.data() + at);
-    StoreLe<T>(header_.data() + at, static_cast<T>(current + 4));
-    return internal ? (current & 2) : current;
-}
-
 // The members defined here; page.cpp and block.cpp instantiate theirs.
 template class database_impl<uint32_t>;
 template class database_impl<uint64_t>;

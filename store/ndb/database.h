@@ -1,6 +1,6 @@
 // The database handle of a PST store: opens the file, checks the header, picks the ANSI or Unicode
-// layout, and hands out nodes, pages and blocks. Read-only: the few operations that make blocks act
-// on in-memory objects and never write to the file.
+// layout, and hands out nodes, pages and blocks. Read-only: the blocks it makes in memory are the holes
+// of data trees, which read as zeros.
 //
 // Not thread-safe: one database and everything read from it serve one thread at a time.
 #ifndef TARN_STORE_NDB_DATABASE_H_
@@ -61,17 +61,9 @@ class db_context : public std::enable_shared_from_this<db_context> {
     virtual std::shared_ptr<subnode_nonleaf_block> read_subnode_nonleaf_block(const db_ptr& db,
                                                                               block_id bid) = 0;
 
-    // In-memory blocks (never written to the file).
+    // In-memory blocks that read as zeros: the holes of a data tree (child id 0).
     virtual std::shared_ptr<external_block> create_external_block(const db_ptr& db, size_t size) = 0;
     virtual std::shared_ptr<extended_block> create_extended_block(const db_ptr& db, size_t size) = 0;
-    virtual std::shared_ptr<extended_block> create_extended_block(
-        const db_ptr& db, const std::shared_ptr<extended_block>& child) = 0;
-    virtual std::shared_ptr<extended_block> create_extended_block(
-        const db_ptr& db, const std::shared_ptr<external_block>& child) = 0;
-
-    // The next block id from the header's bidNextB, advanced in memory only. With `internal` the
-    // old value is masked with 2 (see database.cpp).
-    virtual block_id alloc_bid(bool internal) = 0;
 };
 
 // Opens the store at `path` (ANSI first, Unicode when the ANSI header check says "Unexpected Database

@@ -103,12 +103,6 @@ class database_impl : public db_context {
 
     std::shared_ptr<external_block> create_external_block(const db_ptr& db, size_t size) override;
     std::shared_ptr<extended_block> create_extended_block(const db_ptr& db, size_t size) override;
-    std::shared_ptr<extended_block> create_extended_block(
-        const db_ptr& db, const std::shared_ptr<extended_block>& child) override;
-    std::shared_ptr<extended_block> create_extended_block(
-        const db_ptr& db, const std::shared_ptr<external_block>& child) override;
-
-    block_id alloc_bid(bool internal) override;
 
   private:
     // Page reading (page.cpp).

@@ -79,11 +79,6 @@ class key_not_found : public std::exception {
     K key_;
 };
 
-class can_not_resize : public std::runtime_error {
-  public:
-    explicit can_not_resize(const std::string& message) : std::runtime_error(message) {}
-};
-
 class not_implemented : public std::logic_error {
   public:
     explicit not_implemented(const std::string& message) : std::logic_error(message) {}

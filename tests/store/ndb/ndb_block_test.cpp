@@ -1,5 +1,5 @@
 // Blocks and data trees: trailer checks, the three encodings, XBLOCK and XXBLOCK streams, reads by
-// offset and by page, and the in-memory copy-on-write changes.
+// offset and by page.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -347,65 +347,6 @@ TEST(NdbBlock, EmptyDataReadsAsAnEmptyStream) {
     EXPECT_EQ(MessageOf<std::out_of_range>([&] { n.read(buffer, 0, 0); }), "offset >= size()");
     Bytes empty;
     EXPECT_EQ(n.read(empty, 0), 0u);
-}
-
-TEST(NdbBlock, InMemoryResizeAndWriteCopyOnWrite) {
-    PstDescription d;
-    const Bytes data = PatternBytes(300, 4);
-    d.nodes.push_back({.id = 0x24, .data = data});
-    TempPstFile file(WritePst(d).bytes);
-    auto db = open_database(file.path());
-
-    // A block read from the file and also held by its node is copied before it changes.
-    node n = db->lookup_node(0x24);
-    std::shared_ptr<data_block> original = n.get_data_block();
-    std::shared_ptr<data_block> changed;
-    const Bytes patch = ToBytes("PATCH");
-    EXPECT_EQ(original->write_raw(patch.data(), patch.size(), 10, changed), 5u);
-    EXPECT_NE(changed, original);
-    EXPECT_TRUE(changed->is_modified());
-    EXPECT_FALSE(original->is_modified());
-    Bytes got(300);
-    changed->read(got, 0);
-    EXPECT_TRUE(std::equal(patch.begin(), patch.end(), got.begin() + 10));
-    original->read(got, 0);
-    EXPECT_EQ(got, data);
-
-    // Growing past one block makes a level-1 tree whose first leaf keeps the old bytes; the new
-    // bytes read as zeros. Shrinking keeps the prefix.
-    std::shared_ptr<data_block> grown;
-    changed->resize(20000, grown);
-    EXPECT_NE(std::dynamic_pointer_cast<extended_block>(grown), nullptr);
-    EXPECT_EQ(grown->get_total_size(), 20000u);
-    EXPECT_EQ(grown->get_page_count(), 3u);
-    Bytes all(20000);
-    EXPECT_EQ(grown->read(all, 0), 20000u);
-    EXPECT_TRUE(std::equal(patch.begin(), patch.end(), all.begin() + 10));
-    EXPECT_EQ(std::count(all.begin() + 300, all.end(), std::byte{0}), 20000 - 300);
-    std::shared_ptr<data_block> rewritten;
-    EXPECT_EQ(grown->write_raw(patch.data(), patch.size(), 8174, rewritten), 5u);  // across two leaves
-    Bytes check(5);
-    rewritten->read(check, 8174);
-    EXPECT_EQ(check, patch);
-
-    // New blocks in memory: a level-1 block up to 8347696 bytes, level 2 above; level 2 stops at
-    // its maximum.
-    auto small = db->create_extended_block(db, 8347696);
-    EXPECT_EQ(small->get_level(), 1);
-    auto big = db->create_extended_block(db, 8347697);
-    EXPECT_EQ(big->get_level(), 2);
-    std::shared_ptr<data_block> result;
-    EXPECT_EQ(MessageOf<can_not_resize>([&] { big->resize(size_t{1021} * 8347696 + 1, result); }),
-              "size > max_size");
-    auto leaf = db->create_external_block(db, 10);
-    EXPECT_EQ(leaf->get_total_size(), 10u);
-    Bytes zeros(10, std::byte{1});
-    leaf->read(zeros, 0);
-    EXPECT_EQ(zeros, Bytes(10));
-    auto wrapped = db->create_extended_block(db, leaf);
-    EXPECT_EQ(wrapped->get_level(), 1);
-    EXPECT_EQ(wrapped->num_children(), 1u);
-    EXPECT_EQ(db->create_extended_block(db, wrapped)->get_level(), 2);
 }
 
 }  // namespace

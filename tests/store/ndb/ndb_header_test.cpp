@@ -1,5 +1,5 @@
 // Opening a store: layout choice by version, header CRCs, what is deliberately not checked, file
-// errors, the cached roots and the in-memory block id counter.
+// errors.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -160,45 +160,6 @@ TEST(NdbHeader, FileErrorsPassThrough) {
     krnctlFailFileOperation(KRNCTL_SEEK, 1);
     EXPECT_EQ(MessageOf<std::out_of_range>([&] { db->read_nbt_root(); }), "fseek failed");
     EXPECT_NO_THROW(db->read_nbt_root());
-}
-
-TEST(NdbHeader, RootsAreReadOnceAndKept) {
-    TempPstFile file(WritePst(OneNode(PstLayout::kAnsi)).bytes);
-    auto db = open_database(file.path());
-    auto bbt = db->read_bbt_root();
-    auto nbt = db->read_nbt_root();
-    // A third read would fail: the cached pages are returned without touching the file.
-    krnctlFailFileOperation(KRNCTL_READ, 1);
-    EXPECT_EQ(db->read_bbt_root(), bbt);
-    EXPECT_EQ(db->read_nbt_root(), nbt);
-    krnctlReset();
-}
-
-TEST(NdbHeader, AllocBidCountsInMemoryAndMasksInternalIds) {
-    for (PstLayout layout : {PstLayout::kAnsi, PstLayout::kUnicode}) {
-        PstDescription d = OneNode(layout);
-        d.first_block_id = 0x1234;
-        PstImage image = WritePst(d);
-        TempPstFile file(image.bytes);
-        auto db = open_database(file.path());
-        const uint64_t next = image.GetId(layout == PstLayout::kAnsi ? 24 : 516);
-        EXPECT_EQ(db->alloc_bid(false), next);
-        EXPECT_EQ(db->alloc_bid(false), next + 4);
-        // Deliberately the old value masked with 2, not the old value with the internal bit set.
-        const block_id internal = db->alloc_bid(true);
-        EXPECT_EQ(internal, (next + 8) & 2);
-        EXPECT_TRUE(internal == 0 || internal == 2);
-        EXPECT_EQ(db->alloc_bid(false), next + 12);
-    }
-    // ANSI arithmetic is 32 bits wide.
-    PstDescription d = OneNode(PstLayout::kAnsi);
-    PstImage image = WritePst(d);
-    image.PutId(24, 0xFFFFFFFE);
-    image.FixHeaderCrcs();
-    TempPstFile file(image.bytes);
-    auto db = open_database(file.path());
-    EXPECT_EQ(db->alloc_bid(false), 0xFFFFFFFEu);
-    EXPECT_EQ(db->alloc_bid(false), 2u);
 }
 
 TEST(NdbHeader, ChecksumsMatchThePublishedSamples) {
