@@ -2,6 +2,7 @@
 #ifndef TARN_TESTS_SUPPORT_TEST_UTIL_H_
 #define TARN_TESTS_SUPPORT_TEST_UTIL_H_
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <ctime>
@@ -62,6 +63,17 @@ inline std::vector<std::string> ListFields(const std::string& line) {
         }
     }
     return fields;
+}
+
+// The names of the files of the shared corpus folder `kind` ("pst", "msg", "eml") with that extension,
+// sorted.
+inline std::vector<std::string> CorpusFiles(const std::string& kind) {
+    std::vector<std::string> files;
+    for (const auto& entry :
+         std::filesystem::directory_iterator(std::string(TARN_SHARED_DIR) + "/corpus/" + kind))
+        if (entry.path().extension() == "." + kind) files.push_back(entry.path().filename().string());
+    std::sort(files.begin(), files.end());
+    return files;
 }
 
 // A corpus file name as a test name: its stem, every character other than a letter or digit as '_'.

@@ -1,8 +1,8 @@
 // Real stores written by mail software: every folder opens as a property bag with its display name and
 // content count; every contents table opens and every existing cell of every row reads; every message
 // opens as a property bag and every property it lists reads, fixed and variable, and every value reads
-// to its end through a stream. The totals are pinned, and folder content counts are checked against
-// the contents tables: two structures of the file that must agree.
+// to its end through a stream. Folder content counts are checked against the contents tables, and
+// messages against their rows: structures of the file that must agree.
 #include <gtest/gtest.h>
 
 #include <cctype>
@@ -79,22 +79,17 @@ void ReadEveryProperty(const const_property_object& object, Totals& totals, cons
     }
 }
 
-struct CorpusCase {
-    const char* file;
-    unsigned folders, folders_without_count, messages, rows, misread_row_ids, properties;
-};
-
-class LtpCorpusTest : public ::testing::TestWithParam<CorpusCase> {};
+class LtpCorpusTest : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(LtpCorpusTest, ReadsFoldersContentsTablesAndMessages) {
-    const CorpusCase& c = GetParam();
-    auto db = open_database(Wide(std::string(TARN_SHARED_DIR) + "/corpus/pst/" + c.file));
+    const std::string& file = GetParam();
+    auto db = open_database(Wide(std::string(TARN_SHARED_DIR) + "/corpus/pst/" + file));
     Totals totals;
     std::map<uint32_t, uint32_t> content_counts;  // folder id -> 0x3602
     std::map<uint32_t, uint32_t> table_rows;      // folder id -> rows of its contents table
     for (const node_info& info : page_range(db->read_nbt_root())) {
         const unsigned type = info.id & 0x1F;
-        const std::string where = std::string(c.file) + " node 0x" + std::to_string(info.id);
+        const std::string where = file + " node 0x" + std::to_string(info.id);
         SCOPED_TRACE(where);
         if (type == 0x02) {
             property_bag folder(db->lookup_node(info.id));
@@ -150,38 +145,15 @@ TEST_P(LtpCorpusTest, ReadsFoldersContentsTablesAndMessages) {
     for (const auto& [folder, count] : content_counts) {
         EXPECT_EQ(count, table_rows[folder]) << "folder 0x" << std::hex << folder;
     }
-    EXPECT_EQ(totals.folders, c.folders);
-    EXPECT_EQ(totals.folders_without_count, c.folders_without_count);
-    EXPECT_EQ(totals.misread_row_ids, c.misread_row_ids);
-    EXPECT_EQ(totals.messages, c.messages);
-    EXPECT_EQ(totals.rows, c.rows);
-    EXPECT_EQ(totals.properties, c.properties);
+    // Every message is a row of its folder's contents table, and the other way round.
+    EXPECT_EQ(totals.messages, totals.rows);
+    EXPECT_GT(totals.folders, 0u);
     EXPECT_GT(totals.cells, totals.rows);
 }
 
-// folders, folders without a content count, messages, contents-table rows, rows whose id the 2-byte row
-// index misreads, message properties.
-const CorpusCase kCorpus[] = {
-    {"ansi-cp932-nonunicode.pst", 5, 0, 1, 1, 1, 40},
-    {"ansi-gopst-32bit-minimal.pst", 5, 0, 1, 1, 1, 145},
-    {"ansi-outlook2000-pst2john-73msgs.pst", 4, 0, 73, 73, 71, 5183},
-    {"ansi-outlook97-pst2john-294msgs.pst", 14, 0, 294, 294, 279, 11466},
-    {"unicode-aspose-outlook-images.pst", 21, 0, 17, 17, 0, 1252},
-    {"unicode-attach-and-inline.pst", 4, 0, 1, 1, 0, 38},
-    {"unicode-contacts-dist-list-row-order.pst", 18, 0, 4, 4, 0, 287},
-    {"unicode-cyclic-pst2john-quickquick.pst", 4, 0, 36, 36, 0, 2212},
-    {"unicode-dfrws2009-rodeo.pst", 16, 0, 13, 13, 0, 642},
-    {"unicode-gopst-support-html.pst", 24, 18, 17, 17, 0, 1089},
-    {"unicode-hello-cjk.pst", 4, 0, 1, 1, 0, 45},
-    {"unicode-libyal-outlook-cjk-folders.pst", 21, 0, 2, 2, 0, 56},
-    {"unicode-msginmsginmsg.pst", 4, 0, 1, 1, 0, 37},
-    {"unicode-nocrypt-pst2john-quickquick.pst", 4, 0, 20, 20, 0, 1180},
-    {"unicode-permute-pst2john-quickquick.pst", 4, 0, 32, 32, 0, 2020},
-};
-
-INSTANTIATE_TEST_SUITE_P(SharedCorpus, LtpCorpusTest, ::testing::ValuesIn(kCorpus),
-                         [](const ::testing::TestParamInfo<CorpusCase>& info) {
-                             return tarn::testing::CorpusCaseName(info.param.file);
+INSTANTIATE_TEST_SUITE_P(SharedCorpus, LtpCorpusTest, ::testing::ValuesIn(tarn::testing::CorpusFiles("pst")),
+                         [](const ::testing::TestParamInfo<std::string>& info) {
+                             return tarn::testing::CorpusCaseName(info.param);
                          });
 
 }  // namespace

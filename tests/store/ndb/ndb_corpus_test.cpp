@@ -4,8 +4,6 @@
 // by the store's corpus drivers.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -101,16 +99,7 @@ TEST_P(CorpusTest, OpensIteratesAndReadsEveryNode) {
     EXPECT_GT(totals.data_bytes, 0u);
 }
 
-std::vector<std::string> CorpusStores() {
-    std::vector<std::string> files;
-    for (const auto& entry :
-         std::filesystem::directory_iterator(std::string(TARN_SHARED_DIR) + "/corpus/pst"))
-        if (entry.path().extension() == ".pst") files.push_back(entry.path().filename().string());
-    std::sort(files.begin(), files.end());
-    return files;
-}
-
-INSTANTIATE_TEST_SUITE_P(SharedCorpus, CorpusTest, ::testing::ValuesIn(CorpusStores()),
+INSTANTIATE_TEST_SUITE_P(SharedCorpus, CorpusTest, ::testing::ValuesIn(tarn::testing::CorpusFiles("pst")),
                          [](const ::testing::TestParamInfo<std::string>& info) {
                              return tarn::testing::CorpusCaseName(info.param);
                          });
