@@ -1,5 +1,4 @@
-// The growable buffer's growth policy, sticky status and memory accounting, and edits of counted
-// strings.
+// The growable buffer's contents, sticky status and memory accounting, and edits of counted strings.
 #include "pst/render/text_buffer.h"
 
 #include <gtest/gtest.h>
@@ -16,42 +15,6 @@
 
 namespace tarn {
 namespace {
-
-TEST(GrowBuffer, GrowsByItsStepAndDoublesItEvery21Reallocations) {
-    GrowBuffer buffer;
-    ASSERT_EQ(buffer.Init(0, 10), kStatusOk);
-    EXPECT_EQ(buffer.capacity(), 0u);
-    EXPECT_EQ(buffer.status(), kStatusFailure);  // the sticky status starts as a failure to report
-
-    // Append one byte at a time and note the capacity at each reallocation.
-    std::vector<size_t> capacities;
-    for (int i = 0; i < 2000; ++i) {
-        const size_t before = buffer.capacity();
-        ASSERT_EQ(buffer.AppendByte(static_cast<uint8_t>(i)), kStatusOk);
-        if (buffer.capacity() != before) capacities.push_back(buffer.capacity());
-    }
-    ASSERT_GE(capacities.size(), 43u);
-    // Each reallocation asks for the byte needed plus the step in force; the step doubles after the
-    // 21st and the 42nd.
-    EXPECT_EQ(capacities[0], 1u + 10);
-    EXPECT_EQ(capacities[20] - capacities[19], 1u + 10);
-    EXPECT_EQ(capacities[21] - capacities[20], 1u + 20);
-    EXPECT_EQ(capacities[42] - capacities[41], 1u + 40);
-    for (size_t i = 0; i < buffer.length(); ++i)
-        ASSERT_EQ(buffer.data()[i], std::byte(static_cast<uint8_t>(i)));
-
-    // Init empties the buffer and starts the doubling count afresh.
-    ASSERT_EQ(buffer.Init(100, 7), kStatusOk);
-    EXPECT_EQ(buffer.length(), 0u);
-    EXPECT_EQ(buffer.capacity(), 107u);
-    EXPECT_EQ(buffer.growth_step(), 7u);
-
-    // A buffer made with step 0 that keeps growing gets a step: its appends do not each reallocate.
-    ASSERT_EQ(buffer.Init(0, 0), kStatusOk);
-    const uint64_t before = krnctlAllocationCount();
-    for (int i = 0; i < 1000; ++i) ASSERT_EQ(buffer.AppendByte(0), kStatusOk);
-    EXPECT_LT(krnctlAllocationCount() - before, 100u);
-}
 
 TEST(GrowBuffer, AppendsAssignsAndTerminates) {
     GrowBuffer buffer;
