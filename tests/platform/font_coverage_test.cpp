@@ -45,10 +45,10 @@ TEST(FontCoverage, FontconfigAnswersForWindowsFaces) {
 
 TEST(FontCoverage, EveryFaceOfTheTableResolvesToAnInstalledFont) {
     // Catches a family misspelt in the table, or a font package missing from the test set. "Symbol"
-    // has no stand-in among the fonts we install, and so covers nothing.
+    // has a stand-in only where an office suite brings its own symbol font, so it is not asked about.
     for (const FaceFamilies& entry : KnownFaces()) {
         const std::u16string face(entry.face.begin(), entry.face.end());
-        EXPECT_EQ(FontconfigCovers(face, u""), entry.face != "Symbol") << entry.face;
+        if (entry.face != "Symbol") EXPECT_TRUE(FontconfigCovers(face, u"")) << entry.face;
     }
 }
 
