@@ -129,7 +129,9 @@ struct Document {
 
 // A folder of a store, for choosing a subset to export.
 struct Folder {
-    std::string path;      // as ExportOptions::folders names it: the export's folder path ("Top/Inbox")
+    // Display names from the store's top, "/" between them ("Top of Personal Folders/Inbox"), as the
+    // manifest's `folder` and ExportOptions::folders name it.
+    std::string path;
     int64_t messages = 0;  // the rows of its contents table, as far as they can be read
 };
 
@@ -183,7 +185,7 @@ struct ManifestAttachment {
 struct ManifestRow {
     std::string source;
     std::optional<int32_t> index;  // the filter's message number (counted from 1)
-    std::string folder;            // the export's folder path of the message
+    std::string folder;            // the message's folder, as Folder::path names it
     std::optional<uint32_t> node;  // a store message's node id
     std::optional<std::string> subject;
     std::optional<std::string> sender;
@@ -247,6 +249,8 @@ struct ExportOptions {
     // Called on the exporting thread after each message; returning false stops the export after it,
     // as an interrupt does (the manifest ends with a whole row and resume goes on from there).
     std::function<bool(const ExportProgress&)> progress;
+    // Count the sources' rows first, for ExportProgress::total (a read of every contents table).
+    bool progress_total = false;
 };
 
 struct ExportResult {
