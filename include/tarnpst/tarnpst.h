@@ -251,11 +251,15 @@ struct ExportOptions {
     std::function<bool(const ExportProgress&)> progress;
     // Count the sources' rows first, for ExportProgress::total (a read of every contents table).
     bool progress_total = false;
+    // Return the rows in ExportResult::rows; without it an export's memory stays flat however many
+    // messages it writes (the manifest lists them all the same).
+    bool keep_rows = true;
 };
 
 struct ExportResult {
-    std::vector<ManifestRow> rows;  // every row added or kept, in order
-    int failures = 0;               // rows that record a failure
+    std::vector<ManifestRow> rows;  // every row added or kept, in order (with ExportOptions::keep_rows)
+    int row_count = 0;              // the rows added or kept
+    int failures = 0;               // the failures the rows record (a message's, an attachment's)
     // Why the export stopped before its end ("interrupted", a full disk, ...); empty when it ran through.
     std::string stopped;
 };
