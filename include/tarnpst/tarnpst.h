@@ -90,6 +90,9 @@ struct Message {
 struct CursorOptions {
     bool attachments = false;  // fill Message::attachments (reads each message's attachment table)
     unsigned jobs = 1;         // threads that read a store's messages, the caller's included; 0: one per core
+    // Read the source as a PST store whatever it was classified as: one that is not gives an Error
+    // with the store's own words (tarnview list does so).
+    bool as_store = false;
 };
 
 // Messages one by one, in the filter's order. A store is walked with the filter's own walk: a folder
