@@ -13,7 +13,8 @@
 namespace tarn::host {
 namespace {
 
-Toolkit* g_active = nullptr;
+// One per thread: a host that serves several callers at once runs a toolkit on each calling thread.
+thread_local Toolkit* g_active = nullptr;
 
 constexpr int32_t kCallerValue1 = 0x0C;
 constexpr int32_t kCallerValue2 = 0x10;

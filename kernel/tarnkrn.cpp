@@ -537,19 +537,33 @@ int32_t krnTempFileName(const char16_t* directory, char16_t* out, int32_t capaci
 
 int32_t krnErrorStatus(int32_t internal_code) { return internal_code; }
 
+namespace {
+// A thread's own settings (krnctlSetThreadSettings), answered without the lock.
+struct ThreadSettings {
+    bool active = false;
+    int32_t mode = 0;
+    uint16_t language = 0;
+    int32_t repairs = 0;
+};
+thread_local ThreadSettings thread_settings;
+}  // namespace
+
 int32_t krnModeQuery(void) {
+    if (thread_settings.active) return thread_settings.mode;
     Kernel& k = K();
     std::lock_guard lock(k.mutex);
     return k.mode;
 }
 
 uint16_t krnUiLanguage(void) {
+    if (thread_settings.active) return thread_settings.language;
     Kernel& k = K();
     std::lock_guard lock(k.mutex);
     return k.language;
 }
 
 int32_t krnRepairsQuery(void) {
+    if (thread_settings.active) return thread_settings.repairs;
     Kernel& k = K();
     std::lock_guard lock(k.mutex);
     return k.repairs;
@@ -746,6 +760,18 @@ void krnctlSetRepairs(int32_t repairs) {
     Kernel& k = K();
     std::lock_guard lock(k.mutex);
     k.repairs = repairs != 0 ? 1 : 0;
+}
+
+void krnctlSetThreadSettings(int32_t active, int32_t mode, uint16_t langid, int32_t repairs) {
+    thread_settings = ThreadSettings{active != 0, mode, langid, repairs != 0 ? 1 : 0};
+}
+
+int32_t krnctlThreadSettings(int32_t* mode, uint16_t* langid, int32_t* repairs) {
+    if (!thread_settings.active) return 0;
+    if (mode != nullptr) *mode = thread_settings.mode;
+    if (langid != nullptr) *langid = thread_settings.language;
+    if (repairs != nullptr) *repairs = thread_settings.repairs;
+    return 1;
 }
 
 size_t krnctlRepairsMade(char* out, size_t capacity) {

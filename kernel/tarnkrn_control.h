@@ -21,6 +21,12 @@ TARNKRN_API void krnctlSetLanguage(uint16_t langid);
 // The answer of krnRepairsQuery: 1 asks for repaired documents, 0 for the contract's. The default is 1
 // when TARNKRN_REPAIRS is "1" as the library loads, else 0.
 TARNKRN_API void krnctlSetRepairs(int32_t repairs);
+// This thread's own answers of krnModeQuery, krnUiLanguage and krnRepairsQuery, in front of the
+// process-wide ones set above, for a host that serves several callers at once, each with its own
+// settings. `active` 0 drops them, and the process-wide answers hold again on this thread.
+TARNKRN_API void krnctlSetThreadSettings(int32_t active, int32_t mode, uint16_t langid, int32_t repairs);
+// This thread's own answers: 1 with them in the out-parameters (each may be null), or 0 when it has none.
+TARNKRN_API int32_t krnctlThreadSettings(int32_t* mode, uint16_t* langid, int32_t* repairs);
 // What the filter last noted with krnNoteRepairs on this thread (empty when nothing). Returns the full
 // length and copies at most `capacity`-1 bytes, zero-terminated, into `out` when it is not null.
 TARNKRN_API size_t krnctlRepairsMade(char* out, size_t capacity);
