@@ -42,7 +42,8 @@ py::object SentOf(const tarnpst::Message& message) {
     py::object utc = datetime.attr("timezone").attr("utc");
     py::object epoch = datetime.attr("datetime")(1970, 1, 1, 0, 0, 0, 0, utc);
     try {
-        return epoch + datetime.attr("timedelta")(py::arg("seconds") = message.sent->time_since_epoch().count());
+        return epoch +
+               datetime.attr("timedelta")(py::arg("seconds") = message.sent->time_since_epoch().count());
     } catch (const py::error_already_set& e) {
         if (!e.matches(PyExc_OverflowError)) throw;
         return py::none();
@@ -77,9 +78,10 @@ py::dict RowDict(const tarnpst::ManifestRow& row) {
         attachments.append(item);
     }
     py::dict out("source"_a = row.source, "index"_a = OrNone(row.index), "folder"_a = row.folder,
-                 "node_id"_a = OrNone(row.node), "subject"_a = OrNone(row.subject), "sender"_a = OrNone(row.sender),
-                 "sent"_a = OrNone(row.sent), "format"_a = OrNone(row.format), "bytes"_a = row.bytes,
-                 "file"_a = TextOrNone(row.file), "sha256"_a = TextOrNone(row.sha256), "status"_a = OrNone(row.status),
+                 "node_id"_a = OrNone(row.node), "subject"_a = OrNone(row.subject),
+                 "sender"_a = OrNone(row.sender), "sent"_a = OrNone(row.sent),
+                 "format"_a = OrNone(row.format), "bytes"_a = row.bytes, "file"_a = TextOrNone(row.file),
+                 "sha256"_a = TextOrNone(row.sha256), "status"_a = OrNone(row.status),
                  "exported"_a = row.exported, "text_fallback"_a = row.text_fallback,
                  "repairs"_a = RepairsOf(row.repairs), "error"_a = TextOrNone(row.error),
                  "filter_reaches"_a = row.filter_reaches, "filter_status"_a = OrNone(row.filter_status),
@@ -126,8 +128,8 @@ py::object DocumentOf(tarnpst::Document document) {
 }
 
 py::list Export(const std::vector<std::string>& sources, const std::string& out, bool attachments,
-                std::optional<unsigned> jobs, py::object progress, bool text, std::optional<int> lang, bool compat,
-                bool force, bool resume, const std::vector<std::string>& folders) {
+                std::optional<unsigned> jobs, py::object progress, bool text, std::optional<int> lang,
+                bool compat, bool force, bool resume, const std::vector<std::string>& folders) {
     tarnpst::ExportOptions options;
     options.settings = SettingsOf(lang, compat);
     options.text = text;
@@ -157,7 +159,8 @@ py::list Export(const std::vector<std::string>& sources, const std::string& out,
         result = tarnpst::Export(sources, out, options);
     }
     if (raised) std::rethrow_exception(raised);
-    if (!result.stopped.empty()) throw tarnpst::Error(tarnpst::kStatusFailure, out + ": export stopped: " + result.stopped);
+    if (!result.stopped.empty())
+        throw tarnpst::Error(tarnpst::kStatusFailure, out + ": export stopped: " + result.stopped);
     py::list rows;
     for (const auto& row : result.rows) rows.append(RowDict(row));
     return rows;
@@ -178,16 +181,19 @@ PYBIND11_MODULE(_tarnpst, m) {
     });
 
     py::class_<tarnpst::Message>(m, "Message", "One message, in the filter's order.")
-        .def_readonly("number", &tarnpst::Message::number, "the message number, counted from 1 (render takes it)")
+        .def_readonly("number", &tarnpst::Message::number,
+                      "the message number, counted from 1 (render takes it)")
         .def_readonly("folder", &tarnpst::Message::folder, "the folder's display name; empty outside a store")
-        .def_readonly("folder_path", &tarnpst::Message::folder_path, "the folder's names from the store's top")
+        .def_readonly("folder_path", &tarnpst::Message::folder_path,
+                      "the folder's names from the store's top")
         .def_readonly("subject", &tarnpst::Message::subject)
         .def_readonly("sender", &tarnpst::Message::sender)
         .def_readonly("to", &tarnpst::Message::to)
         .def_readonly("cc", &tarnpst::Message::cc)
         .def_readonly("bcc", &tarnpst::Message::bcc)
         .def_property_readonly("sent", &SentOf, "the submit time as an aware UTC datetime, or None")
-        .def_readonly("importance", &tarnpst::Message::importance, "the header block's wording; empty when none")
+        .def_readonly("importance", &tarnpst::Message::importance,
+                      "the header block's wording; empty when none")
         .def("__repr__", [](const tarnpst::Message& message) {
             return py::str("<tarnpst.Message {} {!r}>").format(message.number, message.subject);
         });
@@ -200,8 +206,9 @@ PYBIND11_MODULE(_tarnpst, m) {
 
     py::class_<tarnpst::Source>(m, "Source", "A PST store, a message file or an Internet message.")
         .def_property_readonly("path", &tarnpst::Source::path)
-        .def_property_readonly("kind", [](const tarnpst::Source& s) { return tarnpst::KindName(s.kind()); },
-                               "'pst', 'msg', 'eml' or 'unsupported'")
+        .def_property_readonly(
+            "kind", [](const tarnpst::Source& s) { return tarnpst::KindName(s.kind()); },
+            "'pst', 'msg', 'eml' or 'unsupported'")
         .def_property_readonly("warnings", &tarnpst::Source::warnings)
         .def("__len__", [](const tarnpst::Source& s) { return s.MessageCount(); })
         .def(
@@ -211,7 +218,10 @@ PYBIND11_MODULE(_tarnpst, m) {
             },
             "attachments"_a = false, "jobs"_a = 1, py::keep_alive<0, 1>())
         .def(
-            "__iter__", [](const tarnpst::Source& s) { return std::make_unique<MessageIterator>(s, tarnpst::CursorOptions{}); },
+            "__iter__",
+            [](const tarnpst::Source& s) {
+                return std::make_unique<MessageIterator>(s, tarnpst::CursorOptions{});
+            },
             py::keep_alive<0, 1>())
         .def(
             "folders",
@@ -242,8 +252,9 @@ PYBIND11_MODULE(_tarnpst, m) {
             return tarnpst::Source::Open(path);
         },
         "path"_a);
-    m.def("export", &Export, "sources"_a, "out"_a, py::kw_only(), "attachments"_a = false, "jobs"_a = py::none(),
-          "progress"_a = py::none(), "text"_a = false, "lang"_a = py::none(), "compat"_a = false, "force"_a = false,
-          "resume"_a = false, "folders"_a = std::vector<std::string>{});
+    m.def("export", &Export, "sources"_a, "out"_a, py::kw_only(), "attachments"_a = false,
+          "jobs"_a = py::none(), "progress"_a = py::none(), "text"_a = false, "lang"_a = py::none(),
+          "compat"_a = false, "force"_a = false, "resume"_a = false,
+          "folders"_a = std::vector<std::string>{});
     m.def("status_text", &tarnpst::StatusText, "status"_a);
 }
