@@ -2,7 +2,6 @@
 root) and puts the module and the kernel stand-in it loads into the package."""
 
 import os
-import shutil
 import subprocess
 
 from setuptools import Extension, setup
@@ -17,11 +16,9 @@ class CMakeBuild(build_ext):
         subprocess.run(["cmake", "-S", ROOT, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release",
                         "-DTARN_BUILD_TESTS=OFF", "-DPython3_EXECUTABLE=/usr/bin/python3"], check=True)
         subprocess.run(["cmake", "--build", build, "--target", "_tarnpst"], check=True)
-        target = os.path.dirname(self.get_ext_fullpath(ext.name))
-        os.makedirs(target, exist_ok=True)
-        module = os.path.join(build, "python", "tarnpst", os.path.basename(self.get_ext_filename(ext.name)))
-        shutil.copy2(module, self.get_ext_fullpath(ext.name))
-        shutil.copy2(os.path.join(build, "kernel", "libtarnkrn.so"), target)
+        # The install step gives the module its installed search path: the package's own folder.
+        package_parent = os.path.dirname(os.path.dirname(self.get_ext_fullpath(ext.name)))
+        subprocess.run(["cmake", "--install", build, "--component", "python", "--prefix", package_parent], check=True)
 
 
 setup(packages=["tarnpst"], ext_modules=[Extension("tarnpst._tarnpst", sources=[])], cmdclass={"build_ext": CMakeBuild})
