@@ -90,6 +90,9 @@ struct Message {
 struct CursorOptions {
     bool attachments = false;  // fill Message::attachments (reads each message's attachment table)
     unsigned jobs = 1;         // threads that read a store's messages, the caller's included; 0: one per core
+    // Read the source as a PST store whatever it was classified as: one that is not gives an Error
+    // with the store's own words (tarnview list does so).
+    bool as_store = false;
 };
 
 // Messages one by one, in the filter's order. A store is walked with the filter's own walk: a folder
@@ -129,7 +132,9 @@ struct Document {
 
 // A folder of a store, for choosing a subset to export.
 struct Folder {
-    std::string path;      // as ExportOptions::folders names it: the export's folder path ("Top/Inbox")
+    // Display names from the store's top, "/" between them ("Top of Personal Folders/Inbox"), as the
+    // manifest's `folder` and ExportOptions::folders name it.
+    std::string path;
     int64_t messages = 0;  // the rows of its contents table, as far as they can be read
 };
 
@@ -183,7 +188,7 @@ struct ManifestAttachment {
 struct ManifestRow {
     std::string source;
     std::optional<int32_t> index;  // the filter's message number (counted from 1)
-    std::string folder;            // the export's folder path of the message
+    std::string folder;            // the message's folder, as Folder::path names it
     std::optional<uint32_t> node;  // a store message's node id
     std::optional<std::string> subject;
     std::optional<std::string> sender;
@@ -247,11 +252,17 @@ struct ExportOptions {
     // Called on the exporting thread after each message; returning false stops the export after it,
     // as an interrupt does (the manifest ends with a whole row and resume goes on from there).
     std::function<bool(const ExportProgress&)> progress;
+    // Count the sources' rows first, for ExportProgress::total (a read of every contents table).
+    bool progress_total = false;
+    // Return the rows in ExportResult::rows; without it an export's memory stays flat however many
+    // messages it writes (the manifest lists them all the same).
+    bool keep_rows = true;
 };
 
 struct ExportResult {
-    std::vector<ManifestRow> rows;  // every row added or kept, in order
-    int failures = 0;               // rows that record a failure
+    std::vector<ManifestRow> rows;  // every row added or kept, in order (with ExportOptions::keep_rows)
+    int row_count = 0;              // the rows added or kept
+    int failures = 0;               // the failures the rows record (a message's, an attachment's)
     // Why the export stopped before its end ("interrupted", a full disk, ...); empty when it ran through.
     std::string stopped;
 };
