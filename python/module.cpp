@@ -129,7 +129,8 @@ py::object DocumentOf(tarnpst::Document document) {
 
 py::list Export(const std::vector<std::string>& sources, const std::string& out, bool attachments,
                 std::optional<unsigned> jobs, py::object progress, bool text, std::optional<int> lang,
-                bool compat, bool force, bool resume, const std::vector<std::string>& folders) {
+                bool compat, bool force, bool resume, const std::vector<std::string>& folders,
+                bool keep_rows) {
     tarnpst::ExportOptions options;
     options.settings = SettingsOf(lang, compat);
     options.text = text;
@@ -138,6 +139,8 @@ py::list Export(const std::vector<std::string>& sources, const std::string& out,
     options.resume = resume;
     options.jobs = jobs.value_or(0);
     options.folders = folders;
+    options.keep_rows = keep_rows;
+    options.progress_total = !progress.is_none();
     // An exception raised by the callback stops the export after the message in hand and is raised
     // again once the export has returned; False from the callback stops it the same way, quietly.
     std::exception_ptr raised;
@@ -254,7 +257,7 @@ PYBIND11_MODULE(_tarnpst, m) {
         "path"_a);
     m.def("export", &Export, "sources"_a, "out"_a, py::kw_only(), "attachments"_a = false,
           "jobs"_a = py::none(), "progress"_a = py::none(), "text"_a = false, "lang"_a = py::none(),
-          "compat"_a = false, "force"_a = false, "resume"_a = false,
-          "folders"_a = std::vector<std::string>{});
+          "compat"_a = false, "force"_a = false, "resume"_a = false, "folders"_a = std::vector<std::string>{},
+          "keep_rows"_a = true);
     m.def("status_text", &tarnpst::StatusText, "status"_a);
 }

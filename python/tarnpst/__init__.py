@@ -49,7 +49,9 @@ def export(paths, out, attachments=False, jobs=None, progress=None, **options):
     `paths` is one path or a list of them. `progress(done, total)` is called after each message, with
     the GIL held; returning False stops the export, which then raises Error. The other options are
     those of tarnview export: text, lang (a LANGID), compat, force, resume, and folders (the paths
-    Source.folders() gives; only their messages are written, numbered as in the whole store).
+    Source.folders() gives; only their messages are written, numbered as in the whole store);
+    keep_rows=False returns no rows, so that memory stays flat however large the sources are (the
+    manifest lists them all the same).
     A message that fails is recorded in its row; Error is raised only when the export cannot start
     or stops before its end.
     """

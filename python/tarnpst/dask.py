@@ -19,7 +19,7 @@ def _export_one(source, out, folders, options):
     # the result is the export that never failed.
     options = dict(options)
     options.setdefault("resume", not options.get("force", False))
-    tarnpst.export([source], out, folders=list(folders or []), **options)
+    tarnpst.export([source], out, folders=list(folders or []), keep_rows=False, **options)
     # The manifest as written: a row kept by resume is on disk in full, while export() returns it bare.
     with open(os.path.join(out, "manifest.jsonl"), encoding="utf-8") as manifest:
         rows = [json.loads(line) for line in manifest]
