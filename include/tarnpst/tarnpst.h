@@ -141,7 +141,8 @@ struct Folder {
 class Source {
   public:
     // Opens `path` (UTF-8) and classifies it as the filter does. Throws Error when the file cannot be
-    // opened or read; a file the filter does not take opens with Kind::kUnsupported.
+    // opened; a file the filter does not take or cannot classify opens with Kind::kUnsupported (and a
+    // warning saying why).
     static Source Open(const std::string& path);
 
     ~Source();
