@@ -1,10 +1,14 @@
 """The Python module against tarnview run as a program: the same fields, documents and exported files,
 and failures raised with the status tarnview reports."""
 
+import errno
+import faulthandler
 import json
 import os
 import re
 import shutil
+import threading
+import time
 
 import pytest
 from conftest import SAMPLES, SHARED, corpus, tarnview
@@ -149,3 +153,47 @@ def test_errors_raise_with_their_status(call, raised, status, tmp_path):
         call(tmp_path)
     assert getattr(caught.value, "status", None) == status
     assert str(caught.value)
+
+
+def render_pipe(path):
+    shutil.copyfile(os.path.join(SAMPLES, "hello.eml"), path)
+    source = tarnpst.open(path)
+    os.remove(path)
+    os.mkfifo(path)  # render reads the source anew from its path, now a pipe
+    return lambda: source.render(1)
+
+
+@pytest.mark.parametrize("prepare", [
+    lambda path: os.mkfifo(path) or (lambda: tarnpst.open(path)),
+    render_pipe,
+    lambda path: os.mkfifo(path) or (lambda: tarnpst.export(path, path + ".out")),
+], ids=["open", "render", "export"])
+def test_the_gil_is_released_while_a_source_is_read(prepare, tmp_path):
+    """A pipe holds its reader until a writer comes: were the GIL held meanwhile, this thread could never
+    write, and the watchdog would end the process. What the reader makes of the pipe does not matter."""
+    path = str(tmp_path / "message.eml")
+    work = prepare(path)
+    reader = threading.Thread(target=lambda: outcome.append(attempt(work)))
+    outcome, wrote = [], False
+    faulthandler.dump_traceback_later(120, exit=True)
+    reader.start()
+    while reader.is_alive() and not wrote:
+        try:  # without blocking: a reader that fails before it opens the pipe must not hang the test
+            writer = os.open(path, os.O_WRONLY | os.O_NONBLOCK)
+        except OSError as error:
+            assert error.errno == errno.ENXIO  # no reader yet
+            time.sleep(0.01)
+            continue
+        os.set_blocking(writer, True)
+        wrote = os.write(writer, b"Subject: piped\r\n\r\nbody\r\n") > 0
+        os.close(writer)
+    reader.join()
+    faulthandler.cancel_dump_traceback_later()
+    assert wrote, outcome
+
+
+def attempt(work):
+    try:
+        return work()
+    except tarnpst.Error as error:
+        return error
