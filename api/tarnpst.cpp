@@ -6,8 +6,10 @@
 #include <string>
 #include <utility>
 
+#include "api/cursor.h"
 #include "api/edge.h"
 #include "api/settings_scope.h"
+#include "api/store_folders.h"
 #include "common/apiutils.h"
 #include "common/status.h"
 #include "host/toolkit_host.h"
@@ -15,6 +17,7 @@
 #include "pst/filter_data.h"
 #include "pst/probe.h"
 #include "pst/pst.h"
+#include "store/ndb/database.h"
 
 namespace tarnpst {
 
@@ -94,8 +97,9 @@ Source Source::Open(const std::string& path) {
         if (!handle.valid()) throw Error(kStatusCannotOpen, path + ": cannot be opened");
         tarn::InputKind kind = tarn::kInputUnsupported;
         const int32_t status = tarn::ProbeSource(handle.get(), &kind);
-        if (status != tarn::kStatusOk && status != tarn::kStatusUnsupported)
-            throw Error(status, path + ": cannot be read: " + StatusWords(status));
+        // A source the probe cannot classify opens all the same: the filter's calls give its status.
+        if (status != tarn::kStatusOk)
+            impl->warnings.push_back(path + ": the filter cannot classify it: " + StatusWords(status));
         if (status == tarn::kStatusOk) {
             impl->kind = kind == tarn::kInputPstStore      ? Kind::kPstStore
                          : kind == tarn::kInputMessageFile ? Kind::kMessageFile
@@ -157,29 +161,36 @@ Document Source::Render(int32_t number, const RenderOptions& options) const {
     });
 }
 
-// ---- Not yet moved here ----
-
 Cursor::Cursor(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 Cursor::~Cursor() = default;
 Cursor::Cursor(Cursor&&) noexcept = default;
 Cursor& Cursor::operator=(Cursor&&) noexcept = default;
 
-class Cursor::Impl {
-  public:
-    std::vector<std::string> warnings;
-};
+bool Cursor::Next(Message& out) {
+    return AtEdge("cursor", [&] { return impl_->Next(out); });
+}
 
-bool Cursor::Next(Message&) { throw Error(kStatusFailure, "the message cursor is not built yet"); }
 const std::vector<std::string>& Cursor::warnings() const { return impl_->warnings; }
 
-Cursor Source::Messages(const CursorOptions&) const { return Cursor(std::make_unique<Cursor::Impl>()); }
-std::vector<Folder> Source::Folders() const { return {}; }
-
-ExportResult Export(const std::vector<std::string>&, Sink&, const ExportOptions&) {
-    throw Error(kStatusFailure, "export is not built yet");
+Cursor Source::Messages(const CursorOptions& options) const {
+    return AtEdge(impl_->path, [&] {
+        if (options.as_store || impl_->kind == Kind::kPstStore)
+            return Cursor(tarn::api::OpenStoreCursor(impl_->path, options));
+        if (impl_->kind == Kind::kUnsupported)
+            throw Error(kStatusUnsupported, impl_->path + ": not a source the filter takes");
+        return Cursor(tarn::api::OpenSingleCursor(impl_->path, impl_->kind == Kind::kMessageFile, options));
+    });
 }
-ExportResult Export(const std::vector<std::string>&, const std::string&, const ExportOptions&) {
-    throw Error(kStatusFailure, "export is not built yet");
+
+std::vector<Folder> Source::Folders() const {
+    return AtEdge(impl_->path, [&] {
+        std::vector<Folder> folders;
+        if (impl_->kind != Kind::kPstStore) return folders;
+        const tarn::ndb::db_ptr db = tarn::ndb::open_database(tarn::host::WideFromUtf8(impl_->path));
+        for (tarn::api::StoreFolder& folder : tarn::api::StoreFolders(db))
+            folders.push_back({std::move(folder.path), folder.messages});
+        return folders;
+    });
 }
 
 }  // namespace tarnpst

@@ -1,8 +1,8 @@
-// The walk that tarnview's list and export spread over threads, against the filter's own sequential
+// The walk that the message cursor and the export spread over threads, against the filter's own sequential
 // walk on writer-made stores damaged on purpose: whatever the number of workers and the chunk size, the
 // messages come back in the same order, and each store error ends the same folder at the same row.
 // Small budgets and readers reopened every few messages put every path of the hand-over to work.
-#include "tools/tarnview/parallel_walk.h"
+#include "api/parallel_walk.h"
 
 #include <gtest/gtest.h>
 
@@ -75,7 +75,7 @@ Events Parallel(const ndb::db_ptr& db, const std::u16string& path, unsigned work
     Events events;
     std::atomic<size_t> waiting = 0;
     std::atomic<size_t> peak = 0;
-    tarnview::ParallelWalk<std::string> walk(
+    tarn::api::ParallelWalk<std::string> walk(
         {workers, chunk_rows, kBudget, 3}, [&] { return ndb::open_database(path); },
         [&](ndb::node_id, PstMessage& message) {
             const std::u16string subject = ReadSubject(message.properties());
@@ -94,7 +94,7 @@ Events Parallel(const ndb::db_ptr& db, const std::u16string& path, unsigned work
             if (throw_in_finish && text == throw_on) throw std::runtime_error("refused " + text);
             events.push_back(std::to_string(folder) + "/" + std::to_string(row) + " " + text);
         },
-        [&](const tarnview::RowFailure& f) { events.push_back(Failed(f.folder, f.error)); });
+        [&](const tarn::api::RowFailure& f) { events.push_back(Failed(f.folder, f.error)); });
     if (most != nullptr) *most = peak;
     return events;
 }

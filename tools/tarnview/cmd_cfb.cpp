@@ -10,12 +10,12 @@
 #include "cfb/compound_stream.h"
 #include "cfb/format.h"
 #include "common/apiutils.h"
+#include "common/json_writer.h"
+#include "common/terminal_text.h"
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn.h"
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
-#include "tools/tarnview/json.h"
-#include "tools/tarnview/terminal_text.h"
 
 namespace tarnview {
 namespace {
@@ -97,7 +97,7 @@ std::string StartText(uint64_t sector) {
 
 int ListDirectory(const CompoundStorage& storage, bool json) {
     if (json) {
-        JsonWriter w(std::cout);
+        tarn::JsonWriter w(std::cout);
         w.BeginArray();
         bool ok =
             storage.directory().walk([&](std::string_view path, const DirectoryEntry& e, size_t, size_t) {
@@ -116,10 +116,11 @@ int ListDirectory(const CompoundStorage& storage, bool json) {
     // A file whose directory chain holds no entry opens with nothing in it, not even a root.
     if (storage.directory().size() == 0) return 0;
     const DirectoryEntry& root = storage.directory().entry(0);
-    std::printf("%-40s %-8s %10llu %10s\n", TerminalText(Printable(root.name())).c_str(), TypeName(root),
-                static_cast<unsigned long long>(root.size), StartText(root.start_sector).c_str());
+    std::printf("%-40s %-8s %10llu %10s\n", tarn::TerminalText(Printable(root.name())).c_str(),
+                TypeName(root), static_cast<unsigned long long>(root.size),
+                StartText(root.start_sector).c_str());
     return storage.directory().walk([&](std::string_view, const DirectoryEntry& e, size_t, size_t depth) {
-        std::string label = std::string(2 * depth, ' ') + TerminalText(Printable(e.name()));
+        std::string label = std::string(2 * depth, ' ') + tarn::TerminalText(Printable(e.name()));
         if (e.is_directory) label += '/';
         std::printf("%-40s %-8s %10llu %10s\n", label.c_str(), TypeName(e),
                     static_cast<unsigned long long>(e.size), StartText(e.start_sector).c_str());
@@ -132,19 +133,19 @@ int WriteStream(const CompoundStorage& storage, const Options& options) {
     const std::string& path = *options.path;
     const DirectoryEntry* e = storage.find_entry(path);
     if (e == nullptr) {
-        std::fprintf(stderr, "tarnview cfb: %s: no entry '%s'\n", TerminalText(options.file).c_str(),
-                     TerminalText(path).c_str());
+        std::fprintf(stderr, "tarnview cfb: %s: no entry '%s'\n", tarn::TerminalText(options.file).c_str(),
+                     tarn::TerminalText(path).c_str());
         return 1;
     }
     if (e->is_directory) {
         std::fprintf(stderr, "tarnview cfb: %s: '%s' is a storage, not a stream\n",
-                     TerminalText(options.file).c_str(), TerminalText(path).c_str());
+                     tarn::TerminalText(options.file).c_str(), tarn::TerminalText(path).c_str());
         return 1;
     }
     auto stream = CompoundStream::open(storage, path);
     if (!stream) {
-        std::fprintf(stderr, "tarnview cfb: %s: '%s': out of memory\n", TerminalText(options.file).c_str(),
-                     TerminalText(path).c_str());
+        std::fprintf(stderr, "tarnview cfb: %s: '%s': out of memory\n",
+                     tarn::TerminalText(options.file).c_str(), tarn::TerminalText(path).c_str());
         return 1;
     }
     std::vector<char> buffer(1 << 16);
@@ -155,7 +156,7 @@ int WriteStream(const CompoundStorage& storage, const Options& options) {
     }
     if (at < stream->size()) {
         std::fprintf(stderr, "tarnview cfb: %s: '%s': short stream, %llu of %llu bytes\n",
-                     TerminalText(options.file).c_str(), TerminalText(path).c_str(),
+                     tarn::TerminalText(options.file).c_str(), tarn::TerminalText(path).c_str(),
                      static_cast<unsigned long long>(at), static_cast<unsigned long long>(stream->size()));
         return 1;
     }
@@ -170,14 +171,14 @@ int RunCfb(const Args& args) {
     std::u16string wide = tarn::host::WideFromUtf8(options->file);
     krn_handle handle = krnOpenFile(wide.c_str(), 0, tarn::kOpenShareMode);
     if (handle == KRN_NO_HANDLE) {
-        std::fprintf(stderr, "tarnview cfb: %s: cannot open\n", TerminalText(options->file).c_str());
+        std::fprintf(stderr, "tarnview cfb: %s: cannot open\n", tarn::TerminalText(options->file).c_str());
         return 1;
     }
     int status = 1;
     {
         CompoundStorage storage(handle);
         if (!storage.open())
-            std::fprintf(stderr, "tarnview cfb: %s: %s\n", TerminalText(options->file).c_str(),
+            std::fprintf(stderr, "tarnview cfb: %s: %s\n", tarn::TerminalText(options->file).c_str(),
                          Reason(storage.result()));
         else
             status = options->path ? WriteStream(storage, *options) : ListDirectory(storage, options->json);

@@ -8,16 +8,16 @@
 #include <string>
 #include <vector>
 
+#include "common/json_writer.h"
 #include "common/little_endian.h"
 #include "common/signatures.h"
 #include "common/store_file.h"
+#include "common/terminal_text.h"
 #include "platform/unicode.h"
 #include "store/ndb/database.h"
 #include "store/ndb/format.h"
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
-#include "tools/tarnview/json.h"
-#include "tools/tarnview/terminal_text.h"
 
 namespace tarnview {
 namespace {
@@ -204,7 +204,7 @@ void WalkNodes(ndb::db_context& db, Emit emit, PageError page_error) {
 
 int DumpText(const Options& options, const Header& h, const std::shared_ptr<ndb::db_context>& db,
              const std::string& open_error) {
-    std::printf("file: %s\n", TerminalText(options.file).c_str());
+    std::printf("file: %s\n", tarn::TerminalText(options.file).c_str());
     std::printf("layout: %s (wVer %u)\n", h.unicode ? "Unicode" : "ANSI", h.version);
     std::printf("encoding: %s (bCryptMethod %u)\n", EncodingName(h.crypt_method), h.crypt_method);
     std::printf("magic: %s\n", h.magic == tarn::kPstSignatureWord ? "!BDN" : Hex(h.magic).c_str());
@@ -215,8 +215,8 @@ int DumpText(const Options& options, const Header& h, const std::shared_ptr<ndb:
     std::printf("block b-tree root: page %s at %s\n", Hex(h.bbt_root.id).c_str(),
                 Hex(h.bbt_root.address).c_str());
     if (!db) {
-        std::fprintf(stderr, "tarnview dump: %s: %s\n", TerminalText(options.file).c_str(),
-                     TerminalText(open_error).c_str());
+        std::fprintf(stderr, "tarnview dump: %s: %s\n", tarn::TerminalText(options.file).c_str(),
+                     tarn::TerminalText(open_error).c_str());
         return 1;
     }
     std::printf("nodes:\n  %-10s  %-26s %-10s  %-10s  %10s  %8s\n", "id", "type", "parent", "data", "size",
@@ -230,9 +230,10 @@ int DumpText(const Options& options, const Header& h, const std::shared_ptr<ndb:
             if (!line.error.empty()) {
                 ++failed;
                 std::printf("  0x%08x  %-26s 0x%08x  %-10s  error: %s\n", i.id, TypeName(i.id), i.parent_id,
-                            Hex(i.data_bid).c_str(), TerminalText(line.error).c_str());
-                std::fprintf(stderr, "tarnview dump: %s: node 0x%x: %s\n", TerminalText(options.file).c_str(),
-                             i.id, TerminalText(line.error).c_str());
+                            Hex(i.data_bid).c_str(), tarn::TerminalText(line.error).c_str());
+                std::fprintf(stderr, "tarnview dump: %s: node 0x%x: %s\n",
+                             tarn::TerminalText(options.file).c_str(), i.id,
+                             tarn::TerminalText(line.error).c_str());
                 return;
             }
             std::printf("  0x%08x  %-26s 0x%08x  %-10s  %10zu  %8zu\n", i.id, TypeName(i.id), i.parent_id,
@@ -241,10 +242,10 @@ int DumpText(const Options& options, const Header& h, const std::shared_ptr<ndb:
         [&](uint64_t address, const std::string& error) {
             ++failed;
             std::printf("  node b-tree page at %s  error: %s\n", Hex(address).c_str(),
-                        TerminalText(error).c_str());
+                        tarn::TerminalText(error).c_str());
             std::fprintf(stderr, "tarnview dump: %s: node b-tree page at %s: %s\n",
-                         TerminalText(options.file).c_str(), Hex(address).c_str(),
-                         TerminalText(error).c_str());
+                         tarn::TerminalText(options.file).c_str(), Hex(address).c_str(),
+                         tarn::TerminalText(error).c_str());
         });
     std::printf("%zu nodes, %zu unreadable\n", count, failed);
     return failed == 0 ? 0 : 1;
@@ -252,7 +253,7 @@ int DumpText(const Options& options, const Header& h, const std::shared_ptr<ndb:
 
 int DumpJson(const Options& options, const Header& h, const std::shared_ptr<ndb::db_context>& db,
              const std::string& open_error) {
-    JsonWriter w(std::cout);
+    tarn::JsonWriter w(std::cout);
     w.BeginObject();
     w.Field("file", options.file);
     w.Field("layout", h.unicode ? "unicode" : "ansi");
@@ -304,8 +305,8 @@ int DumpJson(const Options& options, const Header& h, const std::shared_ptr<ndb:
     std::cout << "\n";
     std::cout.flush();
     if (!db)
-        std::fprintf(stderr, "tarnview dump: %s: %s\n", TerminalText(options.file).c_str(),
-                     TerminalText(open_error).c_str());
+        std::fprintf(stderr, "tarnview dump: %s: %s\n", tarn::TerminalText(options.file).c_str(),
+                     tarn::TerminalText(open_error).c_str());
     return failed == 0 ? 0 : 1;
 }
 
@@ -320,8 +321,8 @@ int RunDump(const Args& args) {
     try {
         header = ReadHeader(path);
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "tarnview dump: %s: header: %s\n", TerminalText(options->file).c_str(),
-                     TerminalText(e.what()).c_str());
+        std::fprintf(stderr, "tarnview dump: %s: header: %s\n", tarn::TerminalText(options->file).c_str(),
+                     tarn::TerminalText(e.what()).c_str());
         return 1;
     }
     std::shared_ptr<ndb::db_context> db;

@@ -8,7 +8,9 @@
 #include <string>
 
 #include "common/apiutils.h"
+#include "common/json_writer.h"
 #include "common/status.h"
+#include "common/terminal_text.h"
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn.h"
 #include "kernel/tarnkrn_control.h"
@@ -16,9 +18,7 @@
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
 #include "tools/tarnview/filter_library.h"
-#include "tools/tarnview/json.h"
 #include "tools/tarnview/language.h"
-#include "tools/tarnview/terminal_text.h"
 
 namespace tarnview {
 namespace {
@@ -64,14 +64,15 @@ int RunInfo(const Args& args) {
     std::string error;
     const std::string library = FilterLibraryPath();
     if (!LoadFilter(library, &entries, &error)) {
-        std::fprintf(stderr, "tarnview info: cannot load the filter: %s\n", TerminalText(error).c_str());
+        std::fprintf(stderr, "tarnview info: cannot load the filter: %s\n",
+                     tarn::TerminalText(error).c_str());
         return 1;
     }
 
     tarn::host::SourceSession session(tarn::host::WideFromUtf8(options->file));
     const krn_handle handle = krnOpenFile(session.name().c_str(), 0, tarn::kOpenShareMode);
     if (handle == KRN_NO_HANDLE) {
-        std::fprintf(stderr, "tarnview info: %s: cannot open\n", TerminalText(options->file).c_str());
+        std::fprintf(stderr, "tarnview info: %s: cannot open\n", tarn::TerminalText(options->file).c_str());
         return 1;
     }
     // What the filter will classify the source as; shown even when it cannot describe it.
@@ -87,15 +88,15 @@ int RunInfo(const Args& args) {
     const tarn::host::CallOutcome released = session.ReleaseSlot(entries);
 
     if (!outcome.returned()) {
-        std::fprintf(stderr, "tarnview info: %s: %s\n", TerminalText(options->file).c_str(),
-                     TerminalText(outcome.error).c_str());
+        std::fprintf(stderr, "tarnview info: %s: %s\n", tarn::TerminalText(options->file).c_str(),
+                     tarn::TerminalText(outcome.error).c_str());
         return 1;
     }
     const bool ok = outcome.status == tarn::kStatusOk;
     const int32_t shown_kind = ok ? info.format : (probed ? kind : 0);
 
     if (options->json) {
-        JsonWriter json(std::cout);
+        tarn::JsonWriter json(std::cout);
         json.BeginObject();
         json.Field("file", options->file);
         json.Field("kind", shown_kind).Field("kind_name", KindName(shown_kind));
@@ -110,7 +111,7 @@ int RunInfo(const Args& args) {
         json.EndObject();
         std::cout << '\n';
     } else {
-        std::printf("file        %s\n", TerminalText(options->file).c_str());
+        std::printf("file        %s\n", tarn::TerminalText(options->file).c_str());
         std::printf("kind        %d %s\n", shown_kind, KindName(shown_kind));
         std::printf("status      %d %s\n", outcome.status, tarn::StatusText(outcome.status));
         if (ok) {
@@ -124,13 +125,14 @@ int RunInfo(const Args& args) {
     std::fflush(stdout);
 
     if (!released.returned()) {
-        std::fprintf(stderr, "tarnview info: %s: %s\n", TerminalText(options->file).c_str(),
-                     TerminalText(released.error).c_str());
+        std::fprintf(stderr, "tarnview info: %s: %s\n", tarn::TerminalText(options->file).c_str(),
+                     tarn::TerminalText(released.error).c_str());
         return 1;
     }
     if (!ok) {
         std::fprintf(stderr, "tarnview info: %s: fltInfo returned %d (%s)\n",
-                     TerminalText(options->file).c_str(), outcome.status, tarn::StatusText(outcome.status));
+                     tarn::TerminalText(options->file).c_str(), outcome.status,
+                     tarn::StatusText(outcome.status));
         return 1;
     }
     return 0;

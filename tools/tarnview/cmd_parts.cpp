@@ -8,14 +8,14 @@
 #include <vector>
 
 #include "common/apiutils.h"
+#include "common/json_writer.h"
 #include "common/status.h"
+#include "common/terminal_text.h"
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn.h"
 #include "pst/render/mime_reader.h"
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
-#include "tools/tarnview/json.h"
-#include "tools/tarnview/terminal_text.h"
 
 namespace tarnview {
 namespace {
@@ -42,11 +42,11 @@ void PrintText(const std::vector<tarn::MimePartReport>& parts, int32_t format, s
                int32_t status) {
     for (const tarn::MimePartReport& part : parts) {
         std::string line(static_cast<size_t>(part.depth) * 2, ' ');
-        line += part.content_type.empty() ? "(no content type)" : AsciiText(part.content_type);
-        if (!part.charset.empty()) line += "  charset=" + AsciiText(part.charset);
-        if (!part.transfer_encoding.empty()) line += "  encoding=" + AsciiText(part.transfer_encoding);
-        if (!part.content_id.empty()) line += "  id=" + AsciiText(part.content_id);
-        if (!part.location.empty()) line += "  location=" + AsciiText(part.location);
+        line += part.content_type.empty() ? "(no content type)" : tarn::AsciiText(part.content_type);
+        if (!part.charset.empty()) line += "  charset=" + tarn::AsciiText(part.charset);
+        if (!part.transfer_encoding.empty()) line += "  encoding=" + tarn::AsciiText(part.transfer_encoding);
+        if (!part.content_id.empty()) line += "  id=" + tarn::AsciiText(part.content_id);
+        if (!part.location.empty()) line += "  location=" + tarn::AsciiText(part.location);
         if (part.fate.rfind("multipart", 0) != 0) line += "  " + std::to_string(part.decoded_size) + " bytes";
         line += "  -> " + part.fate;
         std::printf("%s\n", line.c_str());
@@ -61,7 +61,7 @@ void PrintText(const std::vector<tarn::MimePartReport>& parts, int32_t format, s
 
 void PrintJson(const std::string& file, const std::vector<tarn::MimePartReport>& parts, int32_t format,
                size_t body_size) {
-    JsonWriter json(std::cout);
+    tarn::JsonWriter json(std::cout);
     json.BeginObject().Key("file").Value(file).Key("body").Value(BodyName(format));
     json.Key("body_size").Value(static_cast<uint64_t>(body_size)).Key("parts").BeginArray();
     for (const tarn::MimePartReport& part : parts) {
@@ -100,7 +100,8 @@ int RunParts(const Args& args) {
     const std::u16string wide = tarn::host::WideFromUtf8(options.file);
     tarn::KernelFileHandle handle(krnOpenFile(wide.c_str(), 0, tarn::kOpenShareMode));
     if (!handle.valid()) {
-        std::fprintf(stderr, "tarnview parts: %s: cannot be opened\n", TerminalText(options.file).c_str());
+        std::fprintf(stderr, "tarnview parts: %s: cannot be opened\n",
+                     tarn::TerminalText(options.file).c_str());
         return 1;
     }
     tarn::MessageDocument record;
@@ -114,7 +115,7 @@ int RunParts(const Args& args) {
         // What was walked before the reader gave up still helps to see why.
         if (!options.json) PrintText(parts, tarn::kBodyNone, 0, status);
         std::fprintf(stderr, "tarnview parts: %s: the reader gives status %d (%s)\n",
-                     TerminalText(options.file).c_str(), status, tarn::StatusText(status));
+                     tarn::TerminalText(options.file).c_str(), status, tarn::StatusText(status));
         return 1;
     }
     const size_t body_size = format == tarn::kBodyHtml        ? record.document.TextLength()

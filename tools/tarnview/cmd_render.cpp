@@ -9,6 +9,7 @@
 
 #include "common/apiutils.h"
 #include "common/status.h"
+#include "common/terminal_text.h"
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn_control.h"
 #include "pst/filter_data.h"
@@ -17,7 +18,6 @@
 #include "tools/tarnview/documents.h"
 #include "tools/tarnview/filter_library.h"
 #include "tools/tarnview/language.h"
-#include "tools/tarnview/terminal_text.h"
 
 namespace tarnview {
 namespace {
@@ -55,7 +55,8 @@ int RunRender(const Args& args) {
     tarn::host::EntryPoints entries;
     std::string error;
     if (!LoadFilter(FilterLibraryPath(), &entries, &error)) {
-        std::fprintf(stderr, "tarnview render: cannot load the filter: %s\n", TerminalText(error).c_str());
+        std::fprintf(stderr, "tarnview render: cannot load the filter: %s\n",
+                     tarn::TerminalText(error).c_str());
         return 1;
     }
 
@@ -66,13 +67,14 @@ int RunRender(const Args& args) {
         session.BuildLoadRequest(options->message, options->text, /*with_slot=*/false);
     const tarn::host::CallOutcome outcome = tarn::host::CallLoad(entries, &request);
     if (!outcome.returned()) {
-        std::fprintf(stderr, "tarnview render: %s: %s\n", TerminalText(options->file).c_str(),
-                     TerminalText(outcome.error).c_str());
+        std::fprintf(stderr, "tarnview render: %s: %s\n", tarn::TerminalText(options->file).c_str(),
+                     tarn::TerminalText(outcome.error).c_str());
         return 1;
     }
     if (outcome.status != tarn::kStatusOk) {
         std::fprintf(stderr, "tarnview render: %s: fltLoad returned %d (%s)\n",
-                     TerminalText(options->file).c_str(), outcome.status, tarn::StatusText(outcome.status));
+                     tarn::TerminalText(options->file).c_str(), outcome.status,
+                     tarn::StatusText(outcome.status));
         return 1;
     }
     const tarn::host::LoaderCall* call = nullptr;
@@ -80,7 +82,7 @@ int RunRender(const Args& args) {
         if (IsLoad(c.kind)) call = &c;
     if (call == nullptr || call->info == nullptr) {
         std::fprintf(stderr, "tarnview render: %s: the filter called no loader\n",
-                     TerminalText(options->file).c_str());
+                     tarn::TerminalText(options->file).c_str());
         return 1;
     }
 
@@ -95,11 +97,11 @@ int RunRender(const Args& args) {
                static_cast<std::streamsize>(call->document.size()));
     file.close();
     if (!file) {
-        std::fprintf(stderr, "tarnview render: %s: cannot write\n", TerminalText(out).c_str());
+        std::fprintf(stderr, "tarnview render: %s: cannot write\n", tarn::TerminalText(out).c_str());
         return 1;
     }
-    std::printf("%s: format %d, %zu bytes, by %s\n", TerminalText(out).c_str(), format, call->document.size(),
-                tarn::host::LoaderKindName(call->kind));
+    std::printf("%s: format %d, %zu bytes, by %s\n", tarn::TerminalText(out).c_str(), format,
+                call->document.size(), tarn::host::LoaderKindName(call->kind));
     std::string repairs(krnctlRepairsMade(nullptr, 0), '\0');
     krnctlRepairsMade(repairs.data(), repairs.size() + 1);
     if (!repairs.empty()) std::printf("repaired: %s\n", repairs.c_str());

@@ -9,7 +9,10 @@
 
 namespace tarnview {
 
-bool ApplyLanguage(const ParsedArguments& parsed, const char* command) {
+namespace {
+
+// The --lang option's LANGID; nothing when it is not given, false after printing the reason.
+bool ParseLanguage(const ParsedArguments& parsed, const char* command, std::optional<uint16_t>* language) {
     const std::optional<std::string> text = parsed.Value("--lang");
     if (!text) return true;
     const char* digits = text->c_str();
@@ -23,7 +26,24 @@ bool ApplyLanguage(const ParsedArguments& parsed, const char* command) {
                      command, text->c_str());
         return false;
     }
-    krnctlSetLanguage(static_cast<uint16_t>(value));
+    *language = static_cast<uint16_t>(value);
+    return true;
+}
+
+}  // namespace
+
+bool ApplyLanguage(const ParsedArguments& parsed, const char* command) {
+    std::optional<uint16_t> language;
+    if (!ParseLanguage(parsed, command, &language)) return false;
+    if (language) krnctlSetLanguage(*language);
+    return true;
+}
+
+bool SettingsFrom(const ParsedArguments& parsed, const char* command, tarnpst::Settings* settings) {
+    std::optional<uint16_t> language;
+    if (!ParseLanguage(parsed, command, &language)) return false;
+    settings->language = language.value_or(0);
+    settings->profile = parsed.Has("--compat") ? tarnpst::Profile::kCompat : tarnpst::Profile::kRepaired;
     return true;
 }
 

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "tarnpst/tarnpst.h"
 #include "tools/tarnview/arguments.h"
 
 namespace tarnview {
@@ -17,6 +18,10 @@ bool ApplyLanguage(const ParsedArguments& parsed, const char* command);
 // Applies the profile: repaired documents, unless --compat asks for the toolkit's contract documents
 // byte for byte.
 void ApplyProfile(const ParsedArguments& parsed);
+
+// The library's settings from --lang and --compat, for the commands that call it rather than the
+// exported entry points. False after printing the reason.
+bool SettingsFrom(const ParsedArguments& parsed, const char* command, tarnpst::Settings* settings);
 
 // The languages the header block has labels of, one "  0x0409  English" line each, for --help.
 std::string LanguageHelp();

@@ -5,9 +5,9 @@
 #include <exception>
 #include <string>
 
+#include "common/terminal_text.h"
 #include "tools/tarnview/commands.h"
 #include "tools/tarnview/language.h"
-#include "tools/tarnview/terminal_text.h"
 
 namespace {
 
@@ -73,7 +73,7 @@ int main(int argc, char** argv) {
         try {
             return c.run(args);
         } catch (const std::exception& e) {
-            std::fprintf(stderr, "tarnview %s: %s\n", c.name, tarnview::TerminalText(e.what()).c_str());
+            std::fprintf(stderr, "tarnview %s: %s\n", c.name, tarn::TerminalText(e.what()).c_str());
             return 1;
         }
     }

@@ -1,4 +1,4 @@
-#include "tools/tarnview/source_attachments.h"
+#include "api/source_attachments.h"
 
 #include <string_view>
 
@@ -10,7 +10,7 @@
 #include "pst/msg/msg_reader.h"
 #include "pst/render/mime_reader.h"
 
-namespace tarnview {
+namespace tarn::api {
 namespace {
 
 constexpr std::string_view kLongNameStream = "__substg1.0_3707";
@@ -95,4 +95,4 @@ std::vector<SourceAttachment> ReadSourceAttachments(const std::string& source, b
                         : InternetMessageAttachments(handle.get(), source, error);
 }
 
-}  // namespace tarnview
+}  // namespace tarn::api

@@ -1,8 +1,8 @@
 // A PST message's text as people read it: subject, sender and recipients in UTF-8 with 8-bit strings
 // decoded in the message's own code page, and the sent time in UTC. The filter's documents read 8-bit
 // strings otherwise (byte by byte); these helpers serve tarnview's lists and manifests only.
-#ifndef TARN_TOOLS_TARNVIEW_STORE_TEXT_H_
-#define TARN_TOOLS_TARNVIEW_STORE_TEXT_H_
+#ifndef TARN_API_STORE_TEXT_H_
+#define TARN_API_STORE_TEXT_H_
 
 #include <cstdint>
 #include <optional>
@@ -11,7 +11,7 @@
 
 #include "store/ltp/property_object.h"
 
-namespace tarnview {
+namespace tarn::api {
 
 constexpr tarn::ltp::prop_id kPropMessageCodePage = 0x3FFD;
 constexpr tarn::ltp::prop_id kPropInternetCodePage = 0x3FDE;
@@ -44,6 +44,6 @@ std::optional<std::string> SentTimeUtc(const tarn::ltp::const_property_object& m
 // The same for a file time in hand.
 std::string FileTimeUtc(uint64_t file_time);
 
-}  // namespace tarnview
+}  // namespace tarn::api
 
-#endif  // TARN_TOOLS_TARNVIEW_STORE_TEXT_H_
+#endif  // TARN_API_STORE_TEXT_H_

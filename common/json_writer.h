@@ -1,7 +1,7 @@
 // A small streaming JSON writer for tarnview's --json output: enough for objects, arrays, strings and
 // numbers, with commas and escaping handled here rather than by each command.
-#ifndef TARN_TOOLS_TARNVIEW_JSON_H_
-#define TARN_TOOLS_TARNVIEW_JSON_H_
+#ifndef TARN_COMMON_JSON_WRITER_H_
+#define TARN_COMMON_JSON_WRITER_H_
 
 #include <cstdint>
 #include <optional>
@@ -9,9 +9,9 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/tarnview/terminal_text.h"
+#include "common/terminal_text.h"
 
-namespace tarnview {
+namespace tarn {
 
 class JsonWriter {
   public:
@@ -148,6 +148,6 @@ class JsonWriter {
     bool after_key_ = false;
 };
 
-}  // namespace tarnview
+}  // namespace tarn
 
-#endif  // TARN_TOOLS_TARNVIEW_JSON_H_
+#endif  // TARN_COMMON_JSON_WRITER_H_

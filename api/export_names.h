@@ -1,7 +1,7 @@
 // File and folder names for tarnview export, made from text that comes from the source: portable on
 // the common file systems, bounded in length, never a path of their own, and unique in their folder.
-#ifndef TARN_TOOLS_TARNVIEW_EXPORT_NAMES_H_
-#define TARN_TOOLS_TARNVIEW_EXPORT_NAMES_H_
+#ifndef TARN_API_EXPORT_NAMES_H_
+#define TARN_API_EXPORT_NAMES_H_
 
 #include <cstddef>
 #include <map>
@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-namespace tarnview {
+namespace tarn::api {
 
 constexpr size_t kSubjectNameBytes = 64;
 constexpr size_t kAttachmentNameBytes = 100;
@@ -37,6 +37,6 @@ class NameRegistry {
     std::map<std::string, std::set<std::string>> taken_;
 };
 
-}  // namespace tarnview
+}  // namespace tarn::api
 
-#endif  // TARN_TOOLS_TARNVIEW_EXPORT_NAMES_H_
+#endif  // TARN_API_EXPORT_NAMES_H_

@@ -11,8 +11,8 @@
 // under a byte budget (or the calling thread waits for that very message), and every reader, the
 // calling thread's too, is reopened after so many messages, so memory stays flat however large the
 // store and whatever its messages weigh.
-#ifndef TARN_TOOLS_TARNVIEW_PARALLEL_WALK_H_
-#define TARN_TOOLS_TARNVIEW_PARALLEL_WALK_H_
+#ifndef TARN_API_PARALLEL_WALK_H_
+#define TARN_API_PARALLEL_WALK_H_
 
 #include <algorithm>
 #include <condition_variable>
@@ -34,7 +34,7 @@
 #include "store/ltp/table.h"
 #include "store/ndb/database.h"
 
-namespace tarnview {
+namespace tarn::api {
 
 // A store error that ends a folder, or with no folder the whole walk (the node B-tree failed).
 struct RowFailure {
@@ -400,6 +400,6 @@ class ParallelWalk {
     bool stopped_ = false;  // the calling thread's own
 };
 
-}  // namespace tarnview
+}  // namespace tarn::api
 
-#endif  // TARN_TOOLS_TARNVIEW_PARALLEL_WALK_H_
+#endif  // TARN_API_PARALLEL_WALK_H_

@@ -1,4 +1,4 @@
-#include "tools/tarnview/export_manifest.h"
+#include "api/export_manifest.h"
 
 #include <unistd.h>
 
@@ -9,9 +9,9 @@
 #include <sstream>
 #include <utility>
 
-#include "tools/tarnview/json.h"
+#include "common/json_writer.h"
 
-namespace tarnview {
+namespace tarn::api {
 namespace {
 
 // A JSON value as far as a manifest row needs one: numbers, true and false stay as their text.
@@ -211,7 +211,7 @@ std::optional<ListedRow> RowOf(std::string line) {
 }
 
 // Empty text is written as null.
-void WriteOptional(JsonWriter& json, std::string_view key, const std::string& value) {
+void WriteOptional(tarn::JsonWriter& json, std::string_view key, const std::string& value) {
     json.Key(key);
     if (!value.empty())
         json.Value(value);
@@ -221,7 +221,7 @@ void WriteOptional(JsonWriter& json, std::string_view key, const std::string& va
 
 std::string Serialize(const Row& row) {
     std::ostringstream out;
-    JsonWriter json(out);
+    tarn::JsonWriter json(out);
     json.BeginObject();
     json.Field("source", row.source);
     json.Field("index", row.index);
@@ -330,7 +330,7 @@ void Manifest::Keep(const ListedRow& row) {
 
 bool Manifest::Finish() {
     std::ostringstream out;
-    JsonWriter json(out);
+    tarn::JsonWriter json(out);
     json.BeginObject().Field("summary", true).Field("rows", rows_).Field("exported", exported_);
     json.Field("attachments", attachments_).Field("failures", failures_);
     json.Field("bytes", bytes_).EndObject();
@@ -341,4 +341,4 @@ bool Manifest::Finish() {
     return error_.empty();
 }
 
-}  // namespace tarnview
+}  // namespace tarn::api

@@ -1,12 +1,12 @@
 // The attachments of a source that is not a PST store, for tarnview export --attachments: a message
 // file's attachment storages, or an Internet message's parts that are neither its body nor inlined.
-#ifndef TARN_TOOLS_TARNVIEW_SOURCE_ATTACHMENTS_H_
-#define TARN_TOOLS_TARNVIEW_SOURCE_ATTACHMENTS_H_
+#ifndef TARN_API_SOURCE_ATTACHMENTS_H_
+#define TARN_API_SOURCE_ATTACHMENTS_H_
 
 #include <string>
 #include <vector>
 
-namespace tarnview {
+namespace tarn::api {
 
 struct SourceAttachment {
     std::string name;   // as the source gives it (UTF-8 where it says so); empty when it gives none
@@ -20,6 +20,6 @@ struct SourceAttachment {
 std::vector<SourceAttachment> ReadSourceAttachments(const std::string& source, bool message_file,
                                                     std::string* error);
 
-}  // namespace tarnview
+}  // namespace tarn::api
 
-#endif  // TARN_TOOLS_TARNVIEW_SOURCE_ATTACHMENTS_H_
+#endif  // TARN_API_SOURCE_ATTACHMENTS_H_

@@ -1,15 +1,15 @@
 // What tarnview prints of a file's text: every control character a terminal would act on, and every
 // byte that is not UTF-8, shows as an escape, in the text output and in JSON alike.
-#include "tools/tarnview/terminal_text.h"
+#include "common/terminal_text.h"
 
 #include <gtest/gtest.h>
 
 #include <sstream>
 #include <string>
 
-#include "tools/tarnview/json.h"
+#include "common/json_writer.h"
 
-namespace tarnview {
+namespace tarn {
 namespace {
 
 TEST(TerminalText, ControlsAndStrayBytesBecomeEscapes) {
@@ -34,13 +34,13 @@ TEST(TerminalText, ControlsAndStrayBytesBecomeEscapes) {
          "\\ufffd\\ufffd \\ufffd\\ufffd \\ufffd\\ufffd\\ufffd \\ufffd\\ufffd\\ufffd\\ufffd \\ufffd\\ufffd"},
     };
     for (const Case& c : cases) {
-        EXPECT_EQ(TerminalText(c.in), c.text) << c.in;
+        EXPECT_EQ(tarn::TerminalText(c.in), c.text) << c.in;
         std::ostringstream json;
-        JsonWriter(json).Value(c.in);
+        tarn::JsonWriter(json).Value(c.in);
         EXPECT_EQ(json.str(), "\"" + c.json + "\"") << c.in;
     }
-    EXPECT_EQ(AsciiText("a\\b\xC3\xA9\x1B"), "a\\x5Cb\\xC3\\xA9\\x1B");
+    EXPECT_EQ(tarn::AsciiText("a\\b\xC3\xA9\x1B"), "a\\x5Cb\\xC3\\xA9\\x1B");
 }
 
 }  // namespace
-}  // namespace tarnview
+}  // namespace tarn

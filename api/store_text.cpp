@@ -1,4 +1,4 @@
-#include "tools/tarnview/store_text.h"
+#include "api/store_text.h"
 
 #include <ctime>
 #include <stdexcept>
@@ -11,7 +11,7 @@
 #include "pst/message_model.h"
 #include "pst/render/charset.h"
 
-namespace tarnview {
+namespace tarn::api {
 namespace {
 
 constexpr uint64_t kFileTimeUnixEpoch = 0x019DB1DED53E8000;
@@ -119,4 +119,4 @@ std::string FileTimeUtc(uint64_t file_time) {
     return text;
 }
 
-}  // namespace tarnview
+}  // namespace tarn::api

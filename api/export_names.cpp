@@ -1,4 +1,4 @@
-#include "tools/tarnview/export_names.h"
+#include "api/export_names.h"
 
 #include <unicode/normalizer2.h>
 #include <unicode/unistr.h>
@@ -7,9 +7,9 @@
 #include <cctype>
 #include <cstdint>
 
-#include "tools/tarnview/json.h"
+#include "common/json_writer.h"
 
-namespace tarnview {
+namespace tarn::api {
 namespace {
 
 constexpr std::string_view kForbidden = "/\\:*?\"<>|";
@@ -65,7 +65,7 @@ std::string PortableName(std::string_view text, size_t max_bytes, std::string_vi
     std::string out;
     for (size_t at = 0; at < text.size();) {
         char32_t code_point = 0;
-        const size_t length = Utf8Sequence(text.substr(at), &code_point);
+        const size_t length = tarn::Utf8Sequence(text.substr(at), &code_point);
         std::string_view piece = length == 0 ? "_" : text.substr(at, length);
         const bool control = code_point < 0x20 || (code_point >= 0x7F && code_point < 0xA0);
         if (length == 0 || control || (length == 1 && kForbidden.find(piece[0]) != std::string_view::npos))
@@ -105,4 +105,4 @@ void NameRegistry::Forget(const std::string& dir) {
     taken_.erase(taken_.lower_bound(dir + "/"), taken_.lower_bound(dir + "0"));
 }
 
-}  // namespace tarnview
+}  // namespace tarn::api

@@ -2,8 +2,8 @@
 // message is done, so that an export cut short by a crash, a signal or a full disk lists exactly the
 // files it finished; a last object records the summary of an export that ran to its end. The reading
 // side serves --resume and --force, which take what an earlier export listed.
-#ifndef TARN_TOOLS_TARNVIEW_EXPORT_MANIFEST_H_
-#define TARN_TOOLS_TARNVIEW_EXPORT_MANIFEST_H_
+#ifndef TARN_API_EXPORT_MANIFEST_H_
+#define TARN_API_EXPORT_MANIFEST_H_
 
 #include <cstdint>
 #include <filesystem>
@@ -12,42 +12,13 @@
 #include <string_view>
 #include <vector>
 
-namespace tarnview {
+#include "tarnpst/tarnpst.h"
 
-// An attachment as the manifest lists it.
-struct AttachmentRow {
-    std::string file;
-    uint64_t bytes = 0;
-    std::string sha256;
-    bool embedded = false;
-    int depth = 1;
-    std::optional<int32_t> status;  // embedded messages: the composition's status
-    std::string error;
-};
+namespace tarn::api {
 
-// One line of the manifest.
-struct Row {
-    std::string source;
-    std::optional<int32_t> index;  // the filter's message number (counted from 1)
-    std::string folder;
-    std::optional<uint32_t> node;
-    std::optional<std::string> subject;
-    std::optional<std::string> sender;
-    std::optional<std::string> sent;
-    std::optional<int32_t> format;
-    uint64_t bytes = 0;
-    std::string file;
-    std::string sha256;
-    std::optional<int32_t> status;
-    bool exported = false;
-    bool text_fallback = false;
-    std::string error;
-    bool filter_reaches = true;
-    std::optional<int32_t> filter_status;  // what the entry points give for this number, when not `status`
-    std::string filter_note;
-    std::vector<AttachmentRow> attachments;
-    std::string repairs;  // what was mended for the document, comma-separated; empty when nothing
-};
+// The rows as the public interface gives them.
+using AttachmentRow = tarnpst::ManifestAttachment;
+using Row = tarnpst::ManifestRow;
 
 // A file a manifest lists, relative to the output folder.
 struct ListedFile {
@@ -111,6 +82,6 @@ class Manifest {
     uint64_t bytes_ = 0;
 };
 
-}  // namespace tarnview
+}  // namespace tarn::api
 
-#endif  // TARN_TOOLS_TARNVIEW_EXPORT_MANIFEST_H_
+#endif  // TARN_API_EXPORT_MANIFEST_H_

@@ -1,8 +1,8 @@
-#include "tools/tarnview/terminal_text.h"
+#include "common/terminal_text.h"
 
 #include <cstdio>
 
-namespace tarnview {
+namespace tarn {
 namespace {
 
 void AppendHex(std::string& out, const char* format, unsigned value) {
@@ -98,4 +98,4 @@ std::string AsciiText(std::string_view text) {
     return out;
 }
 
-}  // namespace tarnview
+}  // namespace tarn

@@ -4,8 +4,8 @@
 // a file-size limit or a crash leaves at most temporary files (removed when a write fails), never a
 // short file under a name the manifest lists. Replacing an existing name replaces the directory entry
 // (a link, a symbolic link) and never writes through it.
-#ifndef TARN_TOOLS_TARNVIEW_EXPORT_OUTPUT_H_
-#define TARN_TOOLS_TARNVIEW_EXPORT_OUTPUT_H_
+#ifndef TARN_API_EXPORT_OUTPUT_H_
+#define TARN_API_EXPORT_OUTPUT_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-namespace tarnview {
+namespace tarn::api {
 
 // The SHA-256 of `bytes`, in lower-case hex.
 std::string Sha256Hex(std::span<const std::byte> bytes);
@@ -103,6 +103,6 @@ class OutputTree {
     std::string out_of_space_;
 };
 
-}  // namespace tarnview
+}  // namespace tarn::api
 
-#endif  // TARN_TOOLS_TARNVIEW_EXPORT_OUTPUT_H_
+#endif  // TARN_API_EXPORT_OUTPUT_H_

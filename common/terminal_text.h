@@ -1,13 +1,13 @@
 // Text from a file made safe to print: on a terminal it shows as visible escapes, never as a control
 // sequence that moves the cursor, rewrites the title or reorders the characters around it.
-#ifndef TARN_TOOLS_TARNVIEW_TERMINAL_TEXT_H_
-#define TARN_TOOLS_TARNVIEW_TERMINAL_TEXT_H_
+#ifndef TARN_COMMON_TERMINAL_TEXT_H_
+#define TARN_COMMON_TERMINAL_TEXT_H_
 
 #include <cstddef>
 #include <string>
 #include <string_view>
 
-namespace tarnview {
+namespace tarn {
 
 // The length of the well-formed UTF-8 sequence at the start of `text`, its code point in `*code_point`;
 // 0 when there is none (a stray continuation byte, an overlong form, a surrogate, a sequence cut
@@ -29,6 +29,6 @@ void AppendTerminalText(std::string& out, std::string_view text);
 // \xHH.
 std::string AsciiText(std::string_view text);
 
-}  // namespace tarnview
+}  // namespace tarn
 
-#endif  // TARN_TOOLS_TARNVIEW_TERMINAL_TEXT_H_
+#endif  // TARN_COMMON_TERMINAL_TEXT_H_

@@ -1,4 +1,4 @@
-#include "tools/tarnview/export_output.h"
+#include "api/export_output.h"
 
 #include <fcntl.h>
 #include <openssl/evp.h>
@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <utility>
 
-namespace tarnview {
+namespace tarn::api {
 namespace {
 
 namespace fs = std::filesystem;
@@ -268,4 +268,4 @@ void OutputTree::Remove(const fs::path& file) {
     }
 }
 
-}  // namespace tarnview
+}  // namespace tarn::api
