@@ -79,7 +79,9 @@ EXPORTS = [  # (source, options)
     (SAMPLE, {}),
     ("synthetic", {"text": True, "jobs": 2}),
     (os.path.join(SHARED, "corpus", "pst", "unicode-attach-and-inline.pst"), {"attachments": True}),
-    (corpus("pst")[2], {"lang": 0x0407, "compat": True}),
+    (os.path.join(SHARED, "corpus", "pst", "unicode-contacts-dist-list-row-order.pst"),  # rows with errors
+     {"lang": 0x0407, "compat": True, "attachments": True}),
+    (os.path.join(SHARED, "corpus", "pst", "unicode-gopst-support-html.pst"), {"compat": True}),  # filter notes
     (corpus("msg")[2], {"attachments": True}),
     (corpus("eml")[3], {"attachments": True}),
 ]
