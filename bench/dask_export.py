@@ -7,7 +7,6 @@ Usage: dask_export.py STORE COPIES WORKERS DIR   (the module on PYTHONPATH; copi
 """
 
 import os
-import resource
 import shutil
 import sys
 import tempfile
@@ -18,7 +17,9 @@ import tarnpst.dask
 
 
 def peak_mib():
-    return resource.getrusage(resource.RUSAGE_SELF).ru_maxrss / 1024
+    # VmHWM, not getrusage's maxrss: a worker process inherits its parent's maxrss when it is forked.
+    with open("/proc/self/status") as status:
+        return next(int(line.split()[1]) for line in status if line.startswith("VmHWM:")) / 1024
 
 
 def report(what, seconds, size, rows, peak):
@@ -36,7 +37,7 @@ def main(store, copies, workers, base):
                                                                        os.cpu_count()))
 
         start = time.perf_counter()
-        rows = len(tarnpst.export(paths, os.path.join(work, "one"), keep_rows=True))  # rows kept, as export_many's manifests are
+        rows = len(tarnpst.export(paths, os.path.join(work, "one"), keep_rows=True))
         report("one process, tarnpst.export (default jobs)", time.perf_counter() - start, size, rows, peak_mib())
         shutil.rmtree(os.path.join(work, "one"))
 
@@ -49,7 +50,9 @@ def main(store, copies, workers, base):
                 manifests = tarnpst.dask.export_many(paths, os.path.join(work, "many"), client=client)
                 seconds = time.perf_counter() - start
                 peaks = client.run(peak_mib)
-        report("%d-worker LocalCluster, export_many" % workers, seconds, size, sum(map(len, manifests)), max(peaks.values()))
+        report("%d-worker LocalCluster, export_many" % workers, seconds, size, sum(map(len, manifests)),
+               max(peaks.values()))
+        print("(peak: the exporting process, rows kept; for the cluster the largest worker's, the client aside)")
     finally:
         shutil.rmtree(work)
 
