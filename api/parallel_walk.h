@@ -88,59 +88,25 @@ class ParallelWalk {
     // Walks the store; `db` (the calling thread's reader) serves where a fresh reader cannot be opened.
     void Run(const tarn::ndb::db_ptr& db, const Finish& finish, const Fail& fail) {
         Planner planner(*this, db);
-        std::vector<std::thread> threads;
-        std::vector<tarn::ndb::db_ptr> readers;
-        // A worker whose reader cannot be opened is simply not started; with none the walk runs here.
-        for (unsigned i = 0; i < settings_.workers; ++i) {
-            try {
-                readers.push_back(open_());
-            } catch (const std::exception&) {
-                break;
-            }
-        }
+        const std::vector<tarn::ndb::db_ptr> readers = OpenReaders();
         const bool inline_work = readers.empty();
         Reader inline_reader;
         // Planned chunks hold message ids only; what they give is bounded by the byte budget.
         const size_t window = inline_work ? 1 : 2 * readers.size() + 2;
-        // Workers are joined before anything they share goes, also when the calling thread throws.
-        struct Joiner {
-            ParallelWalk* walk;
-            std::vector<std::thread>* threads;
-            ~Joiner() {
-                {
-                    std::lock_guard lock(walk->mutex_);
-                    walk->stopping_ = true;
-                }
-                walk->workers_.notify_all();
-                for (std::thread& t : *threads) t.join();
-            }
-        } joiner{this, &threads};
+        std::vector<std::thread> threads;
+        const Joiner joiner{this, &threads};
         for (const tarn::ndb::db_ptr& reader : readers)
             threads.emplace_back([this, reader] { WorkerLoop(reader); });
 
         // The folder a store error ended, while its chunks come.
-        bool folder_ended = false;
-        tarn::ndb::node_id ended_folder = 0;
+        std::optional<tarn::ndb::node_id> ended;
         while (!stopped_) {
-            // Keep the window ahead of the consumer planned.
-            while (!planner.done()) {
-                {
-                    std::lock_guard lock(mutex_);
-                    if (chunks_.size() >= window) break;
-                }
-                std::unique_ptr<Chunk> chunk = planner.Next();
-                if (chunk == nullptr) break;
-                {
-                    std::lock_guard lock(mutex_);
-                    chunks_.push_back(std::move(chunk));
-                }
-                workers_.notify_all();
-            }
+            PlanAhead(planner, window);
             std::unique_lock lock(mutex_);
             if (chunks_.empty()) break;
             Chunk& front = *chunks_.front();
-            if (folder_ended && front.folder != ended_folder) folder_ended = false;
-            if (folder_ended) {
+            if (ended && front.folder != *ended) ended.reset();
+            if (ended) {
                 // The rest of a folder that a store error ended is not the walk's any more.
                 Drop(lock);
                 continue;
@@ -155,32 +121,12 @@ class ParallelWalk {
                 std::optional<RowFailure> failure = std::move(front.failure);
                 Drop(lock);
                 if (failure) {
-                    if (failure->folder) folder_ended = true, ended_folder = *failure->folder;
+                    if (failure->folder) ended = *failure->folder;
                     fail(*failure);
                 }
                 continue;
             }
-            // Results are handed over one by one, so that what waits is bounded by bytes, not chunks.
-            Result result = std::move(front.results.front().first);
-            const bool over = waiting_bytes_ >= settings_.byte_budget;
-            waiting_bytes_ -= front.results.front().second;
-            front.results.pop_front();
-            // Workers wait only for the budget or for the front chunk to be taken up: woken for those.
-            const bool wake = front.results.empty() || (over && waiting_bytes_ < settings_.byte_budget);
-            const uint32_t row = front.first_row + front.consumed++;
-            const tarn::ndb::node_id folder = *front.folder;
-            lock.unlock();
-            if (wake) workers_.notify_all();
-            try {
-                finish(folder, row, result);
-            } catch (const std::exception& e) {
-                // What the calling thread reads for a message ends its folder as the worker's would.
-                lock.lock();
-                Drop(lock);
-                folder_ended = true;
-                ended_folder = folder;
-                if (!stopped_) fail(RowFailure{folder, row, e.what()});
-            }
+            HandOver(lock, front, finish, fail, ended);
         }
     }
 
@@ -287,6 +233,76 @@ class ParallelWalk {
         tarn::ndb::node_id folder_ = 0;
         uint32_t row_ = 0;
     };
+
+    // Workers are joined before anything they share goes, also when the calling thread throws.
+    struct Joiner {
+        ParallelWalk* walk;
+        std::vector<std::thread>* threads;
+        ~Joiner() {
+            {
+                std::lock_guard lock(walk->mutex_);
+                walk->stopping_ = true;
+            }
+            walk->workers_.notify_all();
+            for (std::thread& t : *threads) t.join();
+        }
+    };
+
+    // A reader for each worker. A worker whose reader cannot be opened is simply not started; with none
+    // the walk runs on the calling thread.
+    std::vector<tarn::ndb::db_ptr> OpenReaders() {
+        std::vector<tarn::ndb::db_ptr> readers;
+        for (unsigned i = 0; i < settings_.workers; ++i) {
+            try {
+                readers.push_back(open_());
+            } catch (const std::exception&) {
+                break;
+            }
+        }
+        return readers;
+    }
+
+    // Keeps the window ahead of the consumer planned.
+    void PlanAhead(Planner& planner, size_t window) {
+        while (!planner.done()) {
+            {
+                std::lock_guard lock(mutex_);
+                if (chunks_.size() >= window) break;
+            }
+            std::unique_ptr<Chunk> chunk = planner.Next();
+            if (chunk == nullptr) break;
+            {
+                std::lock_guard lock(mutex_);
+                chunks_.push_back(std::move(chunk));
+            }
+            workers_.notify_all();
+        }
+    }
+
+    // Hands the front chunk's next result to `finish`. Results go over one by one, so that what waits
+    // is bounded by bytes, not chunks. Requires: `lock` holds mutex_ and the chunk has a result.
+    void HandOver(std::unique_lock<std::mutex>& lock, Chunk& front, const Finish& finish, const Fail& fail,
+                  std::optional<tarn::ndb::node_id>& ended) {
+        Result result = std::move(front.results.front().first);
+        const bool over = waiting_bytes_ >= settings_.byte_budget;
+        waiting_bytes_ -= front.results.front().second;
+        front.results.pop_front();
+        // Workers wait only for the budget or for the front chunk to be taken up: woken for those.
+        const bool wake = front.results.empty() || (over && waiting_bytes_ < settings_.byte_budget);
+        const uint32_t row = front.first_row + front.consumed++;
+        const tarn::ndb::node_id folder = *front.folder;
+        lock.unlock();
+        if (wake) workers_.notify_all();
+        try {
+            finish(folder, row, result);
+        } catch (const std::exception& e) {
+            // What the calling thread reads for a message ends its folder as the worker's would.
+            lock.lock();
+            Drop(lock);
+            ended = folder;
+            if (!stopped_) fail(RowFailure{folder, row, e.what()});
+        }
+    }
 
     // The reader for `messages` more messages, fresh when the last one has served its share. Should a
     // fresh one not open, the last one serves on, or else `fallback`.

@@ -82,14 +82,26 @@ OpenResult CompoundStorage::load() {
 
     const uint64_t block = big_block_size();
     const uint64_t file_sectors = file_size_ > block ? (file_size_ - block + block - 1) / block : 0;
+    if (!load_fat_sector_list(file_sectors) || !load_fat(file_sectors) || !load_directory())
+        return OpenResult::OpenFailed;
 
+    // The mini stream starts at the root entry's start sector. An empty directory has no root: the
+    // file opens with nothing in it, and every lookup fails.
+    if (directory_.size() > 0 && !fat_.follow_chain(directory_.entry(0).start_sector, mini_stream_))
+        return OpenResult::OpenFailed;
+
+    return load_mini_fat() ? OpenResult::Ok : OpenResult::OpenFailed;
+}
+
+bool CompoundStorage::load_fat_sector_list(uint64_t file_sectors) {
+    const uint64_t block = big_block_size();
     // The FAT's own sectors: up to 109 from the header, the rest from the DIFAT sectors, each of which
     // ends with the number of the next one. The header's counts are claims: the list holds at most one
     // FAT sector per sector of the file, which is also more than can matter (FAT sector i describes
     // sectors from i * block / 4 on, past the file's end once i reaches the file's sector count). FAT
     // sectors claimed beyond it, and those the DIFAT fails to name, read as free.
     const uint64_t fat_count = std::min(header_.fat_sector_count, file_sectors);
-    if (!fat_sectors_.allocate(static_cast<size_t>(fat_count))) return OpenResult::OpenFailed;
+    if (!fat_sectors_.allocate(static_cast<size_t>(fat_count))) return false;
     size_t listed = 0;
     for (size_t i = 0; i < std::min<uint64_t>(fat_count, format::kHeaderDifatCount); ++i)
         fat_sectors_[listed++] = static_cast<uint32_t>(header_.difat[i]);
@@ -100,7 +112,7 @@ OpenResult CompoundStorage::load() {
         if (!difat_sectors_.allocate(
                 static_cast<size_t>(std::min(header_.difat_sector_count, file_sectors))) ||
             !difat_block.allocate(static_cast<size_t>(block)) || !seen.allocate(file_sectors))
-            return OpenResult::OpenFailed;
+            return false;
         size_t difat_read = 0;
         uint64_t sector = header_.first_difat_sector;
         for (uint64_t k = 0; k < header_.difat_sector_count && listed < fat_count; ++k) {
@@ -122,50 +134,49 @@ OpenResult CompoundStorage::load() {
         difat_sectors_.shrink(difat_read);
     }
     fat_sectors_.shrink(listed);
+    return true;
+}
 
-    // The FAT buffer starts as all free entries, so that a FAT sector outside the file, or the part
-    // of one cut off by the file's end, ends chains instead of pointing anywhere. Only the FAT sectors
-    // that describe sectors of the file are read: the entries of the others could never be followed.
-    {
-        const uint64_t entries_per_sector = block / 4;
-        const auto describing = static_cast<size_t>(
-            std::min<uint64_t>(listed, (file_sectors + entries_per_sector - 1) / entries_per_sector));
-        KernelArray<std::byte> fat_bytes;
-        if (!fat_bytes.allocate(static_cast<size_t>(describing * block))) return OpenResult::OpenFailed;
-        if (!fat_bytes.empty()) std::memset(fat_bytes.data(), 0xFF, fat_bytes.size());
-        read_chain(fat_sectors_.span().first(describing), fat_bytes.span());
-        // Chains stop at the first sector that starts past the end of the file: it has no bytes to
-        // give, and stopping there keeps every chain no longer than the file.
-        if (!fat_.load(fat_bytes.span(), block, file_sectors)) return OpenResult::OpenFailed;
-    }
+// The FAT buffer starts as all free entries, so that a FAT sector outside the file, or the part
+// of one cut off by the file's end, ends chains instead of pointing anywhere. Only the FAT sectors
+// that describe sectors of the file are read: the entries of the others could never be followed.
+bool CompoundStorage::load_fat(uint64_t file_sectors) {
+    const uint64_t block = big_block_size();
+    const size_t listed = fat_sectors_.size();
+    const uint64_t entries_per_sector = block / 4;
+    const auto describing = static_cast<size_t>(
+        std::min<uint64_t>(listed, (file_sectors + entries_per_sector - 1) / entries_per_sector));
+    KernelArray<std::byte> fat_bytes;
+    if (!fat_bytes.allocate(static_cast<size_t>(describing * block))) return false;
+    if (!fat_bytes.empty()) std::memset(fat_bytes.data(), 0xFF, fat_bytes.size());
+    read_chain(fat_sectors_.span().first(describing), fat_bytes.span());
+    // Chains stop at the first sector that starts past the end of the file: it has no bytes to
+    // give, and stopping there keeps every chain no longer than the file.
+    return fat_.load(fat_bytes.span(), block, file_sectors);
+}
 
-    // The directory; its chain, like every chain, is no longer than the file.
-    {
-        SectorChain chain;
-        if (!fat_.follow_chain(header_.first_directory_sector, chain)) return OpenResult::OpenFailed;
-        KernelArray<std::byte> bytes;
-        if (!bytes.allocate(static_cast<size_t>(chain.size() * block))) return OpenResult::OpenFailed;
-        read_chain(chain.span(), bytes.span());
-        if (!directory_.load(bytes.span())) return OpenResult::OpenFailed;
-    }
+// The directory; its chain, like every chain, is no longer than the file.
+bool CompoundStorage::load_directory() {
+    const uint64_t block = big_block_size();
+    SectorChain chain;
+    if (!fat_.follow_chain(header_.first_directory_sector, chain)) return false;
+    KernelArray<std::byte> bytes;
+    if (!bytes.allocate(static_cast<size_t>(chain.size() * block))) return false;
+    read_chain(chain.span(), bytes.span());
+    return directory_.load(bytes.span());
+}
 
-    // The mini stream starts at the root entry's start sector. An empty directory has no root: the
-    // file opens with nothing in it, and every lookup fails.
-    if (directory_.size() > 0 && !fat_.follow_chain(directory_.entry(0).start_sector, mini_stream_))
-        return OpenResult::OpenFailed;
-
-    // The mini FAT; small blocks exist only as far as the mini stream's chain reaches.
-    {
-        SectorChain chain;
-        if (!fat_.follow_chain(header_.first_mini_fat_sector, chain)) return OpenResult::OpenFailed;
-        KernelArray<std::byte> bytes;
-        if (!bytes.allocate(static_cast<size_t>(chain.size() * block))) return OpenResult::OpenFailed;
-        if (!bytes.empty()) std::memset(bytes.data(), 0xFF, bytes.size());
-        read_chain(chain.span(), bytes.span());
-        uint64_t small_blocks = mini_stream_.size() * (block / small_block_size());
-        if (!mini_fat_.load(bytes.span(), small_block_size(), small_blocks)) return OpenResult::OpenFailed;
-    }
-    return OpenResult::Ok;
+// The mini FAT; small blocks exist only as far as the mini stream's chain reaches.
+bool CompoundStorage::load_mini_fat() {
+    const uint64_t block = big_block_size();
+    SectorChain chain;
+    if (!fat_.follow_chain(header_.first_mini_fat_sector, chain)) return false;
+    KernelArray<std::byte> bytes;
+    if (!bytes.allocate(static_cast<size_t>(chain.size() * block))) return false;
+    if (!bytes.empty()) std::memset(bytes.data(), 0xFF, bytes.size());
+    read_chain(chain.span(), bytes.span());
+    uint64_t small_blocks = mini_stream_.size() * (block / small_block_size());
+    return mini_fat_.load(bytes.span(), small_block_size(), small_blocks);
 }
 
 size_t CompoundStorage::read_at(uint64_t offset, std::span<std::byte> buffer) const {

@@ -53,6 +53,12 @@ class CompoundStorage {
     friend class CompoundStream;
 
     OpenResult load();
+    // The steps of load(), in order; each false when memory runs out. `file_sectors`: the big blocks
+    // the file holds after its header.
+    bool load_fat_sector_list(uint64_t file_sectors);  // the FAT's sectors, from the header and DIFAT
+    bool load_fat(uint64_t file_sectors);
+    bool load_directory();
+    bool load_mini_fat();  // requires the mini stream's chain
     // Reads up to `buffer.size()` bytes at `offset`, cut at the end of the file. Returns the bytes
     // actually read; a failed seek or read counts as none.
     size_t read_at(uint64_t offset, std::span<std::byte> buffer) const;

@@ -11,7 +11,6 @@
 #include "kernel/tarnkrn.h"
 #include "platform/codepage.h"
 #include "pst/image_files.h"
-#include "pst/message_walk.h"
 #include "pst/render/charset.h"
 #include "pst/render/compressed_rtf.h"
 #include "pst/render/header_block.h"
@@ -275,21 +274,6 @@ int32_t AssemblePstDocument(MessageDocument& entry, int32_t* body_format, bool p
     const int32_t status = AssembleDocument(entry, body_format, plain_text, record);
     record->repairs.Merge(entry.repairs);
     return status;
-}
-
-int32_t ProducePstDocument(const char16_t* file_name, PstFilterData* record, int32_t* message_index,
-                           int32_t* body_format, bool plain_text) {
-    const ndb::db_ptr db = ndb::open_database(std::u16string(file_name, WideLength(file_name)));
-    MessageListPtr list;
-    if (const int32_t status = CountMessages(db, &list, &record->repairs); status != kStatusOk) return status;
-    record->message_count = list->count;
-    if (*message_index >= list->count) *message_index = list->count - 1;
-    if (*message_index < 0) *message_index = 0;
-
-    if (const int32_t status = SelectMessage(db, *list, *message_index, body_format, record);
-        status != kStatusOk)
-        return status;
-    return AssemblePstDocument(list->entries[*message_index], body_format, plain_text, record);
 }
 
 }  // namespace tarn

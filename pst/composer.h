@@ -40,11 +40,6 @@ int32_t AssemblePstDocument(MessageDocument& entry, int32_t* body_format, bool p
 // copy. The header slots are left as they are.
 void ReleaseComposedBodies(MessageDocument& entry);
 
-// ProduceDocument for a PST: opens the store, counts and clamps, walks to the message and assembles
-// it. Errors while the store is opened or counted are not caught.
-int32_t ProducePstDocument(const char16_t* file_name, PstFilterData* record, int32_t* message_index,
-                           int32_t* body_format, bool plain_text);
-
 }  // namespace tarn
 
 #endif  // TARN_PST_COMPOSER_H_

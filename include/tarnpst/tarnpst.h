@@ -25,6 +25,7 @@ namespace tarnpst {
 // The filter's status codes that callers meet most; Error::status() may carry any other of its codes.
 constexpr int32_t kStatusOk = 1;
 constexpr int32_t kStatusFailure = -1;      // out of memory, or a general failure (also: an escaped fault)
+constexpr int32_t kStatusShortRead = -7;    // fewer bytes than the file states could be read
 constexpr int32_t kStatusUnsupported = -9;  // no document for this message, or not a source the filter takes
 constexpr int32_t kStatusCannotOpen = -10;  // the source cannot be opened
 

@@ -30,6 +30,30 @@ database_impl<T>::database_impl(const std::u16string& path) : file_(path), heade
     }
 }
 
+header_fields read_header_fields(const std::u16string& path) {
+    StoreFile file(path);
+    std::vector<std::byte> bytes(format::kAnsiHeader.size);
+    file.read_at(bytes, 0);
+    header_fields h;
+    h.version = LoadLe16(bytes.data() + format::kVersionOffset);
+    h.unicode = h.version >= format::kUnicodeVersionThreshold;
+    const format::HeaderLayout& layout = h.unicode ? format::kUnicodeHeader : format::kAnsiHeader;
+    if (h.unicode) {
+        bytes.resize(layout.size);
+        file.read_at(bytes, 0);
+    }
+    const auto id = [&](size_t at) -> uint64_t {
+        return h.unicode ? LoadLe64(bytes.data() + at) : LoadLe32(bytes.data() + at);
+    };
+    h.magic = LoadLe32(bytes.data() + format::kMagicOffset);
+    h.crypt_method = std::to_integer<uint8_t>(bytes[layout.crypt_method]);
+    h.file_eof = id(layout.file_eof);
+    h.next_block_id = id(layout.bid_next_b);
+    h.nbt_root = {id(layout.root_nbt), id(layout.root_nbt + layout.id_width)};
+    h.bbt_root = {id(layout.root_bbt), id(layout.root_bbt + layout.id_width)};
+    return h;
+}
+
 template <typename T>
 database_impl<T>::~database_impl() {
     // Node B-tree root first, then the block B-tree root; the file closes with its member.

@@ -74,6 +74,20 @@ class db_context : public std::enable_shared_from_this<db_context> {
     virtual block_id alloc_bid(bool internal) = 0;
 };
 
+// The header's fields as the file states them, read without the checks open_database makes, so that a
+// header it refuses can still be shown. The version alone picks the layout. Throws the file reader's
+// errors.
+struct header_fields {
+    bool unicode = false;
+    uint16_t version = 0;
+    uint32_t magic = 0;
+    uint8_t crypt_method = 0;
+    uint64_t file_eof = 0;
+    uint64_t next_block_id = 0;
+    page_info nbt_root, bbt_root;
+};
+header_fields read_header_fields(const std::u16string& path);
+
 // Opens the store at `path` (ANSI first, Unicode when the ANSI header check says "Unexpected Database
 // Format"). Throws the header's crc_fail, invalid_format, or the file reader's errors.
 std::shared_ptr<db_context> open_database(const std::u16string& path);

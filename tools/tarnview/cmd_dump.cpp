@@ -9,21 +9,13 @@
 #include <vector>
 
 #include "common/json_writer.h"
-#include "common/little_endian.h"
-#include "common/signatures.h"
-#include "common/store_file.h"
 #include "common/terminal_text.h"
-#include "platform/unicode.h"
-#include "store/ndb/database.h"
-#include "store/ndb/format.h"
+#include "tarnpst/inspect.h"
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
 
 namespace tarnview {
 namespace {
-
-namespace ndb = tarn::ndb;
-namespace fmt = tarn::ndb::format;
 
 struct Options {
     std::string file;
@@ -36,184 +28,24 @@ std::optional<Options> Parse(const Args& args) {
     return Options{parsed->positional[0], parsed->Has("--json")};
 }
 
-// The header as the store sees it, read here rather than asked of the database, so that a header the
-// database refuses can still be shown.
-struct Header {
-    bool unicode = false;
-    uint32_t magic = 0;
-    uint16_t version = 0;
-    uint8_t crypt_method = 0;
-    uint64_t file_eof = 0;
-    uint64_t next_block_id = 0;
-    ndb::page_info nbt_root, bbt_root;
-};
-
-Header ReadHeader(const std::u16string& path) {
-    tarn::StoreFile file(path);
-    std::vector<std::byte> bytes(fmt::kAnsiHeader.size);
-    file.read_at(bytes, 0);
-    Header h;
-    h.version = tarn::LoadLe16(bytes.data() + fmt::kVersionOffset);
-    h.unicode = h.version >= fmt::kUnicodeVersionThreshold;
-    const fmt::HeaderLayout& layout = h.unicode ? fmt::kUnicodeHeader : fmt::kAnsiHeader;
-    if (h.unicode) {
-        bytes.resize(layout.size);
-        file.read_at(bytes, 0);
-    }
-    auto id = [&](size_t at) -> uint64_t {
-        return h.unicode ? tarn::LoadLe64(bytes.data() + at) : tarn::LoadLe32(bytes.data() + at);
-    };
-    h.magic = tarn::LoadLe32(bytes.data() + fmt::kMagicOffset);
-    h.crypt_method = std::to_integer<uint8_t>(bytes[layout.crypt_method]);
-    h.file_eof = id(layout.file_eof);
-    h.next_block_id = id(layout.bid_next_b);
-    h.nbt_root = {id(layout.root_nbt), id(layout.root_nbt + layout.id_width)};
-    h.bbt_root = {id(layout.root_bbt), id(layout.root_bbt + layout.id_width)};
-    return h;
-}
-
-const char* EncodingName(uint8_t method) {
-    switch (method) {
-        case fmt::kCryptNone:
-            return "none";
-        case fmt::kCryptPermute:
-            return "permute";
-        case fmt::kCryptCyclic:
-            return "cyclic";
-        default:
-            return "unknown";
-    }
-}
-
-// The node type in the low five bits of a node id.
-const char* TypeName(ndb::node_id id) {
-    static const char* const kNames[32] = {"heap",
-                                           "internal",
-                                           "folder",
-                                           "search folder",
-                                           "message",
-                                           "attachment",
-                                           "search update queue",
-                                           "search criteria",
-                                           "associated message",
-                                           "type 9",
-                                           "contents table index",
-                                           "receive folder table",
-                                           "outgoing queue table",
-                                           "hierarchy table",
-                                           "contents table",
-                                           "associated contents table",
-                                           "search contents table",
-                                           "attachment table",
-                                           "recipient table",
-                                           "search table index",
-                                           "type 0x14",
-                                           "type 0x15",
-                                           "type 0x16",
-                                           "type 0x17",
-                                           "type 0x18",
-                                           "type 0x19",
-                                           "type 0x1a",
-                                           "type 0x1b",
-                                           "type 0x1c",
-                                           "type 0x1d",
-                                           "type 0x1e",
-                                           "ltp"};
-    return kNames[id & 0x1F];
-}
-
 std::string Hex(uint64_t value) {
     char text[24];
     std::snprintf(text, sizeof text, "0x%" PRIx64, value);
     return text;
 }
 
-// What an error says, with where it happened when the error knows.
-std::string Describe(const std::exception& e) {
-    std::string text = e.what();
-    if (const auto* sig = dynamic_cast<const ndb::sig_mismatch*>(&e)) {
-        text += " (id " + Hex(sig->id()) + " at " + Hex(sig->location()) + ")";
-    }
-    return text;
-}
-
-struct NodeLine {
-    ndb::node_info info;
-    size_t size = 0;
-    size_t subnodes = 0;
-    std::string error;  // empty when the node read
-};
-
-// Counts every subnode entry of the node's tree (all levels), reading its data size on the way.
-NodeLine ReadNode(ndb::db_context& db, const ndb::node_info& info) {
-    NodeLine line;
-    line.info = info;
-    try {
-        ndb::node n = db.lookup_node(info.id);
-        line.size = n.size();
-        for (const ndb::subnode_info& sub : n.subnodes()) {
-            (void)sub;
-            ++line.subnodes;
-        }
-    } catch (const std::exception& e) {
-        line.error = Describe(e);
-    }
-    return line;
-}
-
-// Walks the node B-tree page by page with an explicit stack, so that a page that cannot be read costs
-// only the nodes under it. `emit` gets every node line; `page_error` every unreadable page.
-template <typename Emit, typename PageError>
-void WalkNodes(ndb::db_context& db, Emit emit, PageError page_error) {
-    std::shared_ptr<ndb::nbt_page> root;
-    try {
-        root = db.read_nbt_root();
-    } catch (const std::exception& e) {
-        page_error(0, Describe(e));
-        return;
-    }
-    struct Frame {
-        const ndb::btree_node<ndb::node_id, ndb::node_info>* node;
-        size_t next;
-    };
-    std::vector<Frame> stack{{root.get(), 0}};
-    while (!stack.empty()) {
-        Frame& top = stack.back();
-        if (const auto* leaf = dynamic_cast<const ndb::nbt_leaf_page*>(top.node)) {
-            for (size_t i = 0; i < leaf->num_values(); ++i) emit(ReadNode(db, leaf->get_value(i)));
-            stack.pop_back();
-            continue;
-        }
-        const auto* nonleaf = dynamic_cast<const ndb::nbt_nonleaf_page*>(top.node);
-        if (nonleaf == nullptr || top.next >= nonleaf->num_values()) {
-            stack.pop_back();
-            continue;
-        }
-        const size_t position = top.next++;
-        if (stack.size() >= ndb::kMaxBtreeDepth) {
-            page_error(nonleaf->get_child_info(position).address, "b-tree nests deeper than any store can");
-            continue;
-        }
-        try {
-            stack.push_back({nonleaf->get_child(position), 0});
-        } catch (const std::exception& e) {
-            page_error(nonleaf->get_child_info(position).address, Describe(e));
-        }
-    }
-}
-
-int DumpText(const Options& options, const Header& h, const std::shared_ptr<ndb::db_context>& db,
-             const std::string& open_error) {
+int DumpText(const Options& options, const tarnpst::StoreHeader& h,
+             const std::optional<tarnpst::StoreNodes>& db, const std::string& open_error) {
     std::printf("file: %s\n", tarn::TerminalText(options.file).c_str());
     std::printf("layout: %s (wVer %u)\n", h.unicode ? "Unicode" : "ANSI", h.version);
-    std::printf("encoding: %s (bCryptMethod %u)\n", EncodingName(h.crypt_method), h.crypt_method);
-    std::printf("magic: %s\n", h.magic == tarn::kPstSignatureWord ? "!BDN" : Hex(h.magic).c_str());
+    std::printf("encoding: %s (bCryptMethod %u)\n", h.encoding, h.crypt_method);
+    std::printf("magic: %s\n", h.magic_ok ? "!BDN" : Hex(h.magic).c_str());
     std::printf("file eof: %" PRIu64 " (%s)\n", h.file_eof, Hex(h.file_eof).c_str());
     std::printf("next block id: %s\n", Hex(h.next_block_id).c_str());
-    std::printf("node b-tree root: page %s at %s\n", Hex(h.nbt_root.id).c_str(),
-                Hex(h.nbt_root.address).c_str());
-    std::printf("block b-tree root: page %s at %s\n", Hex(h.bbt_root.id).c_str(),
-                Hex(h.bbt_root.address).c_str());
+    std::printf("node b-tree root: page %s at %s\n", Hex(h.nbt_root_id).c_str(),
+                Hex(h.nbt_root_address).c_str());
+    std::printf("block b-tree root: page %s at %s\n", Hex(h.bbt_root_id).c_str(),
+                Hex(h.bbt_root_address).c_str());
     if (!db) {
         std::fprintf(stderr, "tarnview dump: %s: %s\n", tarn::TerminalText(options.file).c_str(),
                      tarn::TerminalText(open_error).c_str());
@@ -222,22 +54,21 @@ int DumpText(const Options& options, const Header& h, const std::shared_ptr<ndb:
     std::printf("nodes:\n  %-10s  %-26s %-10s  %-10s  %10s  %8s\n", "id", "type", "parent", "data", "size",
                 "subnodes");
     size_t count = 0, failed = 0;
-    WalkNodes(
-        *db,
-        [&](const NodeLine& line) {
+    db->Walk(
+        [&](const tarnpst::StoreNode& i) {
             ++count;
-            const ndb::node_info& i = line.info;
-            if (!line.error.empty()) {
+            if (!i.error.empty()) {
                 ++failed;
-                std::printf("  0x%08x  %-26s 0x%08x  %-10s  error: %s\n", i.id, TypeName(i.id), i.parent_id,
-                            Hex(i.data_bid).c_str(), tarn::TerminalText(line.error).c_str());
+                std::printf("  0x%08x  %-26s 0x%08x  %-10s  error: %s\n", i.id, i.type, i.parent,
+                            Hex(i.data_bid).c_str(), tarn::TerminalText(i.error).c_str());
                 std::fprintf(stderr, "tarnview dump: %s: node 0x%x: %s\n",
                              tarn::TerminalText(options.file).c_str(), i.id,
-                             tarn::TerminalText(line.error).c_str());
+                             tarn::TerminalText(i.error).c_str());
                 return;
             }
-            std::printf("  0x%08x  %-26s 0x%08x  %-10s  %10zu  %8zu\n", i.id, TypeName(i.id), i.parent_id,
-                        Hex(i.data_bid).c_str(), line.size, line.subnodes);
+            std::printf("  0x%08x  %-26s 0x%08x  %-10s  %10zu  %8zu\n", i.id, i.type, i.parent,
+                        Hex(i.data_bid).c_str(), static_cast<size_t>(i.size),
+                        static_cast<size_t>(i.subnodes));
         },
         [&](uint64_t address, const std::string& error) {
             ++failed;
@@ -251,27 +82,27 @@ int DumpText(const Options& options, const Header& h, const std::shared_ptr<ndb:
     return failed == 0 ? 0 : 1;
 }
 
-int DumpJson(const Options& options, const Header& h, const std::shared_ptr<ndb::db_context>& db,
-             const std::string& open_error) {
+int DumpJson(const Options& options, const tarnpst::StoreHeader& h,
+             const std::optional<tarnpst::StoreNodes>& db, const std::string& open_error) {
     tarn::JsonWriter w(std::cout);
     w.BeginObject();
     w.Field("file", options.file);
     w.Field("layout", h.unicode ? "unicode" : "ansi");
     w.Field("version", static_cast<uint32_t>(h.version));
-    w.Field("encoding", EncodingName(h.crypt_method));
+    w.Field("encoding", h.encoding);
     w.Field("crypt_method", static_cast<uint32_t>(h.crypt_method));
     w.Field("magic", static_cast<uint32_t>(h.magic));
     w.Field("file_eof", h.file_eof);
     w.Field("next_block_id", h.next_block_id);
     w.Key("nbt_root")
         .BeginObject()
-        .Field("id", h.nbt_root.id)
-        .Field("address", h.nbt_root.address)
+        .Field("id", h.nbt_root_id)
+        .Field("address", h.nbt_root_address)
         .EndObject();
     w.Key("bbt_root")
         .BeginObject()
-        .Field("id", h.bbt_root.id)
-        .Field("address", h.bbt_root.address)
+        .Field("id", h.bbt_root_id)
+        .Field("address", h.bbt_root_address)
         .EndObject();
     size_t failed = 0;
     if (!db) {
@@ -279,18 +110,15 @@ int DumpJson(const Options& options, const Header& h, const std::shared_ptr<ndb:
         ++failed;
     } else {
         w.Key("nodes").BeginArray();
-        WalkNodes(
-            *db,
-            [&](const NodeLine& line) {
-                const ndb::node_info& i = line.info;
-                w.BeginObject().Field("id", i.id).Field("type", TypeName(i.id)).Field("parent", i.parent_id);
-                w.Field("data_bid", i.data_bid).Field("subnode_bid", i.sub_bid);
-                if (line.error.empty()) {
-                    w.Field("size", static_cast<uint64_t>(line.size))
-                        .Field("subnodes", static_cast<uint64_t>(line.subnodes));
+        db->Walk(
+            [&](const tarnpst::StoreNode& i) {
+                w.BeginObject().Field("id", i.id).Field("type", i.type).Field("parent", i.parent);
+                w.Field("data_bid", i.data_bid).Field("subnode_bid", i.subnode_bid);
+                if (i.error.empty()) {
+                    w.Field("size", i.size).Field("subnodes", i.subnodes);
                 } else {
                     ++failed;
-                    w.Field("error", line.error);
+                    w.Field("error", i.error);
                 }
                 w.EndObject();
             },
@@ -315,22 +143,24 @@ int DumpJson(const Options& options, const Header& h, const std::shared_ptr<ndb:
 int RunDump(const Args& args) {
     const auto options = Parse(args);
     if (!options) return 2;
-    // Ill-formed UTF-8 becomes U+FFFD, which then fails to open cleanly.
-    const std::u16string path = tarn::platform::Utf16FromUtf8(options->file);
-    Header header;
+    tarnpst::StoreHeader header;
     try {
-        header = ReadHeader(path);
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "tarnview dump: %s: header: %s\n", tarn::TerminalText(options->file).c_str(),
-                     tarn::TerminalText(e.what()).c_str());
+        header = tarnpst::ReadStoreHeader(options->file);
+    } catch (const tarnpst::Error& e) {
+        // The library's words name the file already.
+        const std::string words = e.what();
+        const std::string prefix = options->file + ": ";
+        std::fprintf(
+            stderr, "tarnview dump: %s: header: %s\n", tarn::TerminalText(options->file).c_str(),
+            tarn::TerminalText(words.rfind(prefix, 0) == 0 ? words.substr(prefix.size()) : words).c_str());
         return 1;
     }
-    std::shared_ptr<ndb::db_context> db;
+    std::optional<tarnpst::StoreNodes> db;
     std::string open_error;
     try {
-        db = ndb::open_database(path);
-    } catch (const std::exception& e) {
-        open_error = std::string("cannot open the store: ") + e.what();
+        db = tarnpst::StoreNodes::Open(options->file);
+    } catch (const tarnpst::Error& e) {
+        open_error = e.what();
     }
     return options->json ? DumpJson(*options, header, db, open_error)
                          : DumpText(*options, header, db, open_error);
