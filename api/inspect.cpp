@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "api/edge.h"
+#include "api/settings_scope.h"
 #include "cfb/compound_storage.h"
 #include "cfb/compound_stream.h"
 #include "cfb/format.h"
@@ -16,6 +17,9 @@
 #include "common/signatures.h"
 #include "host/toolkit_host.h"
 #include "platform/unicode.h"
+#include "pst/render/message_document.h"
+#include "pst/render/mime_reader.h"
+#include "pst/render/repairs.h"
 #include "store/ndb/database.h"
 #include "store/ndb/format.h"
 
@@ -327,6 +331,37 @@ void CompoundFile::ReadStream(const std::string& path,
     if (at < stream->size())
         throw Error(kStatusShortRead, "'" + path + "': short stream, " + std::to_string(at) + " of " +
                                           std::to_string(stream->size()) + " bytes");
+}
+
+MimeParts ListMimeParts(const std::string& path, const Settings* settings) {
+    return AtEdge(path, [&] {
+        std::optional<tarn::api::SettingsScope> scope;
+        if (settings != nullptr) scope.emplace(*settings);
+        const std::u16string wide = tarn::host::WideFromUtf8(path);
+        const tarn::KernelFileHandle handle(krnOpenFile(wide.c_str(), 0, tarn::kOpenShareMode));
+        if (!handle.valid()) throw Error(kStatusCannotOpen, path + ": cannot be opened");
+        tarn::MessageDocument record;
+        record.repairs = tarn::Repairs::Requested();  // the parts as the documents read them
+        std::vector<tarn::MimePartReport> reports;
+        tarn::MimeReadOptions read_options;
+        read_options.parts = &reports;
+        int32_t format = tarn::kBodyNone;
+        MimeParts out;
+        out.status = tarn::ReadEmlMessage(handle.get(), record, &format, read_options);
+        for (tarn::MimePartReport& r : reports) {
+            out.parts.push_back({r.depth, std::move(r.content_type), static_cast<int32_t>(r.type),
+                                 std::move(r.charset), std::move(r.transfer_encoding),
+                                 std::move(r.content_id), std::move(r.location), r.decoded_size,
+                                 std::move(r.fate)});
+        }
+        // What was walked before the reader gave up still helps to see why; the body is not there.
+        if (out.status != tarn::kStatusOk) return out;
+        out.body = format == tarn::kBodyHtml ? "html" : format == tarn::kBodyPlainText ? "text" : "none";
+        out.body_size = format == tarn::kBodyHtml        ? record.document.TextLength()
+                        : format == tarn::kBodyPlainText ? record.text_body.TextLength()
+                                                         : 0;
+        return out;
+    });
 }
 
 }  // namespace tarnpst

@@ -17,6 +17,7 @@
 #include "pst/filter_data.h"
 #include "pst/probe.h"
 #include "pst/pst.h"
+#include "pst/render/header_labels.h"
 #include "store/ndb/database.h"
 
 namespace tarnpst {
@@ -82,6 +83,12 @@ const char* FormatExtension(Format format) {
 }
 
 const char* StatusText(int32_t status) { return tarn::StatusText(status); }
+
+std::vector<uint16_t> HeaderLanguages() {
+    std::vector<uint16_t> languages;
+    for (const tarn::LanguageLabels& row : tarn::LanguageLabelRows()) languages.push_back(row.language);
+    return languages;
+}
 
 Source::Source(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 Source::~Source() = default;

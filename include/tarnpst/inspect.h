@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tarnpst/tarnpst.h"
 
@@ -93,6 +94,34 @@ class CompoundFile {
     explicit CompoundFile(std::unique_ptr<Impl> impl);
     std::unique_ptr<Impl> impl_;
 };
+
+// ---- An Internet message's MIME parts ----
+
+// One part as the reader saw it. Header values are the message's own bytes, in whatever set it
+// declares. Multipart containers are listed too, in front of their parts.
+struct MimePart {
+    int depth = 0;             // 0 for the message itself
+    std::string content_type;  // up to its first ";", as written
+    int32_t type_code = 0;     // the reader's type (-1 for any type it does not show)
+    std::string charset;
+    std::string transfer_encoding;
+    std::string content_id;  // without its angle brackets
+    std::string location;    // Content-Location, else the Content-Type's "name=" parameter
+    uint64_t decoded_size = 0;
+    std::string fate;  // "body", "inlined", "ignored: ..." and the reason
+};
+
+struct MimeParts {
+    std::vector<MimePart> parts;  // as far as the reader got
+    int32_t status = kStatusOk;   // the reader's; any other ends the list where it failed
+    const char* body = "none";    // "html", "text" or "none"
+    uint64_t body_size = 0;       // the body's bytes before the header block
+};
+
+// The parts of the Internet message at `path`, read as the documents read them: with `settings`'
+// profile, or without settings as the kernel's own answer asks. Throws Error (kStatusCannotOpen) when
+// the file cannot be opened.
+MimeParts ListMimeParts(const std::string& path, const Settings* settings = nullptr);
 
 }  // namespace tarnpst
 

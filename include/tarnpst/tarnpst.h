@@ -279,6 +279,10 @@ ExportResult Export(const std::vector<std::string>& sources, Sink& sink, const E
 ExportResult Export(const std::vector<std::string>& sources, const std::string& out,
                     const ExportOptions& options);
 
+// The languages the header block has labels of (Windows LANGIDs), English first; any other language
+// gets the row of its primary language, else English.
+std::vector<uint16_t> HeaderLanguages();
+
 // The filter's status code in words ("not enough memory", ...).
 const char* StatusText(int32_t status);
 

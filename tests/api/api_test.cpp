@@ -9,25 +9,12 @@
 #include <thread>
 #include <vector>
 
-#include "common/status.h"
-#include "host/toolkit_host.h"
 #include "kernel/tarnkrn_control.h"
-#include "pst/pst.h"
 #include "tarnpst/tarnpst.h"
-#include "tests/support/pst_writer.h"
-#include "tests/support/scratch_file.h"
-#include "tests/support/store_writer.h"
+#include "tests/pst/store_fixture.h"
 
 namespace tarn::testing {
 namespace {
-
-using fixture::StoreDescription;
-using fixture::StoreMessage;
-
-fixture::Bytes AsBytes(const std::string& text) {
-    return fixture::Bytes(reinterpret_cast<const std::byte*>(text.data()),
-                          reinterpret_cast<const std::byte*>(text.data()) + text.size());
-}
 
 StoreMessage Note(const std::string& subject, uint32_t importance, bool html) {
     StoreMessage m;
@@ -46,23 +33,12 @@ StoreMessage Note(const std::string& subject, uint32_t importance, bool html) {
 
 // What the entry points give for message `number` with the process-wide kernel settings given.
 std::string Reference(const std::string& path, int32_t number, bool text, uint16_t language, bool repairs) {
-    krnctlSetMode(3);
     krnctlSetLanguage(language);
     krnctlSetRepairs(repairs ? 1 : 0);
-    const host::EntryPoints entries{&fltInfo, &fltLoad, &fltFreeData};
-    std::string document;
-    {
-        host::Toolkit toolkit;
-        host::SourceSession session(host::WideFromUtf8(path));
-        const host::CallOutcome outcome =
-            host::CallLoad(entries, &session.BuildLoadRequest(number, text, false));
-        EXPECT_EQ(outcome.status, kStatusOk) << outcome.error;
-        for (const auto& call : toolkit.calls())
-            if (call.kind == host::LoaderKind::kLoadInMemory)
-                document.assign(reinterpret_cast<const char*>(call.document.data()), call.document.size());
-    }
+    const Loaded loaded = LoadMessage(host::WideFromUtf8(path), number, text);
+    EXPECT_EQ(loaded.status, kStatusOk) << loaded.error;
     krnctlReset();
-    return document;
+    return loaded.document;
 }
 
 // An in-memory sink: what the export writes, by file.

@@ -13,9 +13,9 @@
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn_control.h"
 #include "pst/filter_data.h"
+#include "tarnpst/tarnpst.h"
 #include "tools/tarnview/arguments.h"
 #include "tools/tarnview/commands.h"
-#include "tools/tarnview/documents.h"
 #include "tools/tarnview/filter_library.h"
 #include "tools/tarnview/language.h"
 
@@ -90,7 +90,8 @@ int RunRender(const Args& args) {
     std::string out = options->out;
     if (out.empty()) {
         out = std::filesystem::path(options->file).stem().string() + "-message-" +
-              std::to_string(options->message) + (options->text ? "-text" : "") + DocumentExtension(format);
+              std::to_string(options->message) + (options->text ? "-text" : "") +
+              tarnpst::FormatExtension(static_cast<tarnpst::Format>(format));
     }
     std::ofstream file(out, std::ios::binary | std::ios::trunc);
     file.write(reinterpret_cast<const char*>(call->document.data()),

@@ -5,7 +5,6 @@
 #include <cstdlib>
 
 #include "kernel/tarnkrn_control.h"
-#include "pst/render/header_labels.h"
 
 namespace tarnview {
 
@@ -67,12 +66,12 @@ std::string LanguageHelp() {
         {0x2C01, "Arabic"},
     };
     std::string out;
-    for (const tarn::LanguageLabels& row : tarn::LanguageLabelRows()) {
+    for (const uint16_t language : tarnpst::HeaderLanguages()) {
         char line[64];
         const char* name = "";
         for (const Name& n : kNames)
-            if (n.language == row.language) name = n.name;
-        std::snprintf(line, sizeof line, "  0x%04X  %s\n", row.language, name);
+            if (n.language == language) name = n.name;
+        std::snprintf(line, sizeof line, "  0x%04X  %s\n", language, name);
         out += line;
     }
     return out;
