@@ -27,15 +27,19 @@ def _export_one(source, out, folders, options):
 
 
 def _tasks(paths, split):
+    """(source, folder under out, folder set or None) for each task, in the order of `paths`."""
     for entry in paths:
-        source, folder_sets = (entry, split(entry) if split else None) if isinstance(entry, (str, os.PathLike)) else entry
+        if isinstance(entry, (str, bytes, os.PathLike)):
+            source, folder_sets = entry, split(entry) if split else None
+        else:
+            source, folder_sets = entry
         source = os.fsdecode(source)
         stem = os.path.splitext(os.path.basename(source))[0]
         if not folder_sets:
             yield source, stem, None
-        else:
-            for n, folders in enumerate(folder_sets, 1):
-                yield source, os.path.join(stem, "part-%d" % n), folders
+            continue
+        for n, folders in enumerate(folder_sets, 1):
+            yield source, os.path.join(stem, "part-%d" % n), folders
 
 
 def export_many(paths, out, client=None, retries=2, split=None, **options):
@@ -47,7 +51,9 @@ def export_many(paths, out, client=None, retries=2, split=None, **options):
     messages numbered as in the whole store. `split(path)`, when given, returns the folder sets of
     each plain path (None or [] for one task). Without a client, a LocalCluster of worker processes
     is started for the call and closed after it. A task that fails, or whose worker dies, is tried
-    again up to `retries` times. The options are those of tarnpst.export. Two sources with the same
+    again up to `retries` times; every task runs with resume (unless force=True is given), so a retry,
+    or a later call into the same `out`, finishes what an earlier one began. The options are those of
+    tarnpst.export. Two sources with the same
     stem would share a folder and raise ValueError; the first failed task's error is raised.
     """
     tasks = list(_tasks(paths, split))
