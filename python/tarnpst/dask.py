@@ -64,7 +64,7 @@ def export_many(paths, out, client=None, retries=2, split=None, **options):
     if client is None:
         from distributed import Client, LocalCluster
 
-        own = LocalCluster(processes=True, threads_per_worker=1, dashboard_address=None)
+        own = LocalCluster(processes=True, threads_per_worker=1, dashboard_address=":0")  # any free port
         client = Client(own)
     call = uuid.uuid4().hex  # a key of its own per call: Dask would hand back an earlier call's result
     try:
