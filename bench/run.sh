@@ -207,6 +207,20 @@ bench_eml() {
 # Inputs whose cost once grew with the square of their size, each at four sizes doubling: the release
 # tarnview render of each is timed once, and the growth per doubling printed. A growth above 2.2 or a
 # largest size above 1 s is flagged. Every run is stopped after TIMEOUT seconds (default 120).
+# The Python module on Dask: 8 copies of a 256 MiB make-store store through one process and through a
+# 2-worker LocalCluster (python3-distributed); copies and documents in memory (tmpfs) where there is one.
+bench_dask() {
+  scripts/deps.sh python
+  build_target _tarnpst make-store
+  local dir base
+  dir="$(mktemp -d /tmp/tarn-dask-bench.XXXXXX)"
+  base="$dir"
+  if [[ -d /dev/shm && -w /dev/shm ]]; then base="$(mktemp -d /dev/shm/tarn-dask-bench.XXXXXX)"; fi
+  "$build/tests/tools/make-store" --messages 14000 --folders 5 --body-bytes 8192 "$dir/made.pst" >/dev/null
+  PYTHONPATH="$build/python" "$python" bench/dask_export.py "$dir/made.pst" 8 2 "$base"
+  rm -rf "$dir" "$base"
+}
+
 bench_hostile() {
   build_target tarnview make_hostile
   local dir kind n i file seconds mib previous flag
@@ -244,7 +258,7 @@ bench_hostile() {
   rm -rf "$dir"
 }
 
-all=(cfb ndb pst ltp header deencapsulate msg eml export hostile)
+all=(cfb ndb pst ltp header deencapsulate msg eml export hostile dask)
 for name in "${@:-${all[@]}}"; do
   "bench_$name"
 done

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project needs, skipping those already installed.
-# Usage: scripts/deps.sh [build|test|bench|fuzz]...   (default: build)
+# Usage: scripts/deps.sh [build|test|bench|fuzz|python]...   (default: build)
 set -euo pipefail
 
 build=(cmake ninja-build g++ pkg-config libicu-dev libboost-iostreams-dev libfontconfig-dev libssl-dev)
@@ -10,6 +10,9 @@ test=(libgtest-dev libgmock-dev g++-multilib python3-olefile python3-pypff libgs
 bench=(libbenchmark-dev python3-olefile python3-pypff pst-utils pff-tools
        libemail-outlook-message-perl)  # msgconvert, beside the message-file benchmark
 fuzz=(clang-14 libclang-rt-14-dev)
+# The Python module, its offline build and install into a venv, Dask and pytest: Debian's, as PyPI is not reached.
+python=(python3-dev pybind11-dev python3-pybind11 python3-venv python3-pip python3-setuptools python3-wheel
+        python3-distributed python3-pytest)
 
 wanted=("${build[@]}")
 for set in "$@"; do
@@ -18,6 +21,7 @@ for set in "$@"; do
     test) wanted+=("${test[@]}") ;;
     bench) wanted+=("${bench[@]}") ;;
     fuzz) wanted+=("${fuzz[@]}") ;;
+    python) wanted+=("${python[@]}") ;;
     *) echo "deps.sh: unknown set '$set'" >&2; exit 2 ;;
   esac
 done
