@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project needs, skipping those already installed.
-# Usage: scripts/deps.sh [build|test|bench|fuzz]...   (default: build)
+# Usage: scripts/deps.sh [build|test|bench|fuzz|layout]...   (default: build)
 set -euo pipefail
 
 build=(cmake ninja-build g++ pkg-config libicu-dev libboost-iostreams-dev libfontconfig-dev libssl-dev)
@@ -10,6 +10,11 @@ test=(libgtest-dev libgmock-dev g++-multilib python3-olefile python3-pypff libgs
 bench=(libbenchmark-dev python3-olefile python3-pypff pst-utils pff-tools
        libemail-outlook-message-perl)  # msgconvert, beside the message-file benchmark
 fuzz=(clang-14 libclang-rt-14-dev)
+# The layout loader: a browser for HTML and text, an office suite for RTF, poppler for page counts and
+# pictures, and fonts metric-compatible with Calibri and Cambria so that page counts do not depend on a
+# fallback font.
+layout=(chromium libreoffice-writer-nogui poppler-utils zlib1g-dev fonts-crosextra-carlito
+        fonts-crosextra-caladea fonts-noto-core fonts-noto-cjk)
 
 wanted=("${build[@]}")
 for set in "$@"; do
@@ -18,6 +23,7 @@ for set in "$@"; do
     test) wanted+=("${test[@]}") ;;
     bench) wanted+=("${bench[@]}") ;;
     fuzz) wanted+=("${fuzz[@]}") ;;
+    layout) wanted+=("${layout[@]}") ;;
     *) echo "deps.sh: unknown set '$set'" >&2; exit 2 ;;
   esac
 done
