@@ -337,12 +337,16 @@ bool PageLayout::Lay(std::span<const std::byte> document, int32_t format, LaidOu
         return false;
     }
     bool ok;
-    if (rtf)
+    if (rtf) {
         ok = PrintWithOffice(path, &out->pdf, error);
-    else if (options_.keep_browser)
-        ok = PrintInBrowser(path, &out->pdf, error);
-    else
+    } else if (!options_.keep_browser) {
         ok = PrintWithNewBrowser(path, &out->pdf, error);
+    } else if (!(ok = PrintInBrowser(path, &out->pdf, error)) && OnPath("chromium")) {
+        // The kept browser lost the page (its renderer gone, a print refused): it is restarted for the
+        // next document, and this one gets a browser of its own.
+        ++fallbacks_;
+        ok = PrintWithNewBrowser(path, &out->pdf, error);
+    }
     std::remove(path.c_str());
     return ok && Measure(out, error);
 }
