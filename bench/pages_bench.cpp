@@ -45,7 +45,8 @@ std::vector<int32_t> Run(const char* label, bool keep_browser, const std::vector
     }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("%-28s %3zu documents, %4d pages in %6.1f s: %5.2f documents/s, %5.2f pages/s, %d failed",
-                label, documents.size(), total, seconds, documents.size() / seconds, total / seconds, failures);
+                label, documents.size(), total, seconds, documents.size() / seconds, total / seconds,
+                failures);
     if (keep_browser) std::printf(", %d laid out again by a browser of their own", layout.fallbacks());
     std::printf("\n");
     return pages;

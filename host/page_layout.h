@@ -63,9 +63,6 @@ class PageLayout {
     // Documents that the kept browser failed and a browser of their own laid out instead.
     int fallbacks() const { return fallbacks_; }
 
-    // Documents that the kept browser failed and a browser of their own laid out instead.
-    int fallbacks() const { return fallbacks_; }
-
   private:
     bool StartBrowser(std::string* error);
     void StopBrowser();
@@ -81,7 +78,6 @@ class PageLayout {
     Options options_;
     std::string scratch_;  // our own folder, removed with everything in it
     uint64_t documents_ = 0;
-    int fallbacks_ = 0;
     int fallbacks_ = 0;
     pid_t browser_ = -1;  // leads its own process group
     int to_browser_ = -1;
