@@ -3,6 +3,7 @@
 // render writes them). Each document's page count is compared between the two ways.
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <string>

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 
 #include "platform/unicode.h"
@@ -30,6 +31,8 @@ constexpr size_t kMaxMessageBytes = size_t{256} << 20;
 // What a child may print that we keep; a page picture is capped by its own size instead.
 constexpr size_t kMaxChildText = size_t{1} << 20;
 constexpr int64_t kMaxPageArea = int64_t{1} << 26;
+// Losses of the kept browser in a row after which it is given up for a browser per document.
+constexpr int kMaxKeptFailures = 3;
 
 // Chromium on this kind of machine runs as root, without a GPU, and must not reach out to the network:
 // its background connections are refused, and many at once make it stall.
@@ -201,9 +204,37 @@ std::string FileUrl(const std::string& path) {
     return url;
 }
 
-// A text document as a page of preformatted HTML. The text is UTF-16 behind FF FE, UTF-8 behind its
-// mark or without one; trailing NULs (a counted terminator) are not text.
-std::string TextAsHtml(std::span<const std::byte> document) {
+// Mail is shown, never run: no script, and nothing fetched but what the document carries as data: URIs.
+// Neither the network nor, through file: references, other files of this machine reach the page.
+constexpr std::string_view kPagePolicy =
+    "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; img-src data:; "
+    "style-src 'unsafe-inline' data:; font-src data:\">";
+
+// An HTML document with the policy in front, where the parser takes it into the head whatever follows;
+// behind a byte-order mark, and in UTF-16 when the mark says so.
+std::string GuardedHtml(std::string_view bytes) {
+    std::string mark;
+    bool utf16 = false, big_endian = false;
+    if (bytes.substr(0, 3) == "\xEF\xBB\xBF") {
+        mark = bytes.substr(0, 3);
+    } else if (bytes.substr(0, 2) == "\xFF\xFE" || bytes.substr(0, 2) == "\xFE\xFF") {
+        mark = bytes.substr(0, 2);
+        utf16 = true;
+        big_endian = bytes[0] == '\xFE';
+    }
+    std::string policy;
+    for (char c : kPagePolicy) {
+        if (utf16 && big_endian) policy += '\0';
+        policy += c;
+        if (utf16 && !big_endian) policy += '\0';
+    }
+    return mark + policy + std::string(bytes.substr(mark.size()));
+}
+
+// A text document as a page of preformatted HTML, or nothing when its UTF-16 is broken. The text is
+// UTF-16 behind FF FE, UTF-8 behind its mark or without one; trailing NULs (a counted terminator) are
+// not text.
+std::optional<std::string> TextAsHtml(std::span<const std::byte> document) {
     std::string_view bytes(reinterpret_cast<const char*>(document.data()), document.size());
     std::string text;
     if (bytes.size() >= 2 && bytes[0] == '\xFF' && bytes[1] == '\xFE') {
@@ -211,16 +242,18 @@ std::string TextAsHtml(std::span<const std::byte> document) {
         for (size_t i = 0; i < units.size(); ++i)
             units[i] = static_cast<char16_t>(static_cast<uint8_t>(bytes[2 + 2 * i]) |
                                              static_cast<uint8_t>(bytes[3 + 2 * i]) << 8);
-        text = platform::Utf8FromUtf16(units).value_or(std::string());
+        std::optional<std::string> utf8 = platform::Utf8FromUtf16(units);
+        if (!utf8) return std::nullopt;
+        text = std::move(*utf8);
     } else {
         if (bytes.substr(0, 3) == "\xEF\xBB\xBF") bytes.remove_prefix(3);
         text.assign(bytes);
     }
     while (!text.empty() && text.back() == '\0') text.pop_back();
-    std::string html =
-        "<!DOCTYPE html><html><head><meta charset=\"utf-8\"></head><body>"
-        "<pre style=\"white-space:pre-wrap;font-family:'Liberation Mono','Noto Sans Mono CJK "
-        "SC',monospace\">";
+    std::string html = "<!DOCTYPE html><html><head><meta charset=\"utf-8\">" + std::string(kPagePolicy) +
+                       "</head><body>"
+                       "<pre style=\"white-space:pre-wrap;font-family:'Liberation Mono','Noto Sans Mono CJK "
+                       "SC',monospace\">";
     for (char c : text) {
         switch (c) {
             case '&':
@@ -332,19 +365,29 @@ bool PageLayout::Lay(std::span<const std::byte> document, int32_t format, LaidOu
     const bool rtf = format == kFormatRtf;
     const std::string path = stem + (rtf ? ".rtf" : ".html");
     const std::string_view bytes(reinterpret_cast<const char*>(document.data()), document.size());
-    if (!WriteFile(path, format == kFormatText ? std::string_view(TextAsHtml(document)) : bytes)) {
+    std::optional<std::string> page = rtf                     ? std::string(bytes)
+                                      : format == kFormatText ? TextAsHtml(document)
+                                                              : GuardedHtml(bytes);
+    if (!page) {
+        *error = "the text document's UTF-16 is broken";
+        return false;
+    }
+    if (!WriteFile(path, *page)) {
         *error = path + ": cannot write";
         return false;
     }
     bool ok;
     if (rtf) {
         ok = PrintWithOffice(path, &out->pdf, error);
-    } else if (!options_.keep_browser) {
+    } else if (!options_.keep_browser || kept_failures_ >= kMaxKeptFailures) {
         ok = PrintWithNewBrowser(path, &out->pdf, error);
-    } else if (!(ok = PrintInBrowser(path, &out->pdf, error)) && OnPath("chromium")) {
-        // The kept browser lost the page (its renderer gone, a print refused): it is restarted for the
-        // next document, and this one gets a browser of its own.
+    } else if ((ok = PrintInBrowser(path, &out->pdf, error))) {
+        kept_failures_ = 0;
+    } else if (OnPath("chromium")) {
+        // The kept browser lost the page (its renderer gone, a print refused): this document gets a
+        // browser of its own, and after a few such losses in a row every later one does.
         ++fallbacks_;
+        ++kept_failures_;
         ok = PrintWithNewBrowser(path, &out->pdf, error);
     }
     std::remove(path.c_str());
@@ -504,8 +547,7 @@ bool PageLayout::Command(const std::string& method, const std::string& params, s
     // Answers carry their id first; events in between are skipped, the load event remembered.
     const std::string prefix = R"({"id":)" + std::to_string(id) + ",";
     for (;;) {
-        if (!ReadMessage(result, error)) return false;
-        if (result->find(R"("method":"Page.loadEventFired")") != std::string::npos) loaded_ = true;
+        if (!ReadMessage(result, error) || !NoteEvent(*result, error)) return false;
         if (result->compare(0, prefix.size(), prefix) != 0) continue;
         if (result->compare(prefix.size(), 8, R"("error")") == 0) {
             *error = "chromium: " + method + ": " + StringField(*result, "message");
@@ -515,11 +557,21 @@ bool PageLayout::Command(const std::string& method, const std::string& params, s
     }
 }
 
+bool PageLayout::NoteEvent(const std::string& message, std::string* error) {
+    if (message.find(R"("method":"Page.loadEventFired")") != std::string::npos) loaded_ = true;
+    // The page's renderer can go away under us; no answer or load event will come after that.
+    if (message.find(R"("method":"Inspector.detached")") != std::string::npos ||
+        message.find(R"("method":"Target.detachedFromTarget")") != std::string::npos) {
+        *error = "chromium lost the page: " + StringField(message, "reason");
+        return false;
+    }
+    return true;
+}
+
 bool PageLayout::AwaitLoad(std::string* error) {
     std::string message;
     while (!loaded_) {
-        if (!ReadMessage(&message, error)) return false;
-        if (message.find(R"("method":"Page.loadEventFired")") != std::string::npos) loaded_ = true;
+        if (!ReadMessage(&message, error) || !NoteEvent(message, error)) return false;
     }
     return true;
 }
@@ -542,8 +594,8 @@ bool PageLayout::PrintInBrowser(const std::string& html_path, std::string* pdf, 
          Command("Page.printToPDF",
                  R"({"paperWidth":8.5,"paperHeight":11,"printBackground":true,"preferCSSPageSize":true})",
                  &result, error);
-    if (ok && !DecodeBase64(StringField(result, "data"), pdf)) {
-        *error = "chromium: the PDF it sent is not base64";
+    if (ok && (!DecodeBase64(StringField(result, "data"), pdf) || pdf->empty())) {
+        *error = "chromium sent no PDF, or one that is not base64";
         ok = false;
     }
     if (!ok) StopBrowser();

@@ -36,8 +36,9 @@ struct PageBitmap {
 class PageLayout {
   public:
     struct Options {
-        // One browser kept for every document, driven through its DevTools pipe; false starts one per
-        // document, which costs the same for a single document and has no state to lose.
+        // One browser kept for every document, driven through its DevTools pipe; a document it fails
+        // gets a browser of its own, and after three failures in a row every document does. False
+        // starts one per document, which costs the same for a single document and has no state to lose.
         bool keep_browser = false;
         std::chrono::seconds timeout{60};          // for one document, each child
         std::chrono::seconds office_timeout{120};  // LibreOffice's first start builds its profile
@@ -69,6 +70,8 @@ class PageLayout {
     bool Command(const std::string& method, const std::string& params, std::string* result,
                  std::string* error);
     bool AwaitLoad(std::string* error);
+    // Remembers the load event; false when the message says the page is gone.
+    bool NoteEvent(const std::string& message, std::string* error);
     bool ReadMessage(std::string* message, std::string* error);
     bool PrintInBrowser(const std::string& html_path, std::string* pdf, std::string* error);
     bool PrintWithNewBrowser(const std::string& html_path, std::string* pdf, std::string* error);
@@ -79,7 +82,8 @@ class PageLayout {
     std::string scratch_;  // our own folder, removed with everything in it
     uint64_t documents_ = 0;
     int fallbacks_ = 0;
-    pid_t browser_ = -1;  // leads its own process group
+    int kept_failures_ = 0;  // in a row
+    pid_t browser_ = -1;     // leads its own process group
     int to_browser_ = -1;
     int from_browser_ = -1;
     std::string pending_;  // bytes read from the browser after the last whole message

@@ -3,7 +3,7 @@
 # Usage: scripts/deps.sh [build|test|bench|fuzz|layout]...   (default: build)
 set -euo pipefail
 
-build=(cmake ninja-build g++ pkg-config libicu-dev libboost-iostreams-dev libfontconfig-dev libssl-dev)
+build=(cmake ninja-build g++ pkg-config libicu-dev libboost-iostreams-dev libfontconfig-dev libssl-dev zlib1g-dev)
 test=(libgtest-dev libgmock-dev g++-multilib python3-olefile python3-pypff libgsf-bin pst-utils pff-tools
       clang-format-14 unrtf chromium  # independent readers of the documents
       fonts-liberation fonts-noto-cjk fonts-noto-core)  # the fonts the glyph test resolves Windows faces to
@@ -13,7 +13,7 @@ fuzz=(clang-14 libclang-rt-14-dev)
 # The layout loader: a browser for HTML and text, an office suite for RTF, poppler for page counts and
 # pictures, and fonts metric-compatible with Calibri and Cambria so that page counts do not depend on a
 # fallback font.
-layout=(chromium libreoffice-writer-nogui poppler-utils zlib1g-dev fonts-crosextra-carlito
+layout=(chromium libreoffice-writer-nogui poppler-utils fonts-crosextra-carlito
         fonts-crosextra-caladea fonts-noto-core fonts-noto-cjk)
 
 wanted=("${build[@]}")

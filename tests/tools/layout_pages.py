@@ -27,21 +27,27 @@ long_eml = os.path.join(work, "long.eml")
 with open(long_eml, "w") as f:
     f.write("From: Ada <ada@example.org>\nSubject: A long report\nContent-Type: text/plain\n\n")
     f.writelines(f"Line {i} of the report, which runs over several pages.\n" for i in range(200))
+# A message that points at a file of this machine: the page must not show it.
+secret, peek_eml = os.path.join(work, "secret.txt"), os.path.join(work, "peek.eml")
+open(secret, "w").write("LOCAL-FILE-SECRET")
+open(peek_eml, "w").write(f'Subject: Peek\nContent-Type: text/html\n\n<p>Seen</p><iframe src="file://{secret}">')
 
-# Source, then what the first page's text must hold: the header rows and the subject.
+# Source, then what the text must hold (the header rows and the subject), and what it must not.
 documents = [
+    (peek_eml, ["Subject:", "Peek", "Seen"], "LOCAL-FILE-SECRET"),
     (f"{repo}/samples/sample.pst", ["From:", "Subject:", "Welcome to Tarnpst"]),  # PST, HTML
     (f"{shared}/corpus/msg/ansi-simple-sent-fromtext.msg", ["From:", "Subject:", "BitDaddys Software"]),  # RTF
     (f"{repo}/samples/hello.eml", ["From:", "Subject:", "Notes on the engine"]),  # text
     (f"{shared}/corpus/eml/gb2312-8bit-chinese.eml", ["From:", "Subject:", "提示：您的企业成员暂时无法登录邮件客户端"]),
 ]
-for source, wanted in documents:
+for source, wanted, *unwanted in documents:
     pdf = os.path.join(work, os.path.basename(source) + ".pdf")
     r = run("render", source, "--pdf", "-o", pdf)
     check(r.returncode == 0, f"render --pdf {source}: {r.stderr}")
     if r.returncode == 0:
         text = poppler("pdftotext", pdf)
-        check(all(w in text for w in wanted), f"{source}: {wanted} not all in {text[:300]!r}")
+        check(all(w in text for w in wanted) and not any(u in text for u in unwanted),
+              f"{source}: {wanted} not all in, or {unwanted} in {text[:300]!r}")
 
 # The long message: info's pages, the PDF's pages, and page pictures at two resolutions.
 info = run("info", long_eml)
