@@ -2,7 +2,7 @@
 """tarnview's pages: the laid-out PDF of each source kind shows the header rows and the subject, a long
 message has as many pages in `info` as in its PDF, a page picture follows --dpi, and a missing browser
 or page is a clear failure. Usage: layout_pages.py TARNVIEW REPO SHARED"""
-import os, struct, subprocess, sys, tempfile
+import os, shutil, struct, subprocess, sys, tempfile
 
 tarnview, repo, shared = sys.argv[1:4]
 work = tempfile.mkdtemp()
@@ -79,6 +79,7 @@ for args, expected in pictures:
 r = run("render", long_eml, "--pdf", "-o", pdf, env={**os.environ, "PATH": "/nonexistent"})
 check(r.returncode == 1 and "chromium is not installed" in r.stderr, f"no browser: {r.stderr}")
 
+shutil.rmtree(work)
 for f in failures:
     print("FAIL:", f)
 sys.exit(1 if failures else 0)
