@@ -3,6 +3,7 @@
 # in one run so that the figures share the machine's state.
 #
 # Usage: bench/run.sh [NAME...]       NAME is a benchmark below (default: all of them).
+#                                     pages also needs scripts/deps.sh layout (run here).
 #                                     eml also needs the npm oracles (scripts/oracles.sh, run here).
 # Environment: BUILD_DIR (default build/release), JOBS (build parallelism, default 2).
 #
@@ -204,9 +205,6 @@ bench_eml() {
   rm -f "$json"
 }
 
-# Inputs whose cost once grew with the square of their size, each at four sizes doubling: the release
-# tarnview render of each is timed once, and the growth per doubling printed. A growth above 2.2 or a
-# largest size above 1 s is flagged. Every run is stopped after TIMEOUT seconds (default 120).
 # The Python module on Dask: 8 copies of a 256 MiB make-store store through one process and through a
 # 2-worker LocalCluster (python3-distributed); copies and documents in memory (tmpfs) where there is one.
 bench_dask() {
@@ -221,6 +219,25 @@ bench_dask() {
   rm -rf "$dir" "$base"
 }
 
+bench_pages() {
+  scripts/deps.sh layout
+  build_target pages_bench tarnview
+  local dir f tarnview
+  dir="$(mktemp -d)"
+  tarnview="$(cd "$build" && pwd)/tools/tarnview"
+  # The documents the toolkit's loader gets for twelve corpus Internet messages (HTML and text); RTF
+  # goes through LibreOffice either way, so it is left out of this comparison of browser starts.
+  for f in $(ls "$shared"/corpus/eml/*.eml | head -n 12); do
+    (cd "$dir" && "$tarnview" render "$f" >/dev/null 2>&1) || true
+  done
+  echo "== pages: the documents of $(ls "$dir" | wc -l) corpus messages laid out as PDF"
+  "$build/bench/pages_bench" "$dir"/*.html "$dir"/*.txt
+  rm -rf "$dir"
+}
+
+# Inputs whose cost once grew with the square of their size, each at four sizes doubling: the release
+# tarnview render of each is timed once, and the growth per doubling printed. A growth above 2.2 or a
+# largest size above 1 s is flagged. Every run is stopped after TIMEOUT seconds (default 120).
 bench_hostile() {
   build_target tarnview make_hostile
   local dir kind n i file seconds mib previous flag
@@ -258,7 +275,7 @@ bench_hostile() {
   rm -rf "$dir"
 }
 
-all=(cfb ndb pst ltp header deencapsulate msg eml export hostile dask)
+all=(cfb ndb pst ltp header deencapsulate msg eml export hostile dask pages)
 for name in "${@:-${all[@]}}"; do
   "bench_$name"
 done

@@ -1,6 +1,7 @@
 #include "host/toolkit_host.h"
 
 #include <array>
+#include <cmath>
 #include <cstring>
 #include <exception>
 #include <fstream>
@@ -77,6 +78,7 @@ int32_t RecordCall(LoaderKind kind, const LoadOptions* options, FileInfo* info, 
     CopyOptions(call, options);
     call.info = CopyInfo(info);
     toolkit->Record(std::move(call));
+    if (toolkit->uses_layout()) return toolkit->AnswerWithLayout(toolkit->calls().back(), info);
     const bool info_call = kind == LoaderKind::kInfoByName || kind == LoaderKind::kInfoInMemory;
     return info_call ? Describe(*toolkit, info) : toolkit->description().status;
 }
@@ -173,6 +175,62 @@ Toolkit::~Toolkit() {
 }
 
 Toolkit* Toolkit::Active() { return g_active; }
+
+void Toolkit::UseLayout(PageLayout* layout, PageBitmap* bitmap) {
+    layout_ = layout;
+    bitmap_ = bitmap;
+}
+
+int32_t Toolkit::AnswerWithLayout(const LoaderCall& call, FileInfo* info) {
+    layout_error_.clear();
+    const DocumentDescription& d = description_;
+    if (call.info == nullptr || info == nullptr) {
+        layout_error_ = "the loader was handed no file-info record";
+        return kStatusFailure;
+    }
+    const int32_t format = call.info->format;
+    if (!laid_out_ || laid_format_ != format || laid_document_ != call.document) {
+        laid_out_.reset();
+        LaidOutDocument laid;
+        if (!layout_->Lay(call.document, format, &laid, &layout_error_)) return kStatusFailure;
+        laid_out_ = std::move(laid);
+        laid_document_ = call.document;
+        laid_format_ = format;
+    }
+    // Pixels of a page at a resolution, to the nearest pixel, from its size in points.
+    const auto pixels = [](double points, int32_t dpi) {
+        return static_cast<int32_t>(std::lround(points * dpi / 72.0));
+    };
+    switch (call.kind) {
+        case LoaderKind::kInfoByName:
+        case LoaderKind::kInfoInMemory: {
+            const int32_t status = Describe(*this, info);
+            if (status != kStatusOk) return status;
+            info->width = pixels(laid_out_->width_points, d.x_resolution);
+            info->height = pixels(laid_out_->height_points, d.y_resolution);
+            info->total_pages = laid_out_->pages;
+            return kStatusOk;
+        }
+        case LoaderKind::kLoadByName:
+        case LoaderKind::kLoadInMemory: {
+            if (call.bitmap == nullptr || call.bitmap != bitmap_) {
+                layout_error_ = "the load was handed a bitmap the host did not give";
+                return kStatusFailure;
+            }
+            const int32_t page = call.had_options ? call.options.page_number : 1;
+            const int32_t dpi = call.info->x_resolution > 0 ? call.info->x_resolution : d.x_resolution;
+            const int32_t width =
+                call.info->width > 0 ? call.info->width : pixels(laid_out_->width_points, dpi);
+            const int32_t height =
+                call.info->height > 0 ? call.info->height : pixels(laid_out_->height_points, dpi);
+            return layout_->Rasterise(*laid_out_, page, dpi, width, height, bitmap_, &layout_error_)
+                       ? kStatusOk
+                       : kStatusFailure;
+        }
+        default:  // the alternative loads draw into no bitmap of ours
+            return d.status;
+    }
+}
 
 InfoByNameFn InfoByNameLoader() { return InfoByName; }
 InfoInMemoryFn InfoInMemoryLoader() { return InfoInMemory; }

@@ -9,10 +9,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "common/toolkit_records.h"
+#include "host/page_layout.h"
 #include "kernel/tarnkrn.h"
 
 namespace tarn::host {
@@ -93,9 +95,30 @@ class Toolkit {
     void ClearCalls() { calls_.clear(); }
     void Record(LoaderCall call) { calls_.push_back(std::move(call)); }
 
+    // With a layout, the loaders (still recording) lay out the document they are handed: an info call
+    // describes its real pages (their count, and the first page's size at the description's
+    // resolution), a standard load draws the requested page into `bitmap`, which must be the bitmap the
+    // load is handed, at the size and resolution of the file-info record it is handed. A layout that
+    // fails makes the loader return kStatusFailure, with the reason in layout_error(). Null: recording
+    // alone, the description answers.
+    void UseLayout(PageLayout* layout, PageBitmap* bitmap = nullptr);
+    bool uses_layout() const { return layout_ != nullptr; }
+    const std::string& layout_error() const { return layout_error_; }
+    // The last document laid out, or null.
+    const LaidOutDocument* laid_out() const { return laid_out_ ? &*laid_out_ : nullptr; }
+    // The loaders' answer when a layout is in use: `call` has just been recorded.
+    int32_t AnswerWithLayout(const LoaderCall& call, FileInfo* info);
+
   private:
     DocumentDescription description_;
     std::vector<LoaderCall> calls_;
+    PageLayout* layout_ = nullptr;
+    PageBitmap* bitmap_ = nullptr;
+    std::string layout_error_;
+    // The document behind laid_out_: the toolkit lays a document out once for its info and loads.
+    std::vector<std::byte> laid_document_;
+    int32_t laid_format_ = 0;
+    std::optional<LaidOutDocument> laid_out_;
     Toolkit* previous_;
 };
 

@@ -27,11 +27,15 @@ if [ "$(head -c 4 "$sample")" = '!BDN' ]; then
   echo
 fi
 
-echo "\$ tarnview info $sample"
+# info lays the document out to count its pages when the browser and poppler are there
+# (scripts/deps.sh layout); without them it keeps to the recording loaders' one-page answer.
+layout=()
+command -v chromium >/dev/null && command -v pdfinfo >/dev/null || layout=(--no-layout)
+echo "\$ tarnview info $sample ${layout[*]}"
 # tarnview exits 1 both when the filter declines the source and when it cannot do its own work; only
 # the first prints a report with the filter's status, and only that one is an honest demo result.
 status=0
-report="$("$tarnview" info "$sample" 2>&1)" || status=$?
+report="$("$tarnview" info "$sample" "${layout[@]}" 2>&1)" || status=$?
 printf '%s\n' "$report"
 if [ "$status" -eq 1 ] && grep -q '^status ' <<<"$report"; then
   echo "(the filter produced no document for this source; the status line says why)"

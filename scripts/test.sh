@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/deps.sh build test python
+scripts/deps.sh build test python layout
 scripts/oracles.sh
 
 # Every tracked source must be formatted as .clang-format says, by the pinned clang-format.

@@ -91,17 +91,6 @@ TEST(ToolkitHost, ActiveToolkitNests) {
     EXPECT_EQ(Toolkit::Active(), &outer);
 }
 
-TEST(ToolkitHost, ToolkitObjectAnswersItsModeFromTheFourthOperation) {
-    SourceSession session(u"doc.eml");
-    LoadRequest& load = session.BuildLoadRequest(1);
-    ASSERT_NE(load.toolkit_object, nullptr);
-    EXPECT_EQ(load.toolkit_object->LoadMode(), 0);
-    session.toolkit_object().mode = kLoadModeAlternative;
-    EXPECT_EQ(load.toolkit_object->LoadMode(), 10);
-    EXPECT_EQ(load.toolkit_object->Operation1(), 0);
-    EXPECT_EQ(session.toolkit_object().mode_queries, 2);
-}
-
 struct Freed {
     std::vector<void*> records;
 };

@@ -63,4 +63,18 @@ std::optional<unsigned> JobCount(const ParsedArguments& parsed, const char* comm
     return static_cast<unsigned>(value);
 }
 
+std::optional<int32_t> BoundedNumber(const ParsedArguments& parsed, const char* command, const char* option,
+                                     int32_t fallback, int32_t least, int32_t most) {
+    const std::optional<std::string> text = parsed.Value(option);
+    if (!text) return fallback;
+    char* end = nullptr;
+    const long long value = std::strtoll(text->c_str(), &end, 10);
+    if (end == text->c_str() || *end != '\0' || value < least || value > most) {
+        std::fprintf(stderr, "tarnview %s: %s: '%s' is not a number from %d to %d\n", command, option,
+                     text->c_str(), least, most);
+        return std::nullopt;
+    }
+    return static_cast<int32_t>(value);
+}
+
 }  // namespace tarnview

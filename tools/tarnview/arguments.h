@@ -47,6 +47,11 @@ std::optional<int32_t> MessageNumber(const ParsedArguments& parsed, const char* 
 // when absent), or nothing after printing the reason.
 std::optional<unsigned> JobCount(const ParsedArguments& parsed, const char* command, unsigned fallback);
 
+// The value of a numeric option from `least` to `most` (`fallback` when absent), or nothing after
+// printing the reason.
+std::optional<int32_t> BoundedNumber(const ParsedArguments& parsed, const char* command, const char* option,
+                                     int32_t fallback, int32_t least, int32_t most);
+
 }  // namespace tarnview
 
 #endif  // TARN_TOOLS_TARNVIEW_ARGUMENTS_H_

@@ -1,6 +1,7 @@
 // tarnview info: describes a source as the toolkit sees it. It loads the filter library the toolkit
 // would load and calls fltInfo through the toolkit stand-in, so that the exported library itself is
-// what answers.
+// what answers. The toolkit's layout loaders answer it with the real pages of the document, unless
+// --no-layout keeps to the recording loaders and their fixed description.
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -11,6 +12,7 @@
 #include "common/json_writer.h"
 #include "common/status.h"
 #include "common/terminal_text.h"
+#include "host/page_layout.h"
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn.h"
 #include "kernel/tarnkrn_control.h"
@@ -40,16 +42,17 @@ struct Options {
     std::string file;
     int32_t message = 1;
     bool json = false;
+    bool layout = true;
 };
 
 std::optional<Options> Parse(const Args& args) {
-    const auto parsed =
-        ParseArguments(args, {"info", {"--json", "--compat"}, {"--message", "--lang"}, {"FILE"}, {}});
+    const auto parsed = ParseArguments(
+        args, {"info", {"--json", "--compat", "--no-layout"}, {"--message", "--lang"}, {"FILE"}, {}});
     if (!parsed) return std::nullopt;
     const auto message = MessageNumber(*parsed, "info");
     if (!message || !ApplyLanguage(*parsed, "info")) return std::nullopt;
     ApplyProfile(*parsed);
-    return Options{parsed->positional[0], *message, parsed->Has("--json")};
+    return Options{parsed->positional[0], *message, parsed->Has("--json"), !parsed->Has("--no-layout")};
 }
 
 }  // namespace
@@ -79,7 +82,9 @@ int RunInfo(const Args& args) {
     tarn::InputKind kind = tarn::kInputUnsupported;
     const bool probed = tarn::ProbeSource(handle, &kind) == tarn::kStatusOk;
 
+    tarn::host::PageLayout layout;
     tarn::host::Toolkit toolkit;
+    if (options->layout) toolkit.UseLayout(&layout);
     tarn::InfoRequest& request = session.BuildInfoRequest(handle, options->message);
     const tarn::host::CallOutcome outcome = tarn::host::CallInfo(entries, &request);
     krnCloseFile(handle);
@@ -128,6 +133,10 @@ int RunInfo(const Args& args) {
         std::fprintf(stderr, "tarnview info: %s: %s\n", tarn::TerminalText(options->file).c_str(),
                      tarn::TerminalText(released.error).c_str());
         return 1;
+    }
+    if (!toolkit.layout_error().empty()) {
+        std::fprintf(stderr, "tarnview info: %s: layout: %s\n", tarn::TerminalText(options->file).c_str(),
+                     tarn::TerminalText(toolkit.layout_error()).c_str());
     }
     if (!ok) {
         std::fprintf(stderr, "tarnview info: %s: fltInfo returned %d (%s)\n",

@@ -19,13 +19,13 @@ struct Command {
 
 const Command kCommands[] = {
     {"info", tarnview::RunInfo,
-     "info FILE [--message N] [--lang LANGID] [--compat] [--json]   describe a source as the toolkit sees "
-     "it"},
+     "info FILE [--message N] [--lang LANGID] [--compat] [--json] [--no-layout]   describe a source as the "
+     "toolkit sees it, its pages laid out"},
     {"dump", tarnview::RunDump, "dump FILE [--json]                 a PST's header and every node"},
     {"render", tarnview::RunRender,
-     "render FILE [--message N] [--text] [--lang LANGID] [--compat] [-o OUT]   write the document the "
-     "toolkit's loader "
-     "receives"},
+     "render FILE [--message N] [--text] [--lang LANGID] [--compat] [-o OUT]\n"
+     "    [--pdf | --png [--page N] [--dpi D]]   write the document the toolkit's loader receives, or "
+     "its laid-out PDF, or one page as a picture"},
     {"list", tarnview::RunList,
      "list FILE [--json] [--jobs N]      a PST's messages in the filter's order, read on N threads"},
     {"export", tarnview::RunExport,
