@@ -98,15 +98,16 @@ class ParallelWalk {
         for (const tarn::ndb::db_ptr& reader : readers)
             threads.emplace_back([this, reader] { WorkerLoop(reader); });
 
-        // The folder a store error ended, while its chunks come.
-        std::optional<tarn::ndb::node_id> ended;
+        // The folder a store error ended, while its chunks come; 0 for none, as no folder has node id 0.
+        // (Not an optional: GCC 12's optimiser takes one for uninitialised here.)
+        tarn::ndb::node_id ended = 0;
         while (!stopped_) {
             PlanAhead(planner, window);
             std::unique_lock lock(mutex_);
             if (chunks_.empty()) break;
             Chunk& front = *chunks_.front();
-            if (ended && front.folder != *ended) ended.reset();
-            if (ended) {
+            if (ended != 0 && front.folder != ended) ended = 0;
+            if (ended != 0) {
                 // The rest of a folder that a store error ended is not the walk's any more.
                 Drop(lock);
                 continue;
@@ -282,7 +283,7 @@ class ParallelWalk {
     // Hands the front chunk's next result to `finish`. Results go over one by one, so that what waits
     // is bounded by bytes, not chunks. Requires: `lock` holds mutex_ and the chunk has a result.
     void HandOver(std::unique_lock<std::mutex>& lock, Chunk& front, const Finish& finish, const Fail& fail,
-                  std::optional<tarn::ndb::node_id>& ended) {
+                  tarn::ndb::node_id& ended) {
         Result result = std::move(front.results.front().first);
         const bool over = waiting_bytes_ >= settings_.byte_budget;
         waiting_bytes_ -= front.results.front().second;

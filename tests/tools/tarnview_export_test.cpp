@@ -506,9 +506,10 @@ TEST(TarnviewExport, ForceReplacesLinksWithoutWritingThroughThemAndRemovesWhatIt
 
 TEST(TarnviewExport, OtherSourcesGiveTheirAttachmentsWordsForTheirStatusAndValidJsonForAnyName) {
     ScratchDir dir;
-    // A name that is not UTF-8 cannot be opened; a multipart whose lines end in LF alone has no part
-    // the filter finds.
-    const std::string lf_only = "Content-Type: multipart/mixed; boundary=b\n\n--b\n\nx\n--b--\n";
+    // A name that is not UTF-8 cannot be opened; a message without header fields whose one part is of a
+    // type that is not shown gives no document.
+    const std::string lf_only =
+        "Content-Type: multipart/mixed; boundary=b\n\n--b\nContent-Type: application/x-none\n\nx\n--b--\n";
     const fs::path corpus = fs::path(TARN_SHARED_DIR) / "corpus";
     const std::string sources[] = {dir.Write("caf\xff.eml", lf_only).string(),
                                    dir.Write("lf.eml", lf_only).string(),
