@@ -11,6 +11,7 @@
 #include <exception>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <span>
@@ -31,6 +32,7 @@
 #include "common/apiutils.h"
 #include "common/little_endian.h"
 #include "common/status.h"
+#include "host/page_layout.h"
 #include "host/toolkit_host.h"
 #include "kernel/tarnkrn_control.h"
 #include "pst/composer.h"
@@ -229,6 +231,32 @@ struct ExportRun {
     bool cancelled = false;  // the progress callback asked to stop
 
     bool Stopped() const { return cancelled || !sink.Stopped().empty(); }
+
+    // With ExportOptions::pdf: lays out the document just written at `file` (of the toolkit's `format`)
+    // and writes the PDF beside it under a name of its own, noting it in `row`, or why not as its error.
+    void WritePdf(const fs::path& file, std::span<const std::byte> document, int32_t format,
+                  ManifestRow& row) {
+        if (!options.pdf || !row.error.empty() || Stopped()) return;
+        // One browser for the whole export, started at the first document.
+        if (!layout) layout = std::make_unique<tarn::host::PageLayout>(tarn::host::PageLayout::Options{true});
+        tarn::host::LaidOutDocument laid;
+        std::string why;
+        if (!layout->Lay(document, format, &laid, &why)) {
+            row.error = "layout: " + why;
+            return;
+        }
+        const fs::path dir = file.parent_path();
+        const fs::path pdf = dir / names.Claim(dir.string(), file.stem().string() + ".pdf");
+        const std::span<const std::byte> bytes(reinterpret_cast<const std::byte*>(laid.pdf.data()),
+                                               laid.pdf.size());
+        row.error = sink.WriteFile(pdf.string(), bytes);
+        if (!row.error.empty()) return;
+        row.pdf = pdf.string();
+        row.pdf_bytes = bytes.size();
+        row.pdf_sha256 = Sha256Hex(bytes);
+        row.pages = laid.pages;
+    }
+    std::unique_ptr<tarn::host::PageLayout> layout;  // with ExportOptions::pdf, once a document needs it
 
     // A row that does not count as a message done (a store that cannot be walked, rows a failure ends).
     void AddRow(const ManifestRow& row) {
@@ -473,6 +501,8 @@ class StoreExport {
             Write(file, record.document.data(), record.document.length(), row.file, row.bytes, row.sha256,
                   row.error);
             row.exported = row.error.empty();
+            run_.WritePdf(file, std::span(record.document.data(), record.document.length()), *row.format,
+                          row);
             // The worker's reader and message are its own: the attachments are read again here.
             if (options_.attachments && !run_.Stopped()) {
                 try {
@@ -728,6 +758,7 @@ void ExportSingle(ExportRun& run, const std::string& source, const fs::path& bas
         row.file = file.string();
         row.bytes = document.size();
         row.sha256 = Sha256Hex(document);
+        run.WritePdf(file, document, format, row);
     }
     if (run.options.attachments && !run.Stopped()) {
         const fs::path dir = base / (stem + kAttachmentsSuffix);

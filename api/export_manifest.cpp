@@ -200,6 +200,11 @@ std::optional<ListedRow> RowOf(std::string line) {
         row.files.push_back(*document);
     else
         row.clean = false;
+    if (const std::string pdf = Text(value->Find("pdf")); !pdf.empty()) {
+        row.files.push_back(
+            {pdf, Number(value->Find("pdf_bytes")).value_or(0), Text(value->Find("pdf_sha256"))});
+        row.pdf = true;
+    }
     if (const JsonValue* attachments = value->Find("attachments")) {
         for (const JsonValue& a : attachments->items) {
             if (!Text(a.Find("error")).empty()) row.clean = false;
@@ -231,6 +236,13 @@ std::string Serialize(const Row& row) {
     json.Field("bytes", static_cast<uint64_t>(row.bytes));
     WriteOptional(json, "file", row.file);
     WriteOptional(json, "sha256", row.sha256);
+    // Only an export that lays documents out lists their PDFs.
+    if (!row.pdf.empty() || row.pages) {
+        WriteOptional(json, "pdf", row.pdf);
+        json.Field("pdf_bytes", static_cast<uint64_t>(row.pdf_bytes));
+        WriteOptional(json, "pdf_sha256", row.pdf_sha256);
+        json.Field("pages", row.pages);
+    }
     json.Field("status", row.status);
     json.Field("exported", row.exported).Field("text_fallback", row.text_fallback);
     // Every row says which repairs its document needed, so that a reviewer can see what was changed.
@@ -312,6 +324,7 @@ bool Manifest::Flush() {
 void Manifest::Add(const Row& row) {
     ++rows_;
     if (row.exported) ++exported_, bytes_ += row.bytes;
+    if (!row.pdf.empty()) bytes_ += row.pdf_bytes;
     if (!row.error.empty()) ++failures_;
     for (const AttachmentRow& a : row.attachments) {
         if (!a.error.empty()) ++failures_;
@@ -323,7 +336,7 @@ void Manifest::Add(const Row& row) {
 void Manifest::Keep(const ListedRow& row) {
     ++rows_;
     ++exported_;
-    attachments_ += static_cast<int>(row.files.size()) - 1;
+    attachments_ += static_cast<int>(row.files.size()) - 1 - (row.pdf ? 1 : 0);
     for (const ListedFile& file : row.files) bytes_ += file.bytes;
     waiting_ += row.line + '\n';
 }

@@ -36,7 +36,8 @@ struct ListedRow {
     // Exported without an error anywhere in the row, every file with its size and checksum: the row
     // stands as it is once its files are found so.
     bool clean = false;
-    std::vector<ListedFile> files;  // the files it lists: the document first, then the attachments
+    std::vector<ListedFile> files;  // the files it lists: the document first, its PDF, the attachments
+    bool pdf = false;               // a PDF among them
 };
 
 // The message rows of the manifest at `path`, in order. A line that is not a whole JSON object (the

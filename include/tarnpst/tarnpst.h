@@ -208,8 +208,14 @@ struct ManifestRow {
     std::string filter_note;
     std::vector<ManifestAttachment> attachments;
     std::string repairs;  // what was mended for the document, comma-separated; empty when nothing
-    bool kept = false;    // an earlier export's row, standing as it was (resume); only `source`, `index`
-                          // and `file` are filled
+    // With ExportOptions::pdf, the document laid out as pages beside it: its file (relative to the
+    // export's root; empty when not written), size, checksum and page count.
+    std::string pdf;
+    uint64_t pdf_bytes = 0;
+    std::string pdf_sha256;
+    std::optional<int32_t> pages;
+    bool kept = false;  // an earlier export's row, standing as it was (resume); only `source`, `index`
+                        // and `file` are filled
 };
 
 // Where an export's files and rows go. Paths are relative and made of portable components (never "..",
@@ -259,6 +265,9 @@ struct ExportOptions {
     // Return the rows in ExportResult::rows; without it an export's memory stays flat however many
     // messages it writes (the manifest lists them all the same).
     bool keep_rows = true;
+    // Each document also laid out as a PDF beside it (a browser for HTML and text, an office suite for
+    // RTF); a document that cannot be laid out keeps its row's document, with the reason as its error.
+    bool pdf = false;
 };
 
 struct ExportResult {

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """tarnview's pages: the laid-out PDF of each source kind shows the header rows and the subject, a long
 message has as many pages in `info` as in its PDF, a page picture follows --dpi, and a missing browser
-or page is a clear failure. Usage: layout_pages.py TARNVIEW REPO SHARED"""
-import os, shutil, struct, subprocess, sys, tempfile
+or page is a clear failure; an export lays each document out beside it. Usage: layout_pages.py TARNVIEW REPO SHARED"""
+import json, os, shutil, struct, subprocess, sys, tempfile
 
 tarnview, repo, shared = sys.argv[1:4]
 work = tempfile.mkdtemp()
@@ -74,6 +74,20 @@ for args, expected in pictures:
         size = struct.unpack(">II", open(png, "rb").read()[16:24]) if r.returncode == 0 else r.stderr
         check(size == expected, f"--png {args}: {size} instead of {expected}")
         os.remove(png)
+
+# export --pdf: a PDF beside each document, which the manifest names with its pages, as pdfinfo counts
+# them; a document that cannot be laid out keeps its row, with the reason.
+out = os.path.join(work, "export")
+r = run("export", f"{repo}/samples/sample.pst", long_eml, "-o", out, "--pdf")
+rows = [json.loads(l) for l in open(os.path.join(out, "manifest.jsonl")) if '"summary"' not in l]
+check(r.returncode == 0 and rows and all(row.get("pdf") for row in rows), f"export --pdf: {r.stderr} {rows}")
+for row in rows:
+    pdf_pages = int(next(l.split()[1] for l in poppler("pdfinfo", os.path.join(out, row["pdf"])).splitlines()
+                         if l.startswith("Pages:")))
+    check(row["pages"] == pdf_pages and row["pdf"].endswith(".pdf"), f"export --pdf: {row}")
+r = run("export", long_eml, "-o", out + "2", "--pdf", env={**os.environ, "PATH": "/nonexistent"})
+row = json.loads(open(os.path.join(out + "2", "manifest.jsonl")).readline())
+check(r.returncode == 1 and row["file"] and "chromium is not installed" in row["error"], f"export, no browser: {row}")
 
 # Without a browser on the path, a clear reason at once.
 r = run("render", long_eml, "--pdf", "-o", pdf, env={**os.environ, "PATH": "/nonexistent"})

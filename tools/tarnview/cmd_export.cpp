@@ -29,7 +29,7 @@ struct Options {
 
 std::optional<Options> Parse(const Args& args) {
     ArgumentSpec spec{"export",
-                      {"--text", "--attachments", "--force", "--resume", "--compat"},
+                      {"--text", "--attachments", "--force", "--resume", "--compat", "--pdf"},
                       {"-o", "--lang", "--jobs"},
                       {"SOURCE"},
                       {}};
@@ -51,6 +51,7 @@ std::optional<Options> Parse(const Args& args) {
     e.attachments = parsed->Has("--attachments");
     e.force = parsed->Has("--force");
     e.resume = parsed->Has("--resume");
+    e.pdf = parsed->Has("--pdf");
     // The rows are in the manifest; this process keeps none of them.
     e.keep_rows = false;
     return options;

@@ -30,8 +30,7 @@ const Command kCommands[] = {
      "list FILE [--json] [--jobs N]      a PST's messages in the filter's order, read on N threads"},
     {"export", tarnview::RunExport,
      "export SOURCE... -o DIR [--text] [--lang LANGID] [--compat] [--attachments] [--force] [--resume]\n"
-     "    [--jobs N]   every "
-     "message as a document file, with manifest.jsonl"},
+     "    [--jobs N] [--pdf]   every message as a document file (and its laid-out PDF), with manifest.jsonl"},
     {"parts", tarnview::RunParts,
      "parts FILE [--json]                an Internet message's MIME parts and what became of each"},
     {"cfb", tarnview::RunCfb, "cfb FILE [PATH] [--json]           a compound file's directory, or a stream"},
