@@ -86,6 +86,12 @@ py::dict RowDict(const tarnpst::ManifestRow& row) {
                  "repairs"_a = RepairsOf(row.repairs), "error"_a = TextOrNone(row.error),
                  "filter_reaches"_a = row.filter_reaches, "filter_status"_a = OrNone(row.filter_status),
                  "filter_note"_a = TextOrNone(row.filter_note), "attachments"_a = attachments);
+    if (!row.pdf.empty() || row.pages) {
+        out["pdf"] = TextOrNone(row.pdf);
+        out["pdf_bytes"] = row.pdf_bytes;
+        out["pdf_sha256"] = TextOrNone(row.pdf_sha256);
+        out["pages"] = OrNone(row.pages);
+    }
     if (row.kept) out["kept"] = true;
     return out;
 }
@@ -129,8 +135,8 @@ py::object DocumentOf(tarnpst::Document document) {
 
 py::list Export(const std::vector<std::string>& sources, const std::string& out, bool attachments,
                 std::optional<unsigned> jobs, py::object progress, bool text, std::optional<int> lang,
-                bool compat, bool force, bool resume, const std::vector<std::string>& folders,
-                bool keep_rows) {
+                bool compat, bool force, bool resume, const std::vector<std::string>& folders, bool keep_rows,
+                bool pdf) {
     tarnpst::ExportOptions options;
     options.settings = SettingsOf(lang, compat);
     options.text = text;
@@ -140,6 +146,7 @@ py::list Export(const std::vector<std::string>& sources, const std::string& out,
     options.jobs = jobs.value_or(0);
     options.folders = folders;
     options.keep_rows = keep_rows;
+    options.pdf = pdf;
     options.progress_total = !progress.is_none();
     // An exception raised by the callback stops the export after the message in hand and is raised
     // again once the export has returned; False from the callback stops it the same way, quietly.
@@ -258,6 +265,6 @@ PYBIND11_MODULE(_tarnpst, m) {
     m.def("export", &Export, "sources"_a, "out"_a, py::kw_only(), "attachments"_a = false,
           "jobs"_a = py::none(), "progress"_a = py::none(), "text"_a = false, "lang"_a = py::none(),
           "compat"_a = false, "force"_a = false, "resume"_a = false, "folders"_a = std::vector<std::string>{},
-          "keep_rows"_a = true);
+          "keep_rows"_a = true, "pdf"_a = false);
     m.def("status_text", &tarnpst::StatusText, "status"_a);
 }

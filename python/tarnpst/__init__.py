@@ -51,7 +51,8 @@ def export(paths, out, attachments=False, jobs=None, progress=None, **options):
     those of tarnview export: text, lang (a LANGID), compat, force, resume, and folders (the paths
     Source.folders() gives; only their messages are written, numbered as in the whole store);
     keep_rows=False returns no rows, so that memory stays flat however large the sources are (the
-    manifest lists them all the same).
+    manifest lists them all the same); pdf=True lays each document out beside it (rows gain "pdf",
+    "pdf_bytes", "pdf_sha256" and "pages").
     A message that fails is recorded in its row; Error is raised only when the export cannot start
     or stops before its end.
     """
