@@ -178,7 +178,8 @@ TEST_F(RtfHeader, FontsAddedToABodyWithoutATableOrWithOneBehindPard) {
 
 TEST_F(RtfHeader, ABodyInUtf8TakesItsHeaderAsUnicodeWhenRepaired) {
     krnctlSetLanguage(0x0409);
-    const std::string body = "{\\rtf1\\ansi\\ansicpg65001\\deff0{\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}}\\pard a}";
+    const std::string body =
+        "{\\rtf1\\ansi\\ansicpg65001\\deff0{\\fonttbl{\\f0\\fswiss\\fcharset0 Arial;}}\\pard a}";
     for (const bool repaired : {false, true}) {
         MessageDocument record;
         record.repairs = Repairs(repaired);
