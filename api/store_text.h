@@ -9,13 +9,14 @@
 #include <string>
 #include <string_view>
 
+#include "platform/codepage.h"
 #include "store/ltp/property_object.h"
 
 namespace tarn::api {
 
 constexpr tarn::ltp::prop_id kPropMessageCodePage = 0x3FFD;
 constexpr tarn::ltp::prop_id kPropInternetCodePage = 0x3FDE;
-constexpr uint32_t kDefaultCodePage = 1252;
+constexpr uint32_t kDefaultCodePage = tarn::platform::kCpWestern;
 
 // The code page of the object's 8-bit strings: 0x3FFD, else 0x3FDE, else 1252; a 7-bit internet form
 // (ISO-2022-JP, -KR, HZ, US-ASCII) stands for the Windows page of its script (932, 949, 936, 1252).

@@ -26,6 +26,7 @@ namespace tarn::platform {
 
 constexpr uint32_t kCpAcp = 0;
 constexpr uint32_t kCpSymbol = 42;
+constexpr uint32_t kCpWestern = 1252;  // Windows-1252, where a store or message names no code page
 constexpr uint32_t kCpUtf7 = 65000;
 constexpr uint32_t kCpUtf8 = 65001;
 

@@ -27,7 +27,6 @@ constexpr unsigned char kUtf8Mark[] = {0xEF, 0xBB, 0xBF};
 constexpr ltp::prop_id kPropMessageCodePage = 0x3FFD;
 constexpr ltp::prop_id kPropInternetCodePage = 0x3FDE;
 constexpr uint32_t kCodePageUtf16 = 1200;
-constexpr uint32_t kCodePageWestern = 1252;
 constexpr uint32_t kCodePageUtf8 = 65001;
 
 // Room for an attachment name of a usual length in UTF-8; longer names grow the buffer.
@@ -57,7 +56,7 @@ uint32_t TextCodePage(const ltp::const_property_object& message) {
         if (message.prop_exists(id) && message.get_value_4(id) != 0)
             return StoredStringCodePage(message.get_value_4(id));
     }
-    return kCodePageWestern;
+    return platform::kCpWestern;
 }
 
 // The text body in UTF-8 into `out`. Units that are not UTF-16 (a lone surrogate) and bytes the code

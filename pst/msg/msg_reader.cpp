@@ -32,7 +32,6 @@ constexpr size_t kCompTypeOffset = 8;
 constexpr size_t kStreamTerminator = 2;
 // Streams are copied in pieces of this size; the buffer is reserved once beforehand.
 constexpr size_t kReadPiece = 64 * 1024;
-constexpr uint32_t kWesternCodePage = 1252;
 
 // The first entry of the property stream with this type and id: its 8 value bytes, or none.
 std::optional<uint64_t> FindFixedProperty(const CountedString& stream, uint16_t type, uint16_t id) {
@@ -184,8 +183,8 @@ int32_t InlineAttachment(MessageReads& reads, size_t attachment, ImageInliner& i
     std::string reference;
     const int32_t found = images.Find(file_name.text(), content_id.text(), &reference);
     if (found == kStatusOk) return InlineAttachmentData(reads, attachment, reference, images);
-    if (found != kStatusNotPresent || long_named == nullptr)
-        return found == kStatusNotPresent ? kStatusOk : found;
+    if (found != kStatusNotPresent) return found;  // a failure
+    if (long_named == nullptr) return kStatusOk;
     CountedString long_name;
     if (const int32_t status = ReadString(reads, attachment, kMsgAttachLongNameStream, long_name);
         status < kStatusOk)
@@ -352,7 +351,7 @@ int32_t ReadOpenMessage(const cfb::CompoundStorage& storage, MessageDocument& re
             ReadEntry(reads, reads.storage.directory().find_child(0, kMsgPropertiesStream), properties);
         if (read != kStatusOk && read != kStatusNotPresent) return read;
         reads.repairs = &record.repairs;
-        reads.eight_bit_code_page = kWesternCodePage;
+        reads.eight_bit_code_page = platform::kCpWestern;
         for (const uint16_t id : {kMsgPropMessageCodePage, kMsgPropInternetCodePage}) {
             const std::optional<uint64_t> page = FindFixedProperty(properties, kMsgTypeLong, id);
             if (page && static_cast<uint32_t>(*page) != 0) {

@@ -275,12 +275,11 @@ uint32_t StoredStringCodePage(uint32_t named) {
 }
 
 int32_t EightBitToUtf8(std::string_view bytes, uint32_t code_page, CountedString& out) {
-    constexpr uint32_t kWesternCodePage = 1252;
     if (bytes.size() > static_cast<size_t>(INT32_MAX) / 4) return kStatusFailure;
     const int size = static_cast<int>(bytes.size());
     int units = platform::MultiByteToWideChar(code_page, 0, bytes.data(), size, nullptr, 0);
     if (units <= 0) {
-        code_page = kWesternCodePage;
+        code_page = platform::kCpWestern;
         units = platform::MultiByteToWideChar(code_page, 0, bytes.data(), size, nullptr, 0);
     }
     std::u16string wide(static_cast<size_t>(std::max(units, 0)), u'\0');

@@ -18,7 +18,6 @@ namespace {
 constexpr std::string_view kFallbackFaces[] = {"Arial", "Symbol", "MS Gothic", "Batang", "Gulim", "Symbol"};
 
 constexpr int kMaxUnits = std::numeric_limits<int>::max();
-constexpr uint32_t kWesternCodePage = 1252;
 
 bool IsAscii(char16_t unit) { return unit < 0x80; }
 
@@ -340,7 +339,8 @@ int32_t EncodeRtfUnicode(GrowBuffer* out, RtfFontTable& table, int32_t& current_
     const bool unicode = table.document_code_page == platform::kCpUtf8 && repairs != nullptr &&
                          repairs->Make(Repair::kRtfUnicodeHeader);
     if (current_font == kNoFont) {
-        const int32_t font = FontForCodePage(table, unicode ? kWesternCodePage : table.document_code_page);
+        const int32_t font =
+            FontForCodePage(table, unicode ? platform::kCpWestern : table.document_code_page);
         if (font < 0) return font;
         current_font = font;
     }
